@@ -1,0 +1,37 @@
+# The options every target of this project is compiled and linked with, as one INTERFACE target.
+include(CheckCXXCompilerFlag)
+include(CheckPIESupported)
+include(CheckLinkerFlag)
+
+check_pie_supported(LANGUAGES CXX)
+set(CMAKE_POSITION_INDEPENDENT_CODE ON)
+
+add_library(norvak_options INTERFACE)
+
+# Files over 2 GiB, 64-bit inode numbers and times after 2038, on 32-bit hosts too.
+target_compile_definitions(norvak_options INTERFACE _FILE_OFFSET_BITS=64 _TIME_BITS=64)
+
+target_compile_options(norvak_options INTERFACE
+  -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wsign-conversion -Wold-style-cast
+  -Wnon-virtual-dtor -Woverloaded-virtual -Wcast-align -Wcast-qual -Wunused -Wnull-dereference
+  -Wdouble-promotion -Wformat=2 -Wformat-nonliteral -Wimplicit-fallthrough -Wundef
+  $<$<CXX_COMPILER_ID:GNU>:-Wduplicated-cond -Wduplicated-branches -Wlogical-op -Wuseless-cast>
+  $<$<BOOL:${NORVAK_WERROR}>:-Werror>)
+
+# Hardening, as the distributions build their own packages.
+foreach(flag IN ITEMS -fstack-protector-strong -fstack-clash-protection -fcf-protection)
+  string(MAKE_C_IDENTIFIER "norvak_has${flag}" has_flag)
+  check_cxx_compiler_flag("-Werror ${flag}" ${has_flag})
+  if(${has_flag})
+    target_compile_options(norvak_options INTERFACE ${flag})
+  endif()
+endforeach()
+if(NORVAK_SANITIZE)
+  target_compile_options(norvak_options INTERFACE
+    -fsanitize=address,undefined -fno-sanitize-recover=all -fno-omit-frame-pointer)
+  target_link_options(norvak_options INTERFACE -fsanitize=address,undefined)
+else()
+  target_compile_definitions(norvak_options INTERFACE
+    $<$<NOT:$<CONFIG:Debug>>:_FORTIFY_SOURCE=2> _GLIBCXX_ASSERTIONS)
+endif()
+target_link_options(norvak_options INTERFACE -Wl,-z,relro -Wl,-z,now -Wl,-z,noexecstack -Wl,--as-needed)

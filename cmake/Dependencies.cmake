@@ -1,0 +1,19 @@
+# What the updater itself needs. A missing library ends the configuration with the name of its
+# package rather than with a list of unset variables.
+function(norvak_find_or_explain found_variable what debian_package rpm_package)
+  if(NOT ${found_variable})
+    message(FATAL_ERROR
+      "${what} was not found. Install its development package: "
+      "'apt-get install ${debian_package}' (Debian, Ubuntu) or "
+      "'dnf install ${rpm_package}' (Fedora, CentOS).")
+  endif()
+endfunction()
+
+find_package(CURL QUIET)
+norvak_find_or_explain(CURL_FOUND "libcurl" libcurl4-openssl-dev libcurl-devel)
+find_package(pugixml QUIET)
+norvak_find_or_explain(pugixml_FOUND "pugixml" libpugixml-dev pugixml-devel)
+if(BUILD_TESTING)
+  find_package(GTest QUIET)
+  norvak_find_or_explain(GTest_FOUND "GoogleTest" libgtest-dev gtest-devel)
+endif()

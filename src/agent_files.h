@@ -1,0 +1,24 @@
+// The names below the agent's install directory that more than one source file uses. A name that
+// only one file uses stands in that file.
+#pragma once
+
+#include <string>
+
+namespace agent_files {
+
+inline constexpr char kConfig[] = "/config.xml";
+
+// The agent's kernel modules, in the order in which they are updated.
+inline constexpr char kIpfilterModule[] = "norvak_ipfilter";
+inline constexpr char kTesselModule[] = "tessel_linux";
+inline constexpr char kQuorinModule[] = "quorin_linux";
+
+/// File name ending of a kernel module, installed or on the update server.
+inline constexpr char kModuleSuffix[] = ".ko";
+
+/// Path of the installed kernel module @a name: modules lie directly in @a install_path.
+inline std::string module_path(const std::string& install_path, const char* name) {
+  return install_path + "/" + name + kModuleSuffix;
+}
+
+}  // namespace agent_files

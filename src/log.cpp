@@ -1,0 +1,56 @@
+#include "log.h"
+
+#include <fcntl.h>
+#include <sys/file.h>
+
+#include <cstdarg>
+#include <cstdio>
+#include <ctime>
+#include <string>
+
+#include "utility/file.h"
+#include "utility/unix_helper.h"
+
+namespace {
+
+constexpr char kLogSuffix[] = "/runlog/update.log";
+constexpr char kTimeFormat[] = "%F %T";
+constexpr std::size_t kMessageLimit = 2048;  // bytes, terminating zero included
+constexpr std::size_t kTimeLimit = 64;
+constexpr mode_t kLogMode = 0666;  // less the umask
+
+utility::Descriptor open_log() {
+  const std::string path = utility::CUnixHelper::get_norvak_path() + kLogSuffix;
+  return utility::Descriptor(
+      ::open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, kLogMode));
+}
+
+std::string time_stamp() {
+  const std::time_t now = std::time(nullptr);
+  char text[kTimeLimit + 1] = {};
+  if (const std::tm* const local = std::localtime(&now)) {
+    (void)std::strftime(text, kTimeLimit, kTimeFormat, local);
+  }
+  return text;
+}
+
+}  // namespace
+
+void CUpdateLog::write_log(const char* format, ...) {
+  char message[kMessageLimit + 1] = {};
+  va_list arguments;
+  va_start(arguments, format);
+  (void)std::vsnprintf(message, kMessageLimit, format, arguments);
+  va_end(arguments);
+
+  const std::string line = "[" + time_stamp() + "]\t\t" + message + "\n";
+  const utility::Descriptor log = open_log();
+  if (log) (void)utility::write_all(log.get(), line.data(), line.size());
+}
+
+void CUpdateLog::write_space() {
+  const utility::Descriptor log = open_log();
+  if (!log) return;
+  (void)::flock(log.get(), LOCK_EX);  // closing the file releases it
+  (void)utility::write_all(log.get(), "\n", 1);
+}

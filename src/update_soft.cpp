@@ -1,0 +1,266 @@
+#include "update_soft.h"
+
+#include <fcntl.h>
+#include <strings.h>
+#include <sys/stat.h>
+#include <sys/utsname.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+#include <optional>
+
+#include "agent_files.h"
+#include "help.h"
+#include "log.h"
+#include "url_op.h"
+#include "utility/cstr.h"
+#include "utility/file.h"
+#include "utility/unix_helper.h"
+#include "xml/config.h"
+#include "xml/xml_document.h"
+
+namespace {
+
+// Below the install directory.
+constexpr char kWorkDir[] = "/update_norvak_soft";
+constexpr char kTar[] = "/tool/tar";
+constexpr char kMarker[] = "/update";
+// Below the work directory.
+constexpr char kDataDir[] = "/data";
+constexpr char kPackage[] = "/norvak_update_package.tar";
+constexpr char kVersionFile[] = "/new_version";
+// Below the unpacked package.
+constexpr char kScript[] = "/update";
+// Below the update server's address.
+constexpr char kServerVersion[] = "/norvak/norvak_agent_new_version.txt";
+constexpr char kServerPackage64[] = "/norvak/x64/nvupdate.tar";
+constexpr char kServerPackage32[] = "/norvak/x86/nvupdate.tar";
+
+constexpr char kMachine64[] = "x86_64";
+constexpr char kDiscardOutput[] = " > /dev/null";
+
+constexpr mode_t kMarkerMode = 0666;  // less the umask
+constexpr mode_t kScriptMode = 0544;
+constexpr int kLineLimit = 1024;
+constexpr int kVersionLimit = 64;
+constexpr std::size_t kVersionPrefix = 6;
+constexpr char kFieldSeparator[] = ".";
+constexpr int kSettingsToChange = 2;
+
+constexpr char kConfigUnreadable[] =
+    "[SOFT] call get_update_method function failed, config path: %s";
+constexpr char kVersionDownloadFailed[] = "[SOFT] download file failed [url: %s] [file: %s]";
+constexpr char kVersionUnknown[] =
+    "[SOFT] call check_norvak_new_version_exist->download_norvak_version_file faild";
+constexpr char kPackageDownloadFailed[] =
+    "[SOFT] call run_update_norvak_agent->download_norvak_update_package failed";
+constexpr char kUpdateFailed[] = "[SOFT] call run_update_norvak_agent->update_now failed";
+constexpr char kConfigUpdateFailed[] = "[SOFT] call run_update_norvak_agent->update_config failed";
+constexpr char kUnpackFailed[] = "call decompress_package failed";
+constexpr char kScriptFailed[] = "call exec_script failed";
+
+/// Runs a command line through the shell.
+/// @return 0; -1 when it could not be started, was ended by a signal or exited nonzero
+int run_command(const std::string& command) {
+  const int status = std::system(command.c_str());
+  return status != -1 && WIFEXITED(status) && WEXITSTATUS(status) == 0 ? 0 : -1;
+}
+
+/// The file that tells other components of the agent, while it exists, that an update is going on.
+/// Where it cannot be created the update goes on without it.
+class UpdateMarker {
+ public:
+  explicit UpdateMarker(const std::string& install_path) : path_(install_path + kMarker) {
+    const utility::Descriptor file(
+        ::open(path_.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, kMarkerMode));
+  }
+  UpdateMarker(const UpdateMarker&) = delete;
+  UpdateMarker& operator=(const UpdateMarker&) = delete;
+  ~UpdateMarker() { (void)std::remove(path_.c_str()); }
+
+ private:
+  std::string path_;
+};
+
+/// The numeric fields of a version text, which follow its prefix.
+/// @throws std::out_of_range  the text is shorter than the prefix
+string_list version_fields(const std::string& version) {
+  string_list fields;
+  CUpdateSoftImpl::parse_version(version.substr(kVersionPrefix), kFieldSeparator, fields);
+  return fields;
+}
+
+bool is_newer(const std::string& offered, const std::string& installed) {
+  const string_list offered_fields = version_fields(offered);
+  const string_list installed_fields = version_fields(installed);
+  const std::size_t common = std::min(offered_fields.size(), installed_fields.size());
+  for (std::size_t i = 0; i < common; ++i) {
+    const int offered_number = utility::CStr::to_int(offered_fields[i].c_str());
+    const int installed_number = utility::CStr::to_int(installed_fields[i].c_str());
+    if (offered_number != installed_number) return offered_number > installed_number;
+  }
+  return false;
+}
+
+}  // namespace
+
+int CUpdateSoftImpl::init() {
+  install_path_ = utility::CUnixHelper::get_norvak_path();
+  work_dir_ = install_path_ + kWorkDir;
+  data_dir_ = work_dir_ + kDataDir;
+  package_path_ = work_dir_ + kPackage;
+  version_file_path_ = work_dir_ + kVersionFile;
+  config_path_ = install_path_ + agent_files::kConfig;
+  utility::make_work_dir(work_dir_);
+  utility::make_work_dir(data_dir_);
+  return 0;
+}
+
+void CUpdateSoftImpl::release() { (void)CHelper::remove_file(work_dir_); }
+
+std::string CUpdateSoftImpl::get_download_url() {
+  return config::get_config_var(config_path_, config::kUpdateHost);
+}
+
+int CUpdateSoftImpl::get_update_method(int& update_type) {
+  std::string text = std::to_string(update_type);  // stays when the setting is missing
+  if (config::get_config_var(config_path_, config::kUpdateType, text) != 0) {
+    CUpdateLog::write_log(kConfigUnreadable, config_path_.c_str());
+    return -1;
+  }
+  update_type = utility::CStr::to_int(text.c_str());
+  return 0;
+}
+
+std::string CUpdateSoftImpl::get_norvak_old_version() {
+  return config::get_config_var(config_path_, config::kVersion);
+}
+
+int CUpdateSoftImpl::download_norvak_version_file() {
+  std::string url = get_download_url();
+  if (url.empty()) return -1;
+  url += kServerVersion;
+  if (CUrlOp::url_down_file(url.c_str(), version_file_path_.c_str()) != 0) {
+    CUpdateLog::write_log(kVersionDownloadFailed, url.c_str(), version_file_path_.c_str());
+    return -1;
+  }
+  string_list lines;
+  if (!utility::read_lines(version_file_path_, kLineLimit, lines)) return -1;
+  const auto empty_lines = std::count(lines.begin(), lines.end(), std::string());
+  return lines.size() - static_cast<std::size_t>(empty_lines) == 1 ? 0 : -1;
+}
+
+std::string CUpdateSoftImpl::get_norvak_new_version() {
+  if (!new_version_.empty()) return new_version_;
+  const auto line = utility::read_first_line(version_file_path_, kVersionLimit);
+  if (!line) return "";
+  new_version_ = *line;
+  utility::remove_line_feed(new_version_);
+  return new_version_;
+}
+
+void CUpdateSoftImpl::parse_version(const std::string& version, const std::string& separators,
+                                    string_list& parts) {
+  std::string::size_type begin = version.find_first_not_of(separators);
+  while (begin != std::string::npos) {
+    const std::string::size_type end = version.find_first_of(separators, begin);
+    parts.push_back(version.substr(begin, end - begin));
+    begin = version.find_first_not_of(separators, end);
+  }
+}
+
+bool CUpdateSoftImpl::check_norvak_new_version_exist(std::string& old_version,
+                                                     std::string& new_version) {
+  if (download_norvak_version_file() != 0) {
+    CUpdateLog::write_log(kVersionUnknown);
+    return false;
+  }
+  new_version = get_norvak_new_version();
+  old_version = get_norvak_old_version();
+  return is_newer(new_version, old_version);
+}
+
+int CUpdateSoftImpl::run_update_norvak_agent() {
+  std::optional<UpdateMarker> marker(std::in_place, install_path_);
+  if (download_norvak_update_package() != 0) {
+    CUpdateLog::write_log(kPackageDownloadFailed);
+    return -1;
+  }
+  (void)CHelper::stop_norvak_agent();
+  const int result = install_package();
+  marker.reset();  // the starting agent must not find it
+  (void)CHelper::start_norvak_agent();
+  return result;
+}
+
+int CUpdateSoftImpl::install_package() {
+  if (update_now() != 0) {
+    CUpdateLog::write_log(kUpdateFailed);
+    return -1;
+  }
+  if (update_config() != 0) {
+    CUpdateLog::write_log(kConfigUpdateFailed);
+    return -1;
+  }
+  return 0;
+}
+
+int CUpdateSoftImpl::download_norvak_update_package() {
+  std::string url = get_download_url();
+  if (url.empty()) return -1;
+  struct utsname host = {};
+  (void)::uname(&host);  // a failure leaves the machine name empty
+  url += ::strcasecmp(host.machine, kMachine64) == 0 ? kServerPackage64 : kServerPackage32;
+  return CUrlOp::url_down_file(url.c_str(), package_path_.c_str());
+}
+
+int CUpdateSoftImpl::update_now() {
+  if (config::get_config_var(config_path_, config::kUpdateType, saved_update_type_) != 0) return -1;
+  if (decompress_package() != 0) {
+    CUpdateLog::write_log(kUnpackFailed);
+    return -1;
+  }
+  if (exec_script() != 0) {
+    CUpdateLog::write_log(kScriptFailed);
+    return -1;
+  }
+  return 0;
+}
+
+int CUpdateSoftImpl::decompress_package() {
+  return run_command(install_path_ + kTar + " xvf " + package_path_ + " -C " + data_dir_ +
+                     kDiscardOutput);
+}
+
+int CUpdateSoftImpl::exec_script() {
+  (void)::chdir(data_dir_.c_str());
+  (void)::chmod((data_dir_ + kScript).c_str(), kScriptMode);
+  return run_command(std::string(".") + kScript + kDiscardOutput);
+}
+
+int CUpdateSoftImpl::update_config() {
+  const std::unique_ptr<XmlDocument> document = newXmlDocument();
+  if (document->load(config_path_.c_str()) == 0) return -1;
+  const XmlNodeList settings = document->root().select_nodes(config::kSettings);
+  int changes = 0;
+  for (int i = 0; i < settings.length() && changes < kSettingsToChange; ++i) {
+    XmlNode setting = settings.item(i);
+    const std::string name = setting.get_attribute(config::kName);
+    std::string value;
+    if (name == config::kVersion) {
+      value = get_norvak_new_version();
+    } else if (name == config::kUpdateType) {
+      value = saved_update_type_;
+    } else {
+      continue;
+    }
+    setting.set_attribute(config::kValue, value.c_str());
+    (void)document->save(config_path_.c_str());  // after each change, as it always was
+    ++changes;
+  }
+  return 0;
+}

@@ -1,0 +1,95 @@
+#include "utility/file.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <array>
+#include <cerrno>
+#include <vector>
+
+namespace utility {
+
+namespace {
+
+/// Bytes that a copy hands to one system call.
+constexpr std::size_t kCopyBlockBytes = std::size_t{128} * 1024;
+
+constexpr mode_t kNewFileMode = 0666;  // less the umask, as for every file that stdio creates
+constexpr mode_t kWorkDirMode = 0644;
+
+CopyResult copy_contents(int source, int target) {
+  std::vector<char> block(kCopyBlockBytes);
+  for (;;) {
+    const ssize_t count = read_some(source, block.data(), block.size());
+    if (count == 0) return CopyResult::kCopied;
+    if (count < 0) return CopyResult::kReadFailed;
+    const auto size = static_cast<std::size_t>(count);
+    if (write_all(target, block.data(), size) != size) return CopyResult::kFailed;
+  }
+}
+
+}  // namespace
+
+bool exists(const std::string& path) { return ::access(path.c_str(), F_OK) == 0; }
+
+ssize_t read_some(int fd, void* block, std::size_t size) {
+  ssize_t count = -1;
+  do {
+    count = ::read(fd, block, size);
+  } while (count < 0 && errno == EINTR);
+  return count;
+}
+
+std::size_t write_all(int fd, const void* data, std::size_t size) {
+  const char* const bytes = static_cast<const char*>(data);
+  std::size_t written = 0;
+  while (written < size) {
+    const ssize_t count = ::write(fd, bytes + written, size - written);
+    if (count > 0) {
+      written += static_cast<std::size_t>(count);
+    } else if (count == 0 || errno != EINTR) {
+      break;
+    }
+  }
+  return written;
+}
+
+CopyResult copy_file(const char* source, const char* target) {
+  if (exists(target) && ::unlink(target) != 0) return CopyResult::kFailed;
+  const Descriptor in(::open(source, O_RDONLY | O_CLOEXEC));
+  if (!in) return CopyResult::kFailed;
+  Descriptor out(::open(target, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, kNewFileMode));
+  if (!out) return CopyResult::kFailed;
+
+  CopyResult result = copy_contents(in.get(), out.get());
+  if (!out.close()) result = CopyResult::kFailed;
+  if (result == CopyResult::kFailed) (void)::unlink(target);  // a part of a file is worse than none
+  return result;
+}
+
+std::optional<std::string> read_first_line(const std::string& path, int limit) {
+  const FilePtr file(std::fopen(path.c_str(), "re"));
+  if (!file) return std::nullopt;
+  std::string buffer(static_cast<std::size_t>(limit) + 1, '\0');
+  (void)std::fgets(buffer.data(), limit, file.get());  // nothing read leaves the buffer empty
+  return std::string(buffer.c_str());
+}
+
+bool read_lines(const std::string& path, int limit, string_list& lines) {
+  const FilePtr file(std::fopen(path.c_str(), "re"));
+  if (!file) return false;
+  std::string buffer(static_cast<std::size_t>(limit) + 1, '\0');
+  while (std::fgets(buffer.data(), limit, file.get()) != nullptr) {
+    lines.emplace_back(buffer.c_str());
+    remove_line_feed(lines.back());
+  }
+  return true;
+}
+
+void remove_line_feed(std::string& text) {
+  if (!text.empty() && text.back() == '\n') text.pop_back();
+}
+
+void make_work_dir(const std::string& path) { (void)::mkdir(path.c_str(), kWorkDirMode); }
+
+}  // namespace utility

@@ -1,0 +1,36 @@
+// The MD5 message-digest algorithm of RFC 1321, with the operation names of its reference code.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+namespace utility {
+
+/// State of one digest in progress.
+struct MD5_CTX {
+  std::uint32_t state[4];    ///< the words A, B, C, D
+  std::uint64_t count;       ///< bits taken so far, modulo 2^64
+  unsigned char buffer[64];  ///< input that does not fill a block yet
+};
+
+/// The digest primitive. It has no data of its own: the state is the caller's MD5_CTX.
+class MD5 {
+ public:
+  /// Begins a new digest.
+  void MD5Init(MD5_CTX* context);
+
+  /// Takes @a length bytes of the message; may be called any number of times.
+  void MD5Update(MD5_CTX* context, const unsigned char* input, unsigned int length);
+
+  /// Ends the digest, writes its 16 bytes and clears @a context.
+  void MD5Final(unsigned char digest[16], MD5_CTX* context);
+
+ private:
+  static void MD5Transform(std::uint32_t state[4], const unsigned char block[64]);
+  static void Encode(unsigned char* output, const std::uint32_t* input, std::size_t words);
+  static void Decode(std::uint32_t* output, const unsigned char* input, std::size_t words);
+  static void MD5_memcpy(unsigned char* output, const unsigned char* input, std::size_t length);
+  static void MD5_memset(void* output, int value, std::size_t length);
+};
+
+}  // namespace utility

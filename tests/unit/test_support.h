@@ -1,0 +1,93 @@
+// What the unit tests share: private namespaces, scratch directories, small file helpers.
+#pragma once
+
+#include <gtest/gtest.h>
+#include <sys/types.h>
+
+#include <cstddef>
+#include <string>
+#include <vector>
+
+namespace test_support {
+
+/// Moves this process into a mount namespace of its own, in which /var/log is empty and writable
+/// and nothing that is mounted shows outside. Without root rights it moves into a user namespace
+/// as well. Must be called before there are threads.
+/// @return false where the host does not allow it
+bool enter_private_namespace();
+
+/// Whether enter_private_namespace was called and succeeded.
+bool in_private_namespace();
+
+/// A directory of its own below the system's temporary directory, removed with all it holds.
+class ScratchDirectory {
+ public:
+  ScratchDirectory();
+  ~ScratchDirectory();
+  ScratchDirectory(const ScratchDirectory&) = delete;
+  ScratchDirectory& operator=(const ScratchDirectory&) = delete;
+
+  [[nodiscard]] const std::string& path() const { return path_; }
+
+  /// Path of @a name, a relative path, in the directory.
+  [[nodiscard]] std::string operator/(const std::string& name) const { return path_ + "/" + name; }
+
+ private:
+  std::string path_;
+};
+
+/// A small file system of @a bytes in memory, mounted over a directory. Needs the private
+/// namespace.
+class SmallDisk {
+ public:
+  SmallDisk(std::string mount_point, std::size_t bytes);
+  ~SmallDisk();
+  SmallDisk(const SmallDisk&) = delete;
+  SmallDisk& operator=(const SmallDisk&) = delete;
+
+  [[nodiscard]] bool mounted() const { return mounted_; }
+
+ private:
+  std::string mount_point_;
+  bool mounted_;
+};
+
+/// Replaces the contents of @a path, making the directories above it.
+void write_file(const std::string& path, const std::string& contents);
+
+/// The contents of @a path; fails the test when it cannot be read.
+std::string read_file(const std::string& path);
+
+bool exists(const std::string& path);
+
+/// The permission bits of @a path.
+mode_t mode_of(const std::string& path);
+
+/// The names in a directory, sorted.
+std::vector<std::string> names_in(const std::string& path);
+
+/// A test that works on the files of an agent: /var/log/version_control names a scratch directory.
+/// Skipped where the host does not allow private namespaces.
+class AgentTest : public testing::Test {
+ protected:
+  void SetUp() override;
+
+  /// Path of @a name, a relative path, in the install directory.
+  [[nodiscard]] std::string agent(const std::string& name) const { return install_ / name; }
+
+  [[nodiscard]] const std::string& install_path() const { return install_.path(); }
+
+  /// The messages in the update log, without their time stamps. A line that is not well-formed
+  /// fails the test.
+  [[nodiscard]] std::vector<std::string> log_messages() const;
+
+ private:
+  ScratchDirectory install_;
+};
+
+/// Names the install directory in /var/log/version_control, as it stands.
+void write_install_path(const std::string& text);
+
+inline constexpr char kInstallPathFile[] = "/var/log/version_control";
+
+}  // namespace test_support

@@ -1,5 +1,5 @@
-// The names below the agent's install directory that more than one source file uses. A name that
-// only one file uses stands in that file.
+// The names in the agent's install directory and on the update server that more than one source
+// file uses. A name that only one file uses stands in that file.
 #pragma once
 
 #include <string>
@@ -12,6 +12,14 @@ inline constexpr char kConfig[] = "/config.xml";
 inline constexpr char kIpfilterModule[] = "norvak_ipfilter";
 inline constexpr char kTesselModule[] = "tessel_linux";
 inline constexpr char kQuorinModule[] = "quorin_linux";
+
+// Directories of the update server, by processor family.
+inline constexpr char kX64[] = "x64";
+inline constexpr char kX86[] = "x86";
+
+/// What identifies a build, in the build's directory on the update server and where it is kept
+/// here.
+inline constexpr char kMd5[] = "/md5";
 
 /// File name ending of a kernel module, installed or on the update server.
 inline constexpr char kModuleSuffix[] = ".ko";

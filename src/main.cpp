@@ -1,9 +1,14 @@
 // The entry point: chooses the update by the command line and drives its updater.
 #include <cstdlib>
 #include <string>
+#include <string_view>
 
+#include "agent_files.h"
 #include "help.h"
 #include "log.h"
+#include "update_kernel.h"
+#include "update_nginx.h"
+#include "update_rule.h"
 #include "update_soft.h"
 #include "utility/cstr.h"
 #include "utility/unix_helper.h"
@@ -25,6 +30,18 @@ constexpr char kSoftManual[] = "[SOFT] update type is manual, but this is autoup
 constexpr char kSoftNotNeeded[] = "[SOFT] norvak is not need to update, or check new version fail";
 constexpr char kSoftUpdated[] = "[SOFT] update norvak agent success";
 constexpr char kSoftFailed[] = "[SOFT] update norvak agent failed";
+
+constexpr char kKernelCurrent[] = "[KERNEL] don't need to download %s";
+constexpr char kKernelUpdated[] = "[KERNEL] download kernel %s success";
+constexpr char kKernelFailed[] = "[KERNEL] download kernel %s failed";
+constexpr char kKernelCheckFailed[] = "[KERNEL] check kernel %s MD5 failed";
+
+constexpr char kNginxUpdated[] = "[NGINX] download nginx success";
+constexpr char kNginxFailed[] = "[NGINX] download nginx failed";
+
+constexpr char kRulesCurrent[] = "[RULES] don't need to update";
+constexpr char kRulesUpdated[] = "[RULES] update tarn rules success";
+constexpr char kRulesFailed[] = "[RULES] update tarn rules failed";
 
 /// The arguments behind the update type; null where they were not given.
 struct Arguments {
@@ -64,6 +81,60 @@ int update_soft(CUpdateSoftImpl& updater, const Arguments& arguments) {
   return kSuccess;
 }
 
+/// @return false when the modules behind this one must not be looked at
+bool update_module(CUpdateKernelImpl& updater, const char* name) {
+  switch (updater.check_update_kernel(name)) {
+    case CUpdateKernelImpl::kNothingToDo:
+      CUpdateLog::write_log(kKernelCurrent, name);
+      return true;
+    case CUpdateKernelImpl::kMustDownload:
+      break;
+    default:
+      CUpdateLog::write_log(kKernelCheckFailed, name);
+      return false;
+  }
+  if (updater.download_kernel(name) == 0) {
+    CUpdateLog::write_log(kKernelUpdated, name);
+    return true;
+  }
+  CUpdateLog::write_log(kKernelFailed, name);
+  // The first module stands alone; the other two must not be left one without the other.
+  if (name != std::string_view(agent_files::kIpfilterModule)) updater.clear_tarn_kernel();
+  return false;
+}
+
+int update_kernel(CUpdateKernelImpl& updater, const Arguments&) {
+  for (const char* name :
+       {agent_files::kIpfilterModule, agent_files::kTesselModule, agent_files::kQuorinModule}) {
+    if (!update_module(updater, name)) return kFailure;
+  }
+  return kSuccess;
+}
+
+int update_nginx(CUpdateNginxImpl& updater, const Arguments& arguments) {
+  const bool complete = arguments.second != nullptr && arguments.third != nullptr;
+  if (!complete || updater.download_nginx(arguments.second, arguments.third) != 0) {
+    CUpdateLog::write_log(kNginxFailed);
+    return kFailure;
+  }
+  CUpdateLog::write_log(kNginxUpdated);
+  return kSuccess;
+}
+
+int update_rules(CUpdateRuleImpl& updater, const Arguments&) {
+  if (!updater.check_tarn_rules_md5()) {
+    CUpdateLog::write_log(kRulesCurrent);
+    return kFailure;  // rules that are current count as a failed run
+  }
+  if (updater.download_tarn_rules_file() != 0) {
+    CUpdateLog::write_log(kRulesFailed);
+    return kFailure;
+  }
+  (void)CHelper::stop_norvak_agent();  // starting it again is not this program's work
+  CUpdateLog::write_log(kRulesUpdated);
+  return kSuccess;
+}
+
 /// The life of an updater: whatever its work comes to, its work directory is removed at the end.
 template <typename Updater, int (*kWork)(Updater&, const Arguments&)>
 int run(const Arguments& arguments) {
@@ -81,6 +152,9 @@ struct UpdateKind {
 
 constexpr UpdateKind kUpdateKinds[] = {
     {0, run<CUpdateSoftImpl, update_soft>},
+    {1, run<CUpdateKernelImpl, update_kernel>},
+    {2, run<CUpdateNginxImpl, update_nginx>},
+    {3, run<CUpdateRuleImpl, update_rules>},
 };
 
 int run_update(int type, const Arguments& arguments) {

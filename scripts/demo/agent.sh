@@ -1,0 +1,88 @@
+# shellcheck shell=bash
+# The sample agent: its install directory, its settings and its process. Sourced by scenes.sh.
+
+kernel_modules=(norvak_ipfilter tessel_linux quorin_linux)
+
+# $1: the installed version
+lay_out_agent() {
+  local module
+  mkdir -p "$install"/{runlog,template,tool,nginx/bin}
+  cp "$demo"/agent/{startup.sh,norvak_agent} "$install"
+  write_config "$install/config.xml" "$1" 0
+  ln -s "$(command -v tar)" "$install/tool/tar"
+  : >"$install/runlog/update.log"
+  for module in "${kernel_modules[@]}"; do
+    printf '%s, build 1\n' "$module" >"$install/$module.ko"
+  done
+  printf '<rules edition="first edition"/>\n' >"$install/template/norvak_default_rule.xml"
+  printf 'an older web server\n' >"$install/nginx/bin/nginx"
+  printf '1.22.1\n' >"$install/nginx/md5"
+  if [[ $(host_family) != centos ]]; then
+    : >"$install/$(host_family)"
+  fi
+}
+
+# The distribution family, which the agent's set-up marks with an empty file; CentOS has no marker.
+host_family() {
+  case $(grep -sE '^ID(_LIKE)?=' /etc/os-release) in
+    *ubuntu*) printf 'ubuntu\n' ;;
+    *suse*) printf 'suse\n' ;;
+    *) printf 'centos\n' ;;
+  esac
+}
+
+# $1: file; $2: version; $3: update type
+write_config() {
+  cat >"$1" <<END
+<?xml version="1.0" encoding="UTF-8"?>
+<norvak>
+  <Process>
+    <Data>
+      <!-- 0: updates are installed by themselves; 1: by hand only -->
+      <var name="update_type" value="$3"/>
+      <var name="version" value="$2"/>
+      <var name="update_host" value="$server_url"/>
+      <var name="kernel_update_host" value="$server_url"/>
+      <var name="nginx_update_host" value="$server_url"/>
+    </Data>
+  </Process>
+</norvak>
+END
+}
+
+setting() {
+  sed -n "s/.*name=\"$1\" value=\"\([^\"]*\)\".*/\1/p" "$install/config.xml"
+}
+
+set_setting() {
+  sed -i "s/\(name=\"$1\" value=\)\"[^\"]*\"/\1\"$2\"/" "$install/config.xml"
+}
+
+start_agent() {
+  "$install/startup.sh"
+}
+
+# Ends the agent of this demo, and no process that has taken its id since.
+stop_agent() {
+  local pid
+  pid=$(agent_pid)
+  if [[ -n $pid && $(readlink "/proc/$pid/cwd") == "$install" ]]; then
+    kill -KILL "$pid"
+  fi
+}
+
+# The agent's process id, or nothing when there is no pid file.
+agent_pid() {
+  if [[ -e $install/norvak.pid ]]; then
+    cat "$install/norvak.pid"
+  fi
+}
+
+# True also for a killed process whose parent has not asked for its status yet.
+process_is_gone() {
+  ! grep -qs '^State:[[:space:]]*[^ZX[:space:]]' "/proc/$1/status"
+}
+
+md5_text() {
+  md5sum | cut -c 1-32
+}

@@ -1,0 +1,107 @@
+"""Options and fixtures of the system tests. README.md tells how they work together."""
+
+import functools
+import os
+import pathlib
+import shutil
+import tempfile
+
+import pytest
+
+pytest.register_assert_rewrite("harness")
+
+from harness import AgentHost, Nginx, ScriptedServer, namespace  # noqa: E402
+
+# Told to ctest as "skipped": a module of which nothing could run has not passed.
+_ALL_SKIPPED = 77
+
+
+def pytest_addoption(parser):
+    parser.addoption("--updater", default=os.environ.get("NORVAK_UPDATER"),
+                     help="absolute path of the executable under test (or NORVAK_UPDATER)")
+    parser.addoption("--uname-answers", default=None,
+                     help="absolute path of uname_answers.so "
+                     "(default: tests/system/ beside the executable)")
+
+
+def pytest_configure(config):
+    updater = config.getoption("--updater")
+    if not updater:
+        raise pytest.UsageError("which executable? give --updater PATH or NORVAK_UPDATER")
+    if not os.path.isabs(updater) or not os.access(updater, os.X_OK):
+        raise pytest.UsageError(f"no executable at the absolute path {updater}")
+
+
+@pytest.hookimpl(trylast=True)
+def pytest_sessionfinish(session, exitstatus):
+    reporter = session.config.pluginmanager.get_plugin("terminalreporter")
+    stats = reporter.stats if reporter else {}
+    ran = any(stats.get(outcome) for outcome in ("passed", "failed", "error"))
+    if exitstatus == 0 and stats.get("skipped") and not ran:
+        session.exitstatus = _ALL_SKIPPED
+
+
+@pytest.fixture(scope="session")
+def updater(request):
+    """Path of the executable. A test that needs it is skipped where nothing private can be had."""
+    reason = namespace.unavailable()
+    if reason:
+        pytest.skip(reason)
+    return pathlib.Path(request.config.getoption("--updater"))
+
+
+@pytest.fixture(scope="session")
+def uname_answers(request, updater):
+    """Path of the library that answers uname() for a run."""
+    given = request.config.getoption("--uname-answers")
+    library = pathlib.Path(given) if given else updater.parent / "tests/system/uname_answers.so"
+    if not library.exists():
+        pytest.skip(f"{library} is missing: build the target uname_answers")
+    return library
+
+
+@pytest.fixture
+def make_host(updater, request):
+    """Makes hosts; the options are those of AgentHost."""
+    hosts = []
+
+    def make(**options):
+        library = functools.partial(request.getfixturevalue, "uname_answers")
+        hosts.append(AgentHost(updater, library, **options))
+        return hosts[-1]
+
+    yield make
+    for host in hosts:
+        host.close()
+
+
+@pytest.fixture
+def host(make_host):
+    """A host with a live agent and no config.xml yet."""
+    fresh = make_host()
+    fresh.start_agent()
+    return fresh
+
+
+@pytest.fixture(scope="session")
+def _nginx():
+    prefix = tempfile.mkdtemp(prefix="norvak-nginx-")
+    server = Nginx(prefix)
+    yield server
+    server.close()
+    shutil.rmtree(prefix)
+
+
+@pytest.fixture
+def server(_nginx):
+    """A real nginx that publishes nothing yet."""
+    _nginx.reset()
+    return _nginx
+
+
+@pytest.fixture
+def scripted_server():
+    """A server that answers 404 until it is told what to do."""
+    running = ScriptedServer()
+    yield running
+    running.close()

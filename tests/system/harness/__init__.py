@@ -1,0 +1,27 @@
+"""What the system tests share: an agent's host, update servers, and readers of what a run leaves.
+
+host.py       the install tree, the stand-in agent, the runs of the updater
+namespace.py  private mounts and processes, so that a run touches nothing of the machine
+trace.py      what the agent's scripts saw when they ran
+log.py        reading the update log
+package.py    agent packages and config.xml
+nginx.py      a real nginx that publishes files
+scripted.py   a server that misbehaves on purpose
+saves.py      counts how often a file is replaced
+"""
+
+from .host import (ABORTED, DATA_DIR, FAILED, KILLED, OK, START, TAR, VERSION_FILE, WORK_DIR,
+                   AgentHost, Run)
+from .log import log_lines
+from .nginx import Nginx
+from .package import DEFAULT_UPDATE_SCRIPT, config_xml, config_values, package
+from .saves import count_saves
+from .scripted import Reply, ScriptedServer, http_reply, unused_address
+from .trace import Step
+
+__all__ = [
+    "ABORTED", "DATA_DIR", "DEFAULT_UPDATE_SCRIPT", "FAILED", "KILLED", "OK", "START", "TAR",
+    "VERSION_FILE", "WORK_DIR", "AgentHost", "Nginx", "Reply", "Run", "ScriptedServer", "Step",
+    "config_values", "config_xml", "count_saves", "http_reply", "log_lines", "package",
+    "unused_address",
+]

@@ -1,0 +1,355 @@
+"""A host with an installed agent, and the runs of the updater on it."""
+
+import collections
+import dataclasses
+import os
+import pathlib
+import shlex
+import shutil
+import signal
+import subprocess
+import tempfile
+import threading
+
+import pytest
+
+from . import log, namespace, package, trace
+
+_PATH = "/usr/sbin:/usr/bin:/sbin:/bin"
+_RUN_SECONDS = 30
+_AGENT_SECONDS = 300  # a stand-in agent that a broken test forgets does not stay for ever
+
+WORK_DIR = "update_norvak_soft"
+DATA_DIR = WORK_DIR + "/data"
+TAR = WORK_DIR + "/norvak_update_package.tar"
+VERSION_FILE = WORK_DIR + "/new_version"
+
+# The working directory in a trace: where the updater was started.
+START = "start"
+
+_LOG = "runlog/update.log"
+
+# A line per entry: the digest of a file, the type of anything else; two blanks; the path.
+_LIST_TREE = (r"find . -mindepth 1 ! -type f -printf '%y  %p\n' && "
+              "find . -type f -exec md5sum {} +")
+
+
+@dataclasses.dataclass
+class Run:
+    """How a run ended: exit status (negative: the signal that ended it) and what it printed."""
+
+    status: int
+    stdout: bytes = b""
+    stderr: bytes = b""
+
+
+OK = Run(0)
+FAILED = Run(255)
+ABORTED = -signal.SIGABRT
+KILLED = -signal.SIGKILL
+
+
+class RunningUpdater:
+    """An updater that was started. It has a session of its own."""
+
+    def __init__(self, command, environment, with_streams=True):
+        self._output = tempfile.TemporaryFile()
+        self._errors = tempfile.TemporaryFile()
+        self._expired = False
+        if not with_streams:
+            command = ["sh", "-c", 'exec "$@" <&- >&- 2>&-', "sh", *command]
+        # Files and not pipes: a child that outlives the run does not hold up the reading.
+        self._process = subprocess.Popen(command, env=environment, stdin=subprocess.DEVNULL,
+                                         stdout=self._output, stderr=self._errors,
+                                         start_new_session=True)
+
+    def is_running(self):
+        return self._process.poll() is None
+
+    def finish(self, seconds=_RUN_SECONDS):
+        """Waits for the end of the run, at most @a seconds."""
+        expiry = threading.Timer(seconds, self._expire)
+        expiry.start()
+        status = self._process.wait()
+        expiry.cancel()
+        result = Run(status, self._read(self._output), self._read(self._errors))
+        assert not self._expired, f"the run did not end within {seconds} s: {result}"
+        return result
+
+    def kill(self):
+        """Kills the run with everything it started; harmless when it has ended."""
+        if self.is_running():
+            os.killpg(self._process.pid, signal.SIGKILL)
+        self._process.wait()
+
+    def close(self):
+        self.kill()
+        self._output.close()
+        self._errors.close()
+
+    def _expire(self):
+        self._expired = True
+        os.killpg(self._process.pid, signal.SIGKILL)
+
+    @staticmethod
+    def _read(stream):
+        stream.seek(0)
+        return stream.read()
+
+
+class Agent:
+    """A live process that stands in for the agent."""
+
+    def __init__(self):
+        self._process = subprocess.Popen(["sleep", str(_AGENT_SECONDS)], start_new_session=True,
+                                         stdin=subprocess.DEVNULL)
+        self.pid = self._process.pid
+
+    def is_alive(self):
+        """Whether it lives and no SIGKILL is under way to it."""
+        try:
+            text = pathlib.Path(f"/proc/{self.pid}/status").read_text()
+        except FileNotFoundError:
+            return False
+        status = dict(line.split(":\t", 1) for line in text.splitlines())
+        return (status["State"][0] not in "ZX" and
+                not int(status["SigPnd"], 16) & 1 << signal.SIGKILL - 1)
+
+    def was_killed(self):
+        """Whether it was ended by SIGKILL, and by no other signal."""
+        return not self.is_alive() and self._process.wait(10) == KILLED
+
+    def close(self):
+        self._process.kill()
+        self._process.wait()
+
+
+class AgentHost:
+    """A fresh install tree with a live agent, in a directory of its own.
+
+    Each run sees its own /var/log with the file version_control. All paths of the methods are
+    relative to the install directory.
+
+    @param updater           absolute path of the executable
+    @param uname_answers     called for the path of the library that answers uname()
+    @param in_default_place  install under /usr/local, without a file version_control
+    """
+
+    def __init__(self, updater, uname_answers, in_default_place=False):
+        self._updater = str(updater)
+        self._uname_answers = uname_answers
+        self._base = pathlib.Path(tempfile.mkdtemp(prefix="norvak-test-"))
+        self._base.chmod(0o755)
+        self.start_dir = self._base / "start"
+        self.var_log = self._base / "var_log"
+        self._usr_local = self._base / "usr_local"
+        for directory in (self.start_dir, self.var_log, self._usr_local):
+            directory.mkdir()
+        self._trace_file = self._base / "trace"
+        self._agent_pid_file = self._base / "agent.pid"
+        self._trace_script = self._base / "trace.sh"
+        self._started = []
+        self._agents = []
+        self.mounts = [namespace.bind(self.var_log, "/var/log")]
+        if in_default_place:
+            # A private /usr/local is the only way to the directory that is built in.
+            self.root = self._usr_local / "norvak_agent"
+            self.path = "/usr/local/norvak_agent"
+            self.mounts.append(namespace.bind(self._usr_local, "/usr/local"))
+        else:
+            self.root = self._base / "agent"
+            self.path = str(self.root)
+            self.set_install_path(f"{self.path}\n")
+        self._lay_out()
+
+    # What stands on the host before a run.
+
+    def set_install_path(self, content):
+        """Writes @a content (text, or bytes) to version_control; None removes the file."""
+        file = self.var_log / "version_control"
+        if content is None:
+            file.unlink(missing_ok=True)
+        else:
+            file.write_bytes(content if isinstance(content, bytes) else content.encode())
+
+    def configure(self, *pairs, **settings):
+        """Writes a config.xml with the pairs (name, value) in their order, then @a settings."""
+        self.write("config.xml", package.config_xml([*pairs, *settings.items()]))
+        self.remember()
+
+    def write(self, name, content, mode=0o644):
+        """Writes a file, with its directories."""
+        file = self.root / name
+        file.parent.mkdir(parents=True, exist_ok=True)
+        file.write_bytes(content.encode() if isinstance(content, str) else content)
+        file.chmod(mode)
+
+    def write_script(self, name, body="", mode=0o755):
+        """Writes a shell script that first adds its name to the trace."""
+        self.write(name, self.script(name, body), mode)
+
+    def script(self, name, body=""):
+        """The text of a shell script that adds itself to the trace as @a name, then does @a body."""
+        return f"#!/bin/sh\nsh {self._trace_script} {shlex.quote(name)}\n{body}\n"
+
+    def remove(self, name):
+        """Removes a file of the install tree, or a directory with what it holds."""
+        target = self.root / name
+        if target.is_dir():
+            shutil.rmtree(target)
+        else:
+            target.unlink()
+
+    def start_agent(self):
+        """Starts a stand-in agent; its id goes into norvak.pid."""
+        agent = Agent()
+        self._agents.append(agent)
+        self._agent_pid_file.write_text(f"{agent.pid}\n")
+        self.write("norvak.pid", f"{agent.pid}\n")
+        self.remember()
+        return agent
+
+    @property
+    def agent(self):
+        """The stand-in agent that was started last."""
+        return self._agents[-1]
+
+    def remember(self):
+        """Takes the tree as it stands for the one before the run: see changes()."""
+        self._before = self._contents()
+
+    # Runs.
+
+    def update(self, *args, seconds=_RUN_SECONDS, **options):
+        """Runs the updater to its end. The options are those of start()."""
+        return self.start(*args, **options).finish(seconds)
+
+    def start(self, *args, mounts=(), environment=None, uname=None, with_streams=True):
+        """Starts the updater.
+
+        @param mounts       further commands of namespace.py
+        @param environment  variables beside the few that every run gets
+        @param uname        answers of uname(), by variable of uname_answers.cpp
+        @param with_streams False: with standard input, output and error closed
+        """
+        variables = {**self._environment(), **(environment or {}), **(uname or {})}
+        if uname:
+            # The sanitizers' library wants to be the first; this one replaces nothing of theirs.
+            variables["ASAN_OPTIONS"] = ":".join(
+                filter(None, [variables.get("ASAN_OPTIONS"), "verify_asan_link_order=0"]))
+        return self._start(namespace.command_line(
+            [*self.mounts, *mounts], self.start_dir, [self._updater, *args],
+            self._uname_answers() if uname else None), variables, with_streams)
+
+    def update_at_once(self, count, *args):
+        """Runs @a count updaters at the same time; the exit statuses with how often each occurred."""
+        one = shlex.join([self._updater, *args])
+        script = (f"for i in $(seq {count}); do {one} & pids=\"$pids $!\"; done\n"
+                  "for pid in $pids; do wait $pid; echo $?; done")
+        run = self._start(namespace.command_line(self.mounts, self.start_dir, ["sh", "-c", script]),
+                          self._environment()).finish()
+        assert (run.status, run.stderr) == (0, b"")
+        return collections.Counter(map(int, run.stdout.split()))
+
+    def update_with_private_pids(self, *args):
+        """Runs the updater where process ids 0 and -1 mean nobody else's processes.
+
+        Returns the run and what became of a process in another group: "killed" or "alive".
+        """
+        reason = namespace.private_pids_unavailable()
+        if reason:
+            pytest.skip(reason)
+        outcome = self._base / "bystander"
+        command = namespace.command_line_with_private_pids(
+            self.mounts, self.start_dir, [self._updater, *args], str(outcome))
+        run = self._start(command, self._environment()).finish()
+        if run.status > 128 and run.status != 255:
+            run.status = 128 - run.status
+        return run, outcome.read_text().strip()
+
+    # What a run left.
+
+    def log(self):
+        """The update log, byte for byte; empty when there is none."""
+        return self.read(_LOG) if self.exists(_LOG) else b""
+
+    def log_texts(self):
+        """The texts of the log's lines; a separator is an empty text."""
+        return [text for _, text in log.log_lines(self.log())]
+
+    def trace(self):
+        """What the scripts saw, in the order in which they ran."""
+        text = self._trace_file.read_text() if self._trace_file.exists() else ""
+        return trace.read(text, self.path, str(self.start_dir), set(self._before))
+
+    def note(self, who):
+        """Adds the event @a who to the trace, with what can be seen from here."""
+        subprocess.run(namespace.as_owner(["sh", str(self._trace_script), who]),
+                       cwd=self.start_dir, env={"PATH": _PATH, "LD_LIBRARY_PATH": self.path},
+                       check=True, timeout=_RUN_SECONDS)
+
+    def changes(self):
+        """What differs from the tree before the run, the log apart: "+new", "-gone", "~changed"."""
+        before, after = self._before, self._contents()
+        return sorted([f"+{name}" for name in after.keys() - before.keys()] +
+                      [f"-{name}" for name in before.keys() - after.keys()] +
+                      [f"~{name}" for name in after.keys() & before.keys()
+                       if after[name] != before[name]])
+
+    def exists(self, name):
+        return self._as_owner("test", "-e", name).returncode == 0
+
+    def read(self, name):
+        result = self._as_owner("cat", name)
+        assert result.returncode == 0, result.stderr
+        return result.stdout
+
+    def mode(self, name):
+        """The permission bits."""
+        return int(self._as_owner("stat", "-c", "%a", name).stdout, 8)
+
+    def config_values(self):
+        """The settings that config.xml holds now, as pairs."""
+        return package.config_values(self.read("config.xml"))
+
+    def close(self):
+        for started in self._started:
+            started.close()
+        for agent in self._agents:
+            agent.close()
+        self._as_owner("chmod", "-R", "u+rwx", str(self._base))
+        shutil.rmtree(self._base)
+
+    def _lay_out(self):
+        # An empty file for a host without an agent: the scripts then report "none".
+        self._agent_pid_file.touch()
+        self.root.mkdir()
+        (self.root / "runlog").mkdir()
+        (self.root / "template").mkdir()
+        self._trace_script.write_text(
+            trace.script(self.path, self._agent_pid_file, self._trace_file))
+        self.write_script("startup.sh")
+        self.write_script("tool/tar", f'exec {shutil.which("tar", path=_PATH)} "$@"')
+        self.remember()
+
+    def _environment(self):
+        variables = {"TZ": log.TZ, "LC_ALL": "C", "PATH": _PATH,
+                     "LD_LIBRARY_PATH": "/nonexistent/earlier"}
+        passed_on = [name for name in os.environ if name.endswith("SAN_OPTIONS")]
+        return {**variables, **{name: os.environ[name] for name in passed_on}}
+
+    def _start(self, command, environment, with_streams=True):
+        started = RunningUpdater(command, environment, with_streams)
+        self._started.append(started)
+        return started
+
+    def _contents(self):
+        found = self._as_owner("sh", "-c", _LIST_TREE)
+        assert found.returncode == 0, found.stderr
+        lines = (line.split("  ./", 1) for line in found.stdout.decode().splitlines())
+        return {name: content for content, name in lines if name != _LOG}
+
+    def _as_owner(self, *command):
+        return subprocess.run(namespace.as_owner(list(command)), cwd=self.root,
+                              stdin=subprocess.DEVNULL, capture_output=True, check=False,
+                              timeout=_RUN_SECONDS)

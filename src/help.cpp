@@ -56,7 +56,7 @@ int CHelper::stop_norvak_agent() {
 
 int CHelper::start_norvak_agent() {
   const std::string script = utility::CUnixHelper::get_norvak_path() + kStartupSuffix;
-  (void)std::system(script.c_str());
+  [[maybe_unused]] const int ignored = std::system(script.c_str());
   return 0;
 }
 

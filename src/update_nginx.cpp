@@ -61,7 +61,8 @@ bool CUpdateNginxImpl::is_elf(const char* path) {
   const utility::FilePtr file(std::fopen(path, "rbe"));
   if (!file) return false;
   char head[kElfHeadBytes + 1] = {};
-  (void)std::fread(head, 1, kElfHeadBytes, file.get());  // what a short file lacks stays zero
+  // What a short file lacks stays zero.
+  [[maybe_unused]] const std::size_t ignored = std::fread(head, 1, kElfHeadBytes, file.get());
   return ::strcasecmp(head + 1, kElfMark) == 0;
 }
 

@@ -237,7 +237,7 @@ int CUpdateSoftImpl::decompress_package() {
 }
 
 int CUpdateSoftImpl::exec_script() {
-  (void)::chdir(data_dir_.c_str());
+  [[maybe_unused]] const int ignored = ::chdir(data_dir_.c_str());
   (void)::chmod((data_dir_ + kScript).c_str(), kScriptMode);
   return run_command(std::string(".") + kScript + kDiscardOutput);
 }

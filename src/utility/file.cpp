@@ -71,7 +71,7 @@ std::optional<std::string> read_first_line(const std::string& path, int limit) {
   const FilePtr file(std::fopen(path.c_str(), "re"));
   if (!file) return std::nullopt;
   std::string buffer(static_cast<std::size_t>(limit) + 1, '\0');
-  (void)std::fgets(buffer.data(), limit, file.get());  // nothing read leaves the buffer empty
+  if (std::fgets(buffer.data(), limit, file.get()) == nullptr) return std::string();
   return std::string(buffer.c_str());
 }
 

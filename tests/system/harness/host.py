@@ -1,7 +1,9 @@
 """A host with an installed agent, and the runs of the updater on it."""
 
 import collections
+import contextlib
 import dataclasses
+import fcntl
 import os
 import pathlib
 import shlex
@@ -10,6 +12,7 @@ import signal
 import subprocess
 import tempfile
 import threading
+import time
 
 import pytest
 
@@ -65,6 +68,14 @@ class RunningUpdater:
 
     def is_running(self):
         return self._process.poll() is None
+
+    def ends_within(self, seconds):
+        """Waits for @a seconds, or less if the run ends before."""
+        try:
+            self._process.wait(seconds)
+        except subprocess.TimeoutExpired:
+            return False
+        return True
 
     def finish(self, seconds=_RUN_SECONDS):
         """Waits for the end of the run, at most @a seconds."""
@@ -276,6 +287,20 @@ class AgentHost:
     def log_texts(self):
         """The texts of the log's lines; a separator is an empty text."""
         return [text for _, text in log.log_lines(self.log())]
+
+    def wait_for_log_lines(self, count):
+        """Waits until the log has @a count lines."""
+        deadline = time.monotonic() + _RUN_SECONDS
+        while self.log().count(b"\n") < count:
+            assert time.monotonic() < deadline, self.log()
+            time.sleep(0.01)
+
+    @contextlib.contextmanager
+    def locked(self, name):
+        """Holds an exclusive lock on a file during a block."""
+        with open(self.root / name, "rb") as file:
+            fcntl.flock(file, fcntl.LOCK_EX)
+            yield
 
     def trace(self):
         """What the scripts saw, in the order in which they ran."""

@@ -1,0 +1,473 @@
+"""Downloads, seen through the version file and the package of the agent software update."""
+
+import re
+
+import pytest
+
+from harness import (DATA_DIR, FAILED, KILLED, OK, TAR, VERSION_FILE, WORK_DIR, Reply, Step,
+                     http_reply, namespace, package, unused_address)
+from harness.software import (GET_PACKAGE, GET_VERSION, NEW_VERSION, PACKAGE_PATH, VERSION_PATH,
+                              publish_update, settings)
+
+VERSION_LINE = f"{NEW_VERSION}\n".encode()
+
+UPDATED = ["[SOFT] update norvak agent success", ""]
+NO_VERSION = [
+    "[SOFT] call check_norvak_new_version_exist->download_norvak_version_file faild",
+    "[SOFT] norvak is not need to update, or check new version fail",
+    "",
+]
+NO_PACKAGE = [
+    "[SOFT] call run_update_norvak_agent->download_norvak_update_package failed",
+    "[SOFT] update norvak agent failed",
+    "",
+]
+NOT_UNPACKED = [
+    "call decompress_package failed",
+    "[SOFT] call run_update_norvak_agent->update_now failed",
+    "[SOFT] update norvak agent failed",
+    "",
+]
+
+
+def transfer_failed(code):
+    return f"CUrlOp::url_down_file: curl_easy_perform failed[{code}]"
+
+
+def version_download_failed(host, url, code):
+    """The log of an automatic run that libcurl's result @a code ended at the version file."""
+    return [transfer_failed(code),
+            f"[SOFT] download file failed [url: {url}/norvak/norvak_agent_new_version.txt] "
+            f"[file: {host.path}/update_norvak_soft/new_version]", *NO_VERSION]
+
+
+def assert_untouched(host):
+    assert host.changes() == []
+    assert host.trace() == []
+    assert host.agent.is_alive()
+
+
+def assert_installed(host):
+    assert dict(host.config_values())["version"] == NEW_VERSION
+    assert host.changes() == ["-norvak.pid", "~config.xml"]
+    assert [step.who for step in host.trace()] == ["tool/tar", "startup.sh"]
+    assert host.agent.was_killed()
+
+
+def assert_restarted_unchanged(host, run):
+    """The package was fetched but is none: only tar may have complained."""
+    assert (run.status, run.stdout) == (255, b"")
+    assert re.match(rb"[^\n]*/?tar: ", run.stderr)
+    assert host.log_texts() == NOT_UNPACKED
+    assert host.changes() == ["-norvak.pid"]
+    assert [step.who for step in host.trace()] == ["tool/tar", "startup.sh"]
+    assert host.agent.was_killed()
+
+
+@pytest.fixture
+def serve(host, scripted_server):
+    """Lets the scripted server offer an update; replies that are given replace the good ones."""
+    def serve_update(version=None, package_reply=None):
+        scripted_server.reply(VERSION_PATH, version or http_reply(VERSION_LINE))
+        scripted_server.reply(PACKAGE_PATH, package_reply or http_reply(package()))
+        host.configure(**settings(scripted_server.url))
+        return scripted_server
+
+    return serve_update
+
+
+# A server that behaves.
+
+
+def test_version_and_package_are_fetched_from_nginx(host, server):
+    publish_update(server)
+    host.configure(**settings(server.url))
+    assert host.update("0", "0") == OK
+    assert host.log_texts() == UPDATED
+    assert server.requests() == [GET_VERSION, GET_PACKAGE]
+    assert_installed(host)
+
+
+def test_the_request_holds_nothing_that_was_not_asked_for(host, serve):
+    server = serve()
+    assert host.update("0", "0") == OK
+    assert server.request_heads() == [
+        f"GET {path} HTTP/1.1\r\nHost: 127.0.0.1:{server.port}\r\nAccept: */*\r\n\r\n".encode()
+        for path in (VERSION_PATH, PACKAGE_PATH)]
+
+
+@pytest.mark.parametrize("prefix", [
+    pytest.param("", id="host alone"),
+    pytest.param("/agents/linux", id="path behind the host"),
+    pytest.param("/", id="slash at the end"),
+    pytest.param("/agents?name=", id="query"),
+])
+def test_the_path_is_appended_to_the_host_as_it_stands(host, scripted_server, prefix):
+    scripted_server.reply(f"{prefix}{VERSION_PATH}", http_reply(VERSION_LINE))
+    scripted_server.reply(f"{prefix}{PACKAGE_PATH}", http_reply(package()))
+    host.configure(**settings(scripted_server.url + prefix))
+    assert host.update("0", "0") == OK
+    assert host.log_texts() == UPDATED
+    assert scripted_server.requests() == [f"GET {prefix}{VERSION_PATH}",
+                                          f"GET {prefix}{PACKAGE_PATH}"]
+
+
+def test_a_host_without_scheme_is_asked_over_http(host, server):
+    publish_update(server)
+    host.configure(**settings(f"127.0.0.1:{server.port}"))
+    assert host.update("0", "0") == OK
+    assert host.log_texts() == UPDATED
+    assert server.requests() == [GET_VERSION, GET_PACKAGE]
+
+
+def test_a_proxy_of_the_environment_is_used(host, scripted_server):
+    url = "http://updates.test"
+    scripted_server.reply(f"{url}{VERSION_PATH}", http_reply(VERSION_LINE))
+    scripted_server.reply(f"{url}{PACKAGE_PATH}", http_reply(package()))
+    host.configure(**settings(url))
+    assert host.update("0", "0", environment={"http_proxy": scripted_server.url}) == OK
+    assert host.log_texts() == UPDATED
+    assert scripted_server.requests() == [f"GET {url}{VERSION_PATH}", f"GET {url}{PACKAGE_PATH}"]
+
+
+def test_an_earlier_file_is_replaced_and_not_appended_to(host, server):
+    publish_update(server)
+    host.configure(**settings(server.url))
+    host.write(VERSION_FILE, "abcdef9.9.9\n")
+    host.write(TAR, b"what an earlier run left" * 1000)
+    assert host.update("0", "0") == OK
+    assert host.log_texts() == UPDATED
+    assert dict(host.config_values())["version"] == NEW_VERSION
+
+
+# Bodies in unusual forms that are whole all the same.
+
+CHUNKED = b"HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n"
+
+
+def chunked(body, size):
+    """The body in chunks of @a size bytes, each sent on its own."""
+    pieces = [body[i:i + size] for i in range(0, len(body), size)]
+    return Reply([CHUNKED, *(b"%x\r\n%s\r\n" % (len(piece), piece) for piece in pieces),
+                  b"0\r\n\r\n"])
+
+
+@pytest.mark.parametrize("form", [
+    pytest.param(lambda body: http_reply(length=len(body), pieces=[
+        body[i:i + 64] for i in range(0, len(body), 64)]), id="many tiny pieces"),
+    pytest.param(lambda body: http_reply(length=len(body), pieces=[
+        body[:5], 0.05, body[5:6], 0.05, body[6:]]), id="pauses between pieces"),
+    pytest.param(lambda body: chunked(body, 7), id="chunks"),
+    pytest.param(lambda body: Reply([b"HTTP/1.0 200 OK\r\n\r\n", body]), id="no length"),
+    pytest.param(lambda body: http_reply(body, headers=["Content-Type: text/html; charset=GBK"]),
+                 id="a type that does not fit"),
+    pytest.param(lambda body: Reply([b"HTTP/1.1 100 Continue\r\n\r\n", *http_reply(body).steps]),
+                 id="interim reply first"),
+])
+def test_a_body_is_saved_whole_in_whatever_form_it_comes(host, serve, form):
+    serve(form(VERSION_LINE), form(package()))
+    assert host.update("0", "0") == OK
+    assert host.log_texts() == UPDATED
+    assert_installed(host)
+
+
+def test_a_large_package_is_saved_whole(host, server):
+    content = bytes(range(256)) * (4 << 12)  # 4 MiB
+    publish_update(server, files={"update": "#!/bin/sh\ncp big ../../kept\n", "big": content})
+    host.configure(**settings(server.url))
+    assert host.update("0", "0") == OK
+    assert host.read("kept") == content
+
+
+# The status is not looked at: the body of an error is the file.
+
+STATUSES = ["404 Not Found", "500 Internal Server Error", "403 Forbidden", "503 Busy",
+            "302 Found"]
+
+
+@pytest.mark.parametrize("status", STATUSES)
+def test_a_good_body_counts_whatever_the_status(host, serve, status):
+    server = serve(http_reply(VERSION_LINE, status), http_reply(package(), status))
+    assert host.update("0", "0") == OK
+    assert host.log_texts() == UPDATED
+    assert server.requests() == [GET_VERSION, GET_PACKAGE]
+    assert_installed(host)
+
+
+@pytest.mark.parametrize("status", STATUSES)
+def test_an_error_page_is_no_version(host, serve, status):
+    server = serve(http_reply(b"<html>\n<p>sorry</p>\n</html>\n", status))
+    assert host.update("0", "0") == FAILED
+    assert host.log_texts() == NO_VERSION
+    assert server.requests() == [GET_VERSION]
+    assert_untouched(host)
+
+
+@pytest.mark.parametrize("status", STATUSES)
+def test_an_error_page_is_no_package(host, serve, status):
+    server = serve(package_reply=http_reply(b"<html>\n<p>sorry</p>\n</html>\n", status))
+    assert_restarted_unchanged(host, host.update("0", "0"))
+    assert server.requests() == [GET_VERSION, GET_PACKAGE]
+
+
+def test_the_404_page_of_nginx_is_no_version(host, server):
+    host.configure(**settings(server.url))
+    assert host.update("0", "0") == FAILED
+    assert host.log_texts() == NO_VERSION
+    assert server.requests() == [GET_VERSION]
+    assert_untouched(host)
+
+
+@pytest.mark.parametrize("prefix", ["/absent", "/broken", "/moved"])
+def test_the_error_pages_of_nginx_are_no_package(host, server, prefix):
+    publish_update(server)
+    host.configure(**settings(f"{server.url}{prefix}"))
+    assert_restarted_unchanged(host, host.update("0", "1"))
+    assert server.requests() == [f"GET {prefix}{PACKAGE_PATH}"]
+
+
+def test_a_redirect_of_nginx_is_not_followed(host, server):
+    publish_update(server)
+    host.configure(**settings(f"{server.url}/moved"))
+    assert host.update("0", "0") == FAILED
+    assert host.log_texts() == NO_VERSION
+    assert server.requests() == [f"GET /moved{VERSION_PATH}"]
+    assert_untouched(host)
+
+
+def test_a_redirect_with_a_good_body_is_not_followed_either(host, serve):
+    moved = http_reply(VERSION_LINE, "301 Moved Permanently", [f"Location: {PACKAGE_PATH}"])
+    server = serve(moved, http_reply(package(), "307 Temporary Redirect", ["Location: /other"]))
+    assert host.update("0", "0") == OK
+    assert host.log_texts() == UPDATED
+    assert server.requests() == [GET_VERSION, GET_PACKAGE]
+
+
+# An empty body is a success that leaves no file.
+
+EMPTY_BODIES = [
+    pytest.param(http_reply(b""), id="200"),
+    pytest.param(http_reply(b"", "404 Not Found"), id="404"),
+    pytest.param(http_reply(b"", "302 Found", [f"Location: {PACKAGE_PATH}"]), id="302"),
+    pytest.param(Reply([b"HTTP/1.1 204 No Content\r\n\r\n"]), id="204"),
+    pytest.param(Reply([CHUNKED, b"0\r\n\r\n"]), id="no chunk"),
+]
+
+
+@pytest.mark.parametrize("empty", EMPTY_BODIES)
+def test_an_empty_body_is_no_version(host, serve, empty):
+    server = serve(empty)
+    host.write(VERSION_FILE, VERSION_LINE)  # an earlier file does not stand in for it
+    assert host.update("0", "0") == FAILED
+    assert host.log_texts() == NO_VERSION
+    assert server.requests() == [GET_VERSION]
+    assert_untouched(host)
+
+
+@pytest.mark.parametrize("empty", EMPTY_BODIES)
+def test_an_empty_body_is_no_package(host, serve, empty):
+    serve(package_reply=empty)
+    host.write(TAR, package())
+    assert_restarted_unchanged(host, host.update("0", "0"))
+
+
+# Transfers that fail, with libcurl's result.
+
+COULD_NOT_RESOLVE = 6
+COULD_NOT_CONNECT = 7
+PARTIAL_FILE = 18
+WRITE_ERROR = 23
+GOT_NOTHING = 52
+RECEIVE_ERROR = 56
+
+
+def failing_transfers(body):
+    half = len(body) // 2
+    return [
+        pytest.param(http_reply(body, length=len(body) + 1), PARTIAL_FILE, id="one byte missing"),
+        pytest.param(http_reply(body[:half], length=len(body)), PARTIAL_FILE, id="half a body"),
+        pytest.param(http_reply(length=len(body)), PARTIAL_FILE, id="no body where one is promised"),
+        pytest.param(Reply([CHUNKED, b"5\r\nabcde\r\n"]), PARTIAL_FILE, id="last chunk missing"),
+        pytest.param(Reply([CHUNKED, b"what\r\n"]), RECEIVE_ERROR, id="chunk without a size"),
+        pytest.param(http_reply(length=len(body), pieces=[body[:half], 0.05], end="reset"),
+                     RECEIVE_ERROR, id="reset within the body"),
+        pytest.param(Reply([0.05], "reset"), RECEIVE_ERROR, id="reset instead of a reply"),
+        pytest.param(Reply([]), GOT_NOTHING, id="closed without a reply"),
+    ]
+
+
+@pytest.mark.parametrize("reply, code", failing_transfers(VERSION_LINE))
+def test_a_failed_transfer_gives_no_version(host, serve, reply, code):
+    server = serve(reply)
+    assert host.update("0", "0") == FAILED
+    assert host.log_texts() == version_download_failed(host, server.url, code)
+    assert server.requests() == [GET_VERSION]
+    assert_untouched(host)
+
+
+@pytest.mark.parametrize("reply, code", failing_transfers(package()))
+def test_a_failed_transfer_of_the_package_leaves_the_agent_alone(host, serve, reply, code):
+    server = serve(package_reply=reply)
+    assert host.update("0", "0") == FAILED
+    assert host.log_texts() == [transfer_failed(code), *NO_PACKAGE]
+    assert server.requests() == [GET_VERSION, GET_PACKAGE]
+    assert_untouched(host)
+
+
+def test_a_failed_transfer_is_not_tried_again(host, serve):
+    server = serve(Reply([]))
+    assert host.update("0", "0") == FAILED
+    assert host.log_texts() == version_download_failed(host, server.url, GOT_NOTHING)
+    assert server.requests() == [GET_VERSION]
+
+
+def test_no_server_at_all_gives_no_version(host):
+    holder, address = unused_address()
+    with holder:
+        host.configure(**settings(f"http://{address}"))
+        assert host.update("0", "0") == FAILED
+    assert host.log_texts() == version_download_failed(host, f"http://{address}", COULD_NOT_CONNECT)
+    assert_untouched(host)
+
+
+def test_no_server_at_all_gives_no_package(host):
+    holder, address = unused_address()
+    with holder:
+        host.configure(**settings(f"http://{address}"))
+        assert host.update("0", "1") == FAILED
+    assert host.log_texts() == [transfer_failed(COULD_NOT_CONNECT), *NO_PACKAGE]
+    assert_untouched(host)
+
+
+@pytest.mark.parametrize("url, code", [
+    pytest.param("carrier-pigeon://127.0.0.1", 1, id="unknown scheme"),
+    pytest.param("http://127.0.0.1:port", 3, id="malformed port"),
+])
+def test_an_address_that_is_none_fails_without_a_request(host, url, code):
+    host.configure(**settings(url))
+    assert host.update("0", "0") == FAILED
+    assert host.log_texts() == version_download_failed(host, url, code)
+    assert_untouched(host)
+
+
+# The name service sees the machine's hosts file only, so that no query leaves the machine.
+
+
+@pytest.fixture
+def with_hosts_file(tmp_path):
+    """Mounts that replace the hosts file by the given text."""
+    def mounts(text):
+        hosts, order = tmp_path / "hosts", tmp_path / "nsswitch.conf"
+        hosts.write_text(text)
+        order.write_text("hosts: files\n")
+        for file in (tmp_path, hosts, order):
+            file.chmod(0o755)
+        return [namespace.bind(hosts, "/etc/hosts"), namespace.bind(order, "/etc/nsswitch.conf")]
+
+    return mounts
+
+
+def test_a_host_name_is_resolved(host, server, with_hosts_file):
+    publish_update(server)
+    host.configure(**settings(f"http://updates.test:{server.port}"))
+    mounts = with_hosts_file("2001:db8::1 updates.test\n127.0.0.1 updates.test\n")
+    assert host.update("0", "0", mounts=mounts) == OK
+    assert host.log_texts() == UPDATED
+    assert server.requests() == [GET_VERSION, GET_PACKAGE]
+
+
+@pytest.mark.parametrize("hosts", [
+    pytest.param("2001:db8::1 updates.test\n", id="IPv6 address only"),
+    pytest.param("127.0.0.1 other.test\n", id="unknown name"),
+])
+def test_a_host_name_without_an_ipv4_address_is_not_resolved(host, with_hosts_file, hosts):
+    url = "http://updates.test:9"
+    host.configure(**settings(url))
+    assert host.update("0", "0", mounts=with_hosts_file(hosts)) == FAILED
+    assert host.log_texts() == version_download_failed(host, url, COULD_NOT_RESOLVE)
+    assert_untouched(host)
+
+
+# Files that cannot be written.
+
+
+def test_a_full_disk_ends_the_transfer(host, serve):
+    server = serve(package_reply=http_reply(package({"update": b"x" * 100_000})))
+    (host.root / WORK_DIR).mkdir()
+    host.remember()
+    full = [namespace.small_disk(host.root / WORK_DIR, 32 << 10)]
+    assert host.update("0", "0", mounts=full) == FAILED
+    assert host.log_texts() == [transfer_failed(WRITE_ERROR), *NO_PACKAGE]
+    assert server.requests() == [GET_VERSION, GET_PACKAGE]
+    assert_untouched(host)
+
+
+def test_a_work_directory_that_cannot_be_made_ends_the_transfer(host, serve):
+    server = serve()
+    host.write(WORK_DIR, "a file in its place")
+    assert host.update("0", "0") == FAILED
+    assert host.log_texts() == version_download_failed(host, server.url, WRITE_ERROR)
+    # The clean-up takes away whatever stands under that name.
+    assert host.changes() == []
+
+
+def test_a_directory_in_the_place_of_the_file_ends_the_transfer(host, serve):
+    server = serve()
+    host.write(f"{VERSION_FILE}/file", "")
+    assert host.update("0", "0") == FAILED
+    assert host.log_texts() == version_download_failed(host, server.url, WRITE_ERROR)
+    assert_untouched(host)
+
+
+# A server that says nothing more holds up the run for as long as it likes.
+
+STALLED = [
+    pytest.param(Reply([], "stall"), id="no reply"),
+    pytest.param(http_reply(b"abc", length=100, end="stall"), id="within the body"),
+]
+
+
+def assert_blocks(run):
+    assert not run.ends_within(0.4)
+    run.kill()
+    assert run.finish().status == KILLED
+
+
+@pytest.mark.parametrize("reply", STALLED)
+def test_a_stalled_version_file_blocks_the_run(host, serve, reply):
+    server = serve(reply)
+    run = host.start("0", "0")
+    server.wait_for_requests(1)
+    assert_blocks(run)
+    assert host.log_texts() == []
+    assert host.changes() == [f"+{WORK_DIR}", f"+{DATA_DIR}"] + (
+        [f"+{VERSION_FILE}"] if len(reply.steps) > 1 else [])
+    assert host.agent.is_alive()
+
+
+@pytest.mark.parametrize("reply", STALLED)
+def test_a_stalled_package_blocks_the_run_before_the_agent_is_stopped(host, serve, reply):
+    server = serve(package_reply=reply)
+    run = host.start("0", "0")
+    server.wait_for_requests(2)
+    assert_blocks(run)
+    assert host.log_texts() == []
+    assert host.trace() == []
+    assert host.changes() == sorted(
+        ["+update", f"+{WORK_DIR}", f"+{DATA_DIR}", f"+{VERSION_FILE}"]
+        + ([f"+{TAR}"] if len(reply.steps) > 1 else []))
+    assert host.agent.is_alive()
+
+
+def test_the_agent_lives_until_the_package_is_whole(host, serve):
+    body = package()
+    serve(package_reply=http_reply(length=len(body), pieces=[
+        lambda: host.note("reply"), body[:-1], 0.1, lambda: host.note("last byte"), body[-1:]]))
+    assert host.update("0", "0") == OK
+    work = [f"+{WORK_DIR}", f"+{DATA_DIR}", f"+{VERSION_FILE}"]
+    assert host.trace()[:3] == [
+        Step("reply", "start", True, "alive", work),
+        Step("last byte", "start", True, "alive", sorted([*work, f"+{TAR}"])),
+        Step("tool/tar", "start", True, "dead", sorted(["-norvak.pid", *work, f"+{TAR}"])),
+    ]
+    assert [step.who for step in host.trace()] == ["reply", "last byte", "tool/tar", "startup.sh"]

@@ -131,7 +131,7 @@ bool write_in_place(const Target& target, const std::string& contents) {
   if (!file || ::fstat(file.get(), &old) != 0) return false;
   const auto size = static_cast<off_t>(contents.size());
   if (size > 0 && ::posix_fallocate(file.get(), 0, size) != 0) {
-    (void)::ftruncate(file.get(), old.st_size);
+    [[maybe_unused]] const int ignored = ::ftruncate(file.get(), old.st_size);
     return false;
   }
   return write_all(file.get(), contents.data(), contents.size()) == contents.size() &&

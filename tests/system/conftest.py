@@ -105,3 +105,17 @@ def scripted_server():
     running = ScriptedServer()
     yield running
     running.close()
+
+
+@pytest.fixture
+def with_hosts_file(tmp_path):
+    """Mounts that replace the hosts file by the given text, and keep queries on the machine."""
+    def mounts(text):
+        hosts, order = tmp_path / "hosts", tmp_path / "nsswitch.conf"
+        hosts.write_text(text)
+        order.write_text("hosts: files\n")
+        for file in (tmp_path, hosts, order):
+            file.chmod(0o755)
+        return [namespace.bind(hosts, "/etc/hosts"), namespace.bind(order, "/etc/nsswitch.conf")]
+
+    return mounts

@@ -8,6 +8,9 @@ from harness import (DATA_DIR, FAILED, KILLED, OK, TAR, VERSION_FILE, WORK_DIR, 
                      http_reply, namespace, package, unused_address)
 from harness.software import (GET_PACKAGE, GET_VERSION, NEW_VERSION, PACKAGE_PATH, VERSION_PATH,
                               publish_update, settings)
+from harness.transfers import (COULD_NOT_CONNECT, COULD_NOT_RESOLVE, EMPTY_BODIES, ERROR_STATUSES,
+                               GOT_NOTHING, STALLED, WHOLE_BODIES, WRITE_ERROR, failing_transfers,
+                               transfer_failed)
 
 VERSION_LINE = f"{NEW_VERSION}\n".encode()
 
@@ -28,10 +31,6 @@ NOT_UNPACKED = [
     "[SOFT] update norvak agent failed",
     "",
 ]
-
-
-def transfer_failed(code):
-    return f"CUrlOp::url_down_file: curl_easy_perform failed[{code}]"
 
 
 def version_download_failed(host, url, code):
@@ -142,28 +141,8 @@ def test_an_earlier_file_is_replaced_and_not_appended_to(host, server):
 
 # Bodies in unusual forms that are whole all the same.
 
-CHUNKED = b"HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n"
 
-
-def chunked(body, size):
-    """The body in chunks of @a size bytes, each sent on its own."""
-    pieces = [body[i:i + size] for i in range(0, len(body), size)]
-    return Reply([CHUNKED, *(b"%x\r\n%s\r\n" % (len(piece), piece) for piece in pieces),
-                  b"0\r\n\r\n"])
-
-
-@pytest.mark.parametrize("form", [
-    pytest.param(lambda body: http_reply(length=len(body), pieces=[
-        body[i:i + 64] for i in range(0, len(body), 64)]), id="many tiny pieces"),
-    pytest.param(lambda body: http_reply(length=len(body), pieces=[
-        body[:5], 0.05, body[5:6], 0.05, body[6:]]), id="pauses between pieces"),
-    pytest.param(lambda body: chunked(body, 7), id="chunks"),
-    pytest.param(lambda body: Reply([b"HTTP/1.0 200 OK\r\n\r\n", body]), id="no length"),
-    pytest.param(lambda body: http_reply(body, headers=["Content-Type: text/html; charset=GBK"]),
-                 id="a type that does not fit"),
-    pytest.param(lambda body: Reply([b"HTTP/1.1 100 Continue\r\n\r\n", *http_reply(body).steps]),
-                 id="interim reply first"),
-])
+@pytest.mark.parametrize("form", WHOLE_BODIES)
 def test_a_body_is_saved_whole_in_whatever_form_it_comes(host, serve, form):
     serve(form(VERSION_LINE), form(package()))
     assert host.update("0", "0") == OK
@@ -181,11 +160,8 @@ def test_a_large_package_is_saved_whole(host, server):
 
 # The status is not looked at: the body of an error is the file.
 
-STATUSES = ["404 Not Found", "500 Internal Server Error", "403 Forbidden", "503 Busy",
-            "302 Found"]
 
-
-@pytest.mark.parametrize("status", STATUSES)
+@pytest.mark.parametrize("status", ERROR_STATUSES)
 def test_a_good_body_counts_whatever_the_status(host, serve, status):
     server = serve(http_reply(VERSION_LINE, status), http_reply(package(), status))
     assert host.update("0", "0") == OK
@@ -194,7 +170,7 @@ def test_a_good_body_counts_whatever_the_status(host, serve, status):
     assert_installed(host)
 
 
-@pytest.mark.parametrize("status", STATUSES)
+@pytest.mark.parametrize("status", ERROR_STATUSES)
 def test_an_error_page_is_no_version(host, serve, status):
     server = serve(http_reply(b"<html>\n<p>sorry</p>\n</html>\n", status))
     assert host.update("0", "0") == FAILED
@@ -203,7 +179,7 @@ def test_an_error_page_is_no_version(host, serve, status):
     assert_untouched(host)
 
 
-@pytest.mark.parametrize("status", STATUSES)
+@pytest.mark.parametrize("status", ERROR_STATUSES)
 def test_an_error_page_is_no_package(host, serve, status):
     server = serve(package_reply=http_reply(b"<html>\n<p>sorry</p>\n</html>\n", status))
     assert_restarted_unchanged(host, host.update("0", "0"))
@@ -245,14 +221,6 @@ def test_a_redirect_with_a_good_body_is_not_followed_either(host, serve):
 
 # An empty body is a success that leaves no file.
 
-EMPTY_BODIES = [
-    pytest.param(http_reply(b""), id="200"),
-    pytest.param(http_reply(b"", "404 Not Found"), id="404"),
-    pytest.param(http_reply(b"", "302 Found", [f"Location: {PACKAGE_PATH}"]), id="302"),
-    pytest.param(Reply([b"HTTP/1.1 204 No Content\r\n\r\n"]), id="204"),
-    pytest.param(Reply([CHUNKED, b"0\r\n\r\n"]), id="no chunk"),
-]
-
 
 @pytest.mark.parametrize("empty", EMPTY_BODIES)
 def test_an_empty_body_is_no_version(host, serve, empty):
@@ -272,28 +240,6 @@ def test_an_empty_body_is_no_package(host, serve, empty):
 
 
 # Transfers that fail, with libcurl's result.
-
-COULD_NOT_RESOLVE = 6
-COULD_NOT_CONNECT = 7
-PARTIAL_FILE = 18
-WRITE_ERROR = 23
-GOT_NOTHING = 52
-RECEIVE_ERROR = 56
-
-
-def failing_transfers(body):
-    half = len(body) // 2
-    return [
-        pytest.param(http_reply(body, length=len(body) + 1), PARTIAL_FILE, id="one byte missing"),
-        pytest.param(http_reply(body[:half], length=len(body)), PARTIAL_FILE, id="half a body"),
-        pytest.param(http_reply(length=len(body)), PARTIAL_FILE, id="no body where one is promised"),
-        pytest.param(Reply([CHUNKED, b"5\r\nabcde\r\n"]), PARTIAL_FILE, id="last chunk missing"),
-        pytest.param(Reply([CHUNKED, b"what\r\n"]), RECEIVE_ERROR, id="chunk without a size"),
-        pytest.param(http_reply(length=len(body), pieces=[body[:half], 0.05], end="reset"),
-                     RECEIVE_ERROR, id="reset within the body"),
-        pytest.param(Reply([0.05], "reset"), RECEIVE_ERROR, id="reset instead of a reply"),
-        pytest.param(Reply([]), GOT_NOTHING, id="closed without a reply"),
-    ]
 
 
 @pytest.mark.parametrize("reply, code", failing_transfers(VERSION_LINE))
@@ -353,20 +299,6 @@ def test_an_address_that_is_none_fails_without_a_request(host, url, code):
 # The name service sees the machine's hosts file only, so that no query leaves the machine.
 
 
-@pytest.fixture
-def with_hosts_file(tmp_path):
-    """Mounts that replace the hosts file by the given text."""
-    def mounts(text):
-        hosts, order = tmp_path / "hosts", tmp_path / "nsswitch.conf"
-        hosts.write_text(text)
-        order.write_text("hosts: files\n")
-        for file in (tmp_path, hosts, order):
-            file.chmod(0o755)
-        return [namespace.bind(hosts, "/etc/hosts"), namespace.bind(order, "/etc/nsswitch.conf")]
-
-    return mounts
-
-
 def test_a_host_name_is_resolved(host, server, with_hosts_file):
     publish_update(server)
     host.configure(**settings(f"http://updates.test:{server.port}"))
@@ -420,11 +352,6 @@ def test_a_directory_in_the_place_of_the_file_ends_the_transfer(host, serve):
 
 
 # A server that says nothing more holds up the run for as long as it likes.
-
-STALLED = [
-    pytest.param(Reply([], "stall"), id="no reply"),
-    pytest.param(http_reply(b"abc", length=100, end="stall"), id="within the body"),
-]
 
 
 def assert_blocks(run):

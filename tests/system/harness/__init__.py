@@ -7,6 +7,7 @@ log.py        reading the update log
 package.py    agent packages and config.xml
 nginx.py      a real nginx that publishes files
 scripted.py   a server that misbehaves on purpose
+transfers.py  tables of how a transfer can go
 saves.py      counts how often a file is replaced
 """
 

@@ -15,7 +15,7 @@ target_compile_options(norvak_options INTERFACE
   -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wsign-conversion -Wold-style-cast
   -Wnon-virtual-dtor -Woverloaded-virtual -Wcast-align -Wcast-qual -Wunused -Wnull-dereference
   -Wdouble-promotion -Wformat=2 -Wformat-nonliteral -Wimplicit-fallthrough -Wundef
-  $<$<CXX_COMPILER_ID:GNU>:-Wduplicated-cond -Wduplicated-branches -Wlogical-op -Wuseless-cast>
+  $<$<CXX_COMPILER_ID:GNU>:-Wduplicated-cond -Wduplicated-branches -Wlogical-op>
   $<$<BOOL:${NORVAK_WERROR}>:-Werror>)
 
 # Hardening, as the distributions build their own packages.

@@ -142,7 +142,8 @@ def test_nginx_publishes_files_and_tells_its_requests_in_order(server):
 
 def test_the_scripted_server_follows_its_script(scripted_server):
     called = []
-    scripted_server.reply("/it", http_reply(length=2, pieces=[b"a", lambda: called.append(1), b"b"]))
+    pieces = [b"a", lambda: called.append(1), b"b"]
+    scripted_server.reply("/it", http_reply(length=2, pieces=pieces))
     assert fetch(f"{scripted_server.url}/it") == (200, b"ab")
     assert fetch(f"{scripted_server.url}/other") == (404, b"not here\n")
     assert called == [1]

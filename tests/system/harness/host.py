@@ -200,7 +200,7 @@ class AgentHost:
         self.write(name, self.script(name, body), mode)
 
     def script(self, name, body=""):
-        """The text of a shell script that adds itself to the trace as @a name, then does @a body."""
+        """A shell script that adds itself to the trace as @a name, then does @a body."""
         return f"#!/bin/sh\nsh {self._trace_script} {shlex.quote(name)}\n{body}\n"
 
     def remove(self, name):
@@ -253,7 +253,7 @@ class AgentHost:
             self._uname_answers() if uname else None), variables, with_streams)
 
     def update_at_once(self, count, *args):
-        """Runs @a count updaters at the same time; the exit statuses with how often each occurred."""
+        """Runs @a count updaters at the same time; counts how often each exit status occurred."""
         one = shlex.join([self._updater, *args])
         script = (f"for i in $(seq {count}); do {one} & pids=\"$pids $!\"; done\n"
                   "for pid in $pids; do wait $pid; echo $?; done")

@@ -1,0 +1,170 @@
+"""What a successful update writes into config.xml."""
+
+import pytest
+
+from harness import OK, VERSION_FILE, config_xml, count_saves, namespace
+from harness.software import INSTALLED_VERSION, NEW_VERSION, publish_update, settings
+
+UPDATED = ["[SOFT] update norvak agent success", ""]
+
+PUT_IN_PLACE = "#!/bin/sh\ncp new.xml ../../config.xml\n"
+PUT_IN_PLACE_SAVES = 1
+
+
+@pytest.fixture
+def update_to(host, server):
+    """An automatic or manual update whose script puts the given configuration in place.
+
+    Returns how often the updater itself saved config.xml.
+    """
+    def run(document, mode="0", old=None):
+        publish_update(server, files={"update": PUT_IN_PLACE, "new.xml": document})
+        host.configure(*(old or settings(server.url, "2")).items())
+        with count_saves(host.root / "config.xml") as saves:
+            assert host.update("0", mode) == OK
+        assert host.log_texts() == UPDATED
+        return saves.count - PUT_IN_PLACE_SAVES
+
+    return run
+
+
+def test_version_and_update_type_are_carried_over(host, update_to):
+    new = [("update_host", "http://new"), ("version", "of the package"), ("update_type", "1")]
+    assert update_to(config_xml(new)) == 2
+    assert host.config_values() == [("update_host", "http://new"), ("version", NEW_VERSION),
+                                    ("update_type", "2")]
+
+
+def test_the_order_of_the_two_settings_does_not_matter(host, update_to):
+    new = [("update_type", "1"), ("other", "o"), ("version", "of the package")]
+    assert update_to(config_xml(new)) == 2
+    assert host.config_values() == [("update_type", "2"), ("other", "o"), ("version", NEW_VERSION)]
+
+
+def test_without_update_type_only_the_version_is_set(host, update_to):
+    assert update_to(config_xml([("version", "of the package"), ("other", "o")])) == 1
+    assert host.config_values() == [("version", NEW_VERSION), ("other", "o")]
+
+
+def test_without_version_only_the_update_type_is_set(host, update_to):
+    assert update_to(config_xml([("update_type", "1")])) == 1
+    assert host.config_values() == [("update_type", "2")]
+
+
+@pytest.mark.parametrize("document", [
+    pytest.param(config_xml([("other", "o")]), id="neither setting"),
+    pytest.param(config_xml([]), id="no setting"),
+    pytest.param(config_xml([("Version", "1"), ("update_type ", "1")]), id="similar names"),
+    pytest.param(b'<norvak><Process><var name="version" value="1"/></Process></norvak>',
+                 id="setting in another place"),
+    pytest.param(b"<settings/>", id="another root"),
+])
+def test_without_both_settings_the_new_configuration_stays_as_it_is(host, update_to, document):
+    assert update_to(document) == 0
+    assert host.read("config.xml") == document
+
+
+def test_an_update_type_that_the_old_configuration_did_not_have_is_emptied(host, server, update_to):
+    old = {"update_host": server.url, "version": INSTALLED_VERSION}
+    assert update_to(config_xml([("version", "1"), ("update_type", "1")]), old=old) == 2
+    assert host.config_values() == [("version", NEW_VERSION), ("update_type", "")]
+
+
+def test_the_update_type_is_carried_over_as_a_text(host, server, update_to):
+    old = settings(server.url, update_type=" 0x \"<&'>")
+    update_to(config_xml([("update_type", "1")]), old=old)
+    assert host.config_values() == [("update_type", " 0x \"<&'>")]
+
+
+def test_two_versions_before_the_update_type_use_up_both_changes(host, update_to):
+    new = [("version", "a"), ("version", "b"), ("update_type", "1")]
+    assert update_to(config_xml(new)) == 2
+    assert host.config_values() == [("version", NEW_VERSION), ("version", NEW_VERSION),
+                                    ("update_type", "1")]
+
+
+def test_nothing_behind_the_second_change_is_set(host, update_to):
+    new = [("version", "a"), ("update_type", "1"), ("version", "b"), ("update_type", "3")]
+    assert update_to(config_xml(new)) == 2
+    assert host.config_values() == [("version", NEW_VERSION), ("update_type", "2"),
+                                    ("version", "b"), ("update_type", "3")]
+
+
+def test_a_manual_run_empties_the_version(host, update_to):
+    assert update_to(config_xml([("version", "a"), ("update_type", "1")]), mode="1") == 2
+    assert host.config_values() == [("version", ""), ("update_type", "2")]
+
+
+def test_a_manual_run_takes_the_version_file_that_an_earlier_run_left(host, server):
+    publish_update(server)
+    host.configure(**settings(server.url))
+    host.write(VERSION_FILE, "abcdef7.7\nsecond line\n")
+    assert host.update("0", "1") == OK
+    assert dict(host.config_values())["version"] == "abcdef7.7"
+
+
+def test_a_version_file_that_comes_with_the_package_counts_in_a_manual_run(host, server):
+    publish_update(server, files={"update": "#!/bin/sh\necho abcdef8.8 >../new_version\n"})
+    host.configure(**settings(server.url))
+    assert host.update("0", "1") == OK
+    assert dict(host.config_values())["version"] == "abcdef8.8"
+
+
+def test_the_version_of_an_automatic_run_is_the_one_that_was_compared(host, server):
+    publish_update(server, files={"update": "#!/bin/sh\necho abcdef8.8 >../new_version\n"})
+    host.configure(**settings(server.url))
+    assert host.update("0", "0") == OK
+    assert dict(host.config_values())["version"] == NEW_VERSION
+
+
+def test_only_the_two_values_change_in_the_document(host, server):
+    document = f"""\
+\ufeff<?xml version='1.0'  encoding="utf-8" ?>\r
+<!DOCTYPE norvak [<!ENTITY home "/opt">]>
+<!-- kept --><?kept too?>
+<norvak\tkept='"'><Process><Data>
+  <var value = '{INSTALLED_VERSION}'   name="version"></var>
+  <var name='update_type'/><!-- no value yet -->
+  <var name="path" value="&home;/a&#10;b"/><![CDATA[ <var name="version"/> ]]>
+  <var name="update_host" value="{server.url}" />
+</Data></Process></norvak>"""
+    publish_update(server)
+    host.write("config.xml", document)
+    assert host.update("0", "0") == OK
+    before, between, after = document.replace(INSTALLED_VERSION, "|").replace(
+        "name='update_type'", "|").split("|")
+    text = host.read("config.xml").decode()
+    assert text.startswith(before + NEW_VERSION + between)
+    assert text.endswith(after)
+    changed = text[len(before + NEW_VERSION + between):-len(after)]
+    assert changed in ("name='update_type' value=\"\"", "name='update_type' value=''")
+
+
+def test_config_xml_keeps_its_mode(host, server):
+    publish_update(server)
+    host.configure(**settings(server.url))
+    (host.root / "config.xml").chmod(0o640)
+    assert host.update("0", "0") == OK
+    assert host.mode("config.xml") == 0o640
+
+
+def test_config_xml_may_be_a_link(host, server):
+    publish_update(server)
+    host.configure(**settings(server.url))
+    (host.root / "settings").mkdir()
+    (host.root / "config.xml").rename(host.root / "settings/agent.xml")
+    (host.root / "config.xml").symlink_to("settings/agent.xml")
+    host.remember()
+    assert host.update("0", "0") == OK
+    assert (host.root / "config.xml").is_symlink()
+    assert host.changes() == ["-norvak.pid", "~settings/agent.xml"]
+    assert dict(host.config_values())["version"] == NEW_VERSION
+
+
+def test_a_configuration_that_cannot_be_saved_goes_unnoticed(host, server):
+    publish_update(server)
+    host.configure(**settings(server.url))
+    assert host.update("0", "0", mounts=[namespace.bind_read_only(host.root / "config.xml")]) == OK
+    assert host.log_texts() == UPDATED
+    # The old document is whole, and nothing lies beside it.
+    assert host.changes() == ["-norvak.pid"]

@@ -15,7 +15,8 @@ lay_out_agent() {
     printf '%s, build 1\n' "$module" >"$install/$module.ko"
   done
   printf '<rules edition="first edition"/>\n' >"$install/template/norvak_default_rule.xml"
-  printf 'an older web server\n' >"$install/nginx/bin/nginx"
+  install -m 0755 "$(command -v nginx)" "$install/nginx/bin/nginx"
+  printf 'older build\n' >>"$install/nginx/bin/nginx"
   printf '1.22.1\n' >"$install/nginx/md5"
   if [[ $(host_family) != centos ]]; then
     : >"$install/$(host_family)"
@@ -62,13 +63,8 @@ start_agent() {
   "$install/startup.sh"
 }
 
-# Ends the agent of this demo, and no process that has taken its id since.
 stop_agent() {
-  local pid
-  pid=$(agent_pid)
-  if [[ -n $pid && $(readlink "/proc/$pid/cwd") == "$install" ]]; then
-    kill -KILL "$pid"
-  fi
+  kill -KILL "$(agent_pid)"
 }
 
 # The agent's process id, or nothing when there is no pid file.
@@ -78,9 +74,8 @@ agent_pid() {
   fi
 }
 
-# True also for a killed process whose parent has not asked for its status yet.
 process_is_gone() {
-  ! grep -qs '^State:[[:space:]]*[^ZX[:space:]]' "/proc/$1/status"
+  ! kill -0 "$1" 2>/dev/null
 }
 
 md5_text() {

@@ -1,9 +1,9 @@
 #!/usr/bin/env bash
-# The scenes of the demo, for a private mount namespace (demo.sh makes it).
+# The scenes of the demo, for sandbox.sh.
 #
-# Usage: scenes.sh PROGRAM
+# Usage: scenes.sh PROGRAM SCRATCH_FOLDER
 #
-# Lays out a sample agent and an update server in a scratch folder, runs PROGRAM on them and checks
+# Lays out a sample agent and an update server in the scratch folder, runs PROGRAM on them and checks
 # what it shows. The first thing that is not as announced ends the demo with status 1.
 set -euo pipefail
 demo=$(dirname "${BASH_SOURCE[0]}")
@@ -13,19 +13,9 @@ demo=$(dirname "${BASH_SOURCE[0]}")
 . "$demo/server.sh"
 
 program=$1
-scratch=$(mktemp -d)
+scratch=$2
 install=$scratch/norvak_agent
 readonly program scratch install
-
-clean_up() {
-  stop_agent
-  stop_server
-  rm -rf "$scratch"
-}
-trap clean_up EXIT
-trap 'exit 129' HUP
-trap 'exit 130' INT
-trap 'exit 143' TERM
 
 # What the program finds on this host; its proxy settings must not stand between it and nginx.
 prepare() {
@@ -190,4 +180,6 @@ agent_software_scenes
 kernel_module_scenes
 web_server_scenes
 rule_scenes
+stop_agent
+stop_server
 heading "all $scenes scenes went as announced"

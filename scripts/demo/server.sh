@@ -68,11 +68,8 @@ server_is_ours() {
 }
 
 stop_server() {
-  if [[ -n $server_pid ]]; then
-    kill "$server_pid" 2>/dev/null || true
-    wait "$server_pid" || true
-    server_pid=
-  fi
+  kill "$server_pid" 2>/dev/null || true  # it may have failed by itself
+  wait "$server_pid" || true
 }
 
 # $1: version. The package's own config.xml asks for automatic updates.
@@ -105,9 +102,9 @@ kernel_directory() {
     ubuntu/*SERVER*) flavour=server ;;
     ubuntu/*) flavour=generic ;;
   esac
-  if [[ $family == suse ]]; then
+  if [[ $family == suse && -n $flavour ]]; then
     version=${release%%"-${flavour^^}"*}
-  elif [[ $release =~ ^([0-9]*[^0-9]){3}[0-9]* ]]; then
+  elif [[ $family != suse && $release =~ ^([0-9]*[^0-9]){3}[0-9]* ]]; then
     version=${BASH_REMATCH[0]}
   fi
   case $(uname -m) in

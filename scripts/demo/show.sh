@@ -10,7 +10,7 @@ previous_agent=   # process id of the agent before the last run
 scene() {
   scenes=$((scenes + 1))
   printf '\n%s%d.%s ' "$bold" "$scenes" "$plain"
-  printf '%s\n' "$*" | fold -s -w 90 | sed '2,$s/^/   /'
+  printf '%s\n' "$*" | fold -s -w 90 | sed 's/ *$//; 2,$s/^/   /'
 }
 
 # Prints the lines of its input with a label before the first one.

@@ -2,16 +2,24 @@
 
 #include <sched.h>
 #include <sys/mount.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <regex>
 #include <sstream>
 #include <stdexcept>
+#include <thread>
 #include <utility>
 
 namespace test_support {
@@ -19,6 +27,9 @@ namespace test_support {
 namespace {
 
 namespace fs = std::filesystem;
+
+constexpr unsigned kLongestChildSeconds = 20;
+constexpr int kNotSetUp = 100;  // exit code of a child without its namespace
 
 bool private_namespace = false;
 
@@ -39,6 +50,42 @@ bool become_namespace_root() {
          write_once("/proc/self/gid_map", "0 " + group + " 1");
 }
 
+[[noreturn]] void run_and_exit(const std::function<void()>& body) {
+  (void)::alarm(kLongestChildSeconds);
+  body();
+  (void)std::fflush(nullptr);
+  ::_exit(testing::Test::HasFailure() ? 1 : 0);
+}
+
+pid_t fork_child(const std::function<void()>& body) {
+  (void)std::fflush(nullptr);  // or the child prints it again
+  const pid_t child = ::fork();
+  if (child == 0) run_and_exit(body);
+  return child;
+}
+
+int wait_for(pid_t child) {
+  int status = -1;
+  while (::waitpid(child, &status, 0) < 0 && errno == EINTR) {
+  }
+  return status;
+}
+
+/// The first process of a PID namespace, on whose end all others in it are killed: waits for the
+/// one that runs @a body and reports its wait status.
+[[noreturn]] void run_as_first_process(const std::function<void()>& body, int report) {
+  (void)::prctl(PR_SET_PDEATHSIG, SIGKILL);
+  if (::getpid() != 1) ::_exit(kNotSetUp);
+  const pid_t child = fork_child([&] {
+    if (::setsid() < 0) ::_exit(kNotSetUp);
+    body();
+  });
+  int status = 0;
+  pid_t ended = 0;
+  while (ended != child) ended = ::wait(&status);
+  ::_exit(::write(report, &status, sizeof status) == sizeof status ? 0 : kNotSetUp);
+}
+
 }  // namespace
 
 bool enter_private_namespace() {
@@ -50,6 +97,59 @@ bool enter_private_namespace() {
 }
 
 bool in_private_namespace() { return private_namespace; }
+
+int run_in_child(const std::function<void()>& body) { return wait_for(fork_child(body)); }
+
+std::optional<int> run_in_pid_namespace(const std::function<void()>& body) {
+  std::array<int, 2> report = {};
+  if (!private_namespace || ::pipe(report.data()) != 0) return std::nullopt;
+  const int status = run_in_child([&] {
+    if (::setsid() < 0 || ::unshare(CLONE_NEWPID) != 0) ::_exit(kNotSetUp);
+    const pid_t first = ::fork();
+    if (first == 0) run_as_first_process(body, report[1]);
+    if (first < 0 || wait_for(first) != 0) ::_exit(kNotSetUp);
+  });
+  int result = 0;
+  const bool reported = status == 0 && ::read(report[0], &result, sizeof result) == sizeof result;
+  for (const int end : report) (void)::close(end);
+  return reported ? std::optional<int>(result) : std::nullopt;
+}
+
+IdleProcess::IdleProcess(Group group)
+    : pid_(fork_child([group] {
+        if (group == Group::kOfItsOwn) (void)::setsid();
+        for (;;) (void)::pause();  // until the alarm, at the latest
+      })) {
+  if (pid_ < 0) throw std::runtime_error("no child process");
+}
+
+IdleProcess::~IdleProcess() {
+  if (pid_ == 0) return;
+  (void)::kill(pid_, SIGKILL);
+  (void)wait_for(pid_);
+}
+
+int IdleProcess::wait_for_signal() {
+  using std::chrono::milliseconds;
+  int status = 0;
+  for (milliseconds waited(0); waited < milliseconds(5000); waited += milliseconds(1)) {
+    if (::waitpid(pid_, &status, WNOHANG) == pid_) {
+      pid_ = 0;
+      return WIFSIGNALED(status) ? WTERMSIG(status) : 0;
+    }
+    std::this_thread::sleep_for(milliseconds(1));
+  }
+  return 0;
+}
+
+ScopedVariable::ScopedVariable(const char* name, const char* value) : name_(name) {
+  if (const char* const old_value = std::getenv(name)) old_value_ = old_value;
+  (void)(value != nullptr ? ::setenv(name, value, 1) : ::unsetenv(name));
+}
+
+ScopedVariable::~ScopedVariable() {
+  (void)(old_value_ ? ::setenv(name_.c_str(), old_value_->c_str(), 1) : ::unsetenv(name_.c_str()));
+}
 
 ScratchDirectory::ScratchDirectory() {
   std::string name = (fs::temp_directory_path() / "norvak-unit-XXXXXX").string();
@@ -71,6 +171,15 @@ SmallDisk::~SmallDisk() {
   if (mounted_) (void)::umount2(mount_point_.c_str(), MNT_DETACH);
 }
 
+FileMount::FileMount(const std::string& file, std::string mount_point)
+    : mount_point_(std::move(mount_point)),
+      mounted_(private_namespace &&
+               ::mount(file.c_str(), mount_point_.c_str(), nullptr, MS_BIND, nullptr) == 0) {}
+
+FileMount::~FileMount() {
+  if (mounted_) (void)::umount2(mount_point_.c_str(), MNT_DETACH);
+}
+
 void write_file(const std::string& path, const std::string& contents) {
   std::error_code ignored;
   fs::create_directories(fs::path(path).parent_path(), ignored);
@@ -78,6 +187,11 @@ void write_file(const std::string& path, const std::string& contents) {
   out << contents;
   out.close();
   ASSERT_FALSE(out.fail()) << path;
+}
+
+void write_script(const std::string& path, const std::string& commands) {
+  write_file(path, "#!/bin/sh\n" + commands);
+  ASSERT_EQ(::chmod(path.c_str(), 0755), 0) << path;
 }
 
 std::string read_file(const std::string& path) {

@@ -1,10 +1,13 @@
-// What the unit tests share: private namespaces, scratch directories, small file helpers.
+// What the unit tests share: private namespaces, child processes, scratch directories, small file
+// helpers.
 #pragma once
 
 #include <gtest/gtest.h>
 #include <sys/types.h>
 
 #include <cstddef>
+#include <functional>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -18,6 +21,50 @@ bool enter_private_namespace();
 
 /// Whether enter_private_namespace was called and succeeded.
 bool in_private_namespace();
+
+/// Runs @a body in a child process, which is ended after 20 seconds. Expectations that fail in it
+/// are printed and make its exit code 1.
+/// @return the wait status of the child: 0 when all expectations held
+int run_in_child(const std::function<void()>& body);
+
+/// The same in a PID namespace, a session and a process group of its own, so that no signal that
+/// @a body sends leaves them; what @a body started ends with it. Needs the private namespace.
+/// @return the wait status of the child; nothing where the host does not allow it
+std::optional<int> run_in_pid_namespace(const std::function<void()>& body);
+
+/// A child process that does nothing until it is killed, at the latest by the destructor.
+class IdleProcess {
+ public:
+  enum class Group { kOfItsOwn, kOfTheCaller };
+
+  explicit IdleProcess(Group group = Group::kOfItsOwn);
+  ~IdleProcess();
+  IdleProcess(const IdleProcess&) = delete;
+  IdleProcess& operator=(const IdleProcess&) = delete;
+
+  [[nodiscard]] pid_t pid() const { return pid_; }
+
+  /// Waits at most 5 seconds for the end of the process.
+  /// @return the signal that ended it; 0 when none did
+  int wait_for_signal();
+
+ private:
+  pid_t pid_;
+};
+
+/// A value of an environment variable, until the old one is restored.
+class ScopedVariable {
+ public:
+  /// @param value  null removes the variable
+  ScopedVariable(const char* name, const char* value);
+  ~ScopedVariable();
+  ScopedVariable(const ScopedVariable&) = delete;
+  ScopedVariable& operator=(const ScopedVariable&) = delete;
+
+ private:
+  std::string name_;
+  std::optional<std::string> old_value_;
+};
 
 /// A directory of its own below the system's temporary directory, removed with all it holds.
 class ScratchDirectory {
@@ -52,8 +99,28 @@ class SmallDisk {
   bool mounted_;
 };
 
+/// A file mounted over another one, which cannot be deleted or replaced meanwhile. Needs the
+/// private namespace.
+class FileMount {
+ public:
+  /// Both files exist, and may be the same.
+  FileMount(const std::string& file, std::string mount_point);
+  ~FileMount();
+  FileMount(const FileMount&) = delete;
+  FileMount& operator=(const FileMount&) = delete;
+
+  [[nodiscard]] bool mounted() const { return mounted_; }
+
+ private:
+  std::string mount_point_;
+  bool mounted_;
+};
+
 /// Replaces the contents of @a path, making the directories above it.
 void write_file(const std::string& path, const std::string& contents);
+
+/// Writes a shell script that can be executed.
+void write_script(const std::string& path, const std::string& commands);
 
 /// The contents of @a path; fails the test when it cannot be read.
 std::string read_file(const std::string& path);

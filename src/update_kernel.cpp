@@ -144,11 +144,11 @@ std::string CUpdateKernelImpl::get_local_os_arch() {
 void CUpdateKernelImpl::get_local_kernel_version(int os_code, KernelInfo& info) {
   struct utsname host = {};
   if (::uname(&host) != 0) return;
-  const std::string release = upper_case(host.release);
-  set_flavour(os_code, release, info.flavour);
-  const std::size_t length = os_code == kSuseCode ? suse_version_length(release, info.flavour)
-                                                  : common_version_length(release);
-  info.version = release.substr(0, length);
+  const std::string running = upper_case(host.release);
+  set_flavour(os_code, running, info.flavour);
+  const std::size_t length = os_code == kSuseCode ? suse_version_length(running, info.flavour)
+                                                  : common_version_length(running);
+  info.version = running.substr(0, length);
 }
 
 std::string CUpdateKernelImpl::get_url_from_xml() {

@@ -13,7 +13,7 @@ set -euo pipefail
 sandbox=(unshare --mount --pid --fork --kill-child)
 
 sandbox_works() {
-  "${sandbox[@]}" mount --bind /var/log /var/log 2>/dev/null
+  reason=$("${sandbox[@]}" mount --bind /var/log /var/log 2>&1)
 }
 
 if ! sandbox_works; then
@@ -22,8 +22,8 @@ if ! sandbox_works; then
     if ((EUID != 0)) && command -v sudo >/dev/null; then
       exec sudo -- "$0" "$@"
     fi
-    fail 'this machine allows no private mount namespace. Run this as root; in a container, start' \
-      'the container with the SYS_ADMIN capability (docker run --privileged).'
+    fail "this machine allows no private namespaces ($reason). Run this as root; in a container," \
+      'start the container with the SYS_ADMIN capability (docker run --privileged).'
   fi
 fi
 

@@ -4,6 +4,7 @@ import functools
 import os
 import shlex
 import subprocess
+import tempfile
 
 # Tried in this order: what root may do, then what an ordinary user may.
 _MOUNTS = (["unshare", "--mount"], ["unshare", "--user", "--map-root-user", "--mount"])
@@ -14,11 +15,13 @@ _PIDS = ["--pid", "--fork", "--kill-child"]
 @functools.lru_cache(maxsize=None)
 def _mount_namespace():
     complaints = []
-    for command in _MOUNTS:
-        complaint = _complaint([*command, "mount", "--bind", "/tmp", "/var/log"])
-        if not complaint:
-            return command, ""
-        complaints.append(complaint)
+    # A directory with mounts below it, as /tmp can be, may not be bound by an ordinary user.
+    with tempfile.TemporaryDirectory() as directory:
+        for command in _MOUNTS:
+            complaint = _complaint([*command, "mount", "--bind", directory, "/var/log"])
+            if not complaint:
+                return command, ""
+            complaints.append(complaint)
     return None, "; ".join(complaints)
 
 
@@ -65,6 +68,11 @@ def bind_read_only(target):
 def small_disk(target, size):
     """Puts an empty file system of @a size bytes over the directory @a target."""
     return f"mount -t tmpfs -o size={size},mode=0755 tmpfs {shlex.quote(str(target))}"
+
+
+def umask(mask):
+    """Gives the run a file mode mask other than the usual 022. Not a mount, but taken as one."""
+    return f"umask {mask:03o}"
 
 
 def command_line(mounts, directory, command, preload=None):

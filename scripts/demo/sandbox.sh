@@ -11,24 +11,12 @@ set -euo pipefail
 
 # The first process of the namespaces dies with unshare, and with that process all others.
 sandbox=(unshare --mount --pid --fork --kill-child)
-
-sandbox_works() {
-  reason=$("${sandbox[@]}" mount --bind /var/log /var/log 2>&1)
-}
-
-if ! sandbox_works; then
-  sandbox+=(--user --map-root-user)
-  if ! sandbox_works; then
-    if ((EUID != 0)) && command -v sudo >/dev/null; then
-      exec sudo -- "$0" "$@"
-    fi
-    fail "this machine allows no private namespaces ($reason). Run this as root; in a container," \
-      'start the container with the SYS_ADMIN capability (docker run --privileged).'
-  fi
-fi
-
 scratch=
 pid=
+
+sandbox_works() {
+  reason=$("${sandbox[@]}" mount --bind "$scratch" /var/log 2>&1)
+}
 
 clean_up() {
   trap '' HUP INT TERM
@@ -50,6 +38,18 @@ trap 'exit 130' INT
 trap 'exit 143' TERM
 
 scratch=$(mktemp -d)
+if ! sandbox_works; then
+  sandbox+=(--user --map-root-user)
+  if ! sandbox_works; then
+    if ((EUID != 0)) && command -v sudo >/dev/null; then
+      rmdir "$scratch"
+      exec sudo -- "$0" "$@"
+    fi
+    fail "this machine allows no private namespaces ($reason). Run this as root; in a container," \
+      'start the container with the SYS_ADMIN capability (docker run --privileged).'
+  fi
+fi
+
 "${sandbox[@]}" "$@" "$scratch" &
 pid=$!
 wait "$pid"

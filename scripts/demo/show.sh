@@ -82,10 +82,12 @@ expect_log() {
   for line in "${log_lines[@]}"; do
     if [[ $line =~ $stamp ]]; then
       line=${line#"${BASH_REMATCH[0]}"}
+    elif [[ -n $line ]]; then
+      line="(no time stamp) $line"
     fi
     texts+=("$line")
   done
-  expect 'update log' "$(printf '%s\n.' "$@")" "$(printf '%s\n.' "${texts[@]}")"
+  expect 'update log' "$(printf '%s|' "$@")" "$(printf '%s|' "${texts[@]}")"
 }
 
 expect_setting() {

@@ -4,6 +4,7 @@
 #include <sys/mount.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
+#include <sys/time.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -32,6 +33,9 @@ constexpr unsigned kLongestChildSeconds = 20;
 constexpr int kNotSetUp = 100;  // exit code of a child without its namespace
 
 bool private_namespace = false;
+volatile std::sig_atomic_t interruptions = 0;
+
+void count_interruption(int /*signal*/) { interruptions = interruptions + 1; }
 
 bool write_once(const char* path, const std::string& text) {
   std::ofstream out(path);
@@ -141,6 +145,23 @@ int IdleProcess::wait_for_signal() {
   }
   return 0;
 }
+
+Interruptions::Interruptions() {
+  interruptions = 0;
+  struct sigaction action = {};  // without SA_RESTART
+  action.sa_handler = count_interruption;
+  (void)::sigaction(SIGALRM, &action, nullptr);
+  constexpr itimerval kEveryMillisecond = {{0, 1000}, {0, 1000}};
+  (void)::setitimer(ITIMER_REAL, &kEveryMillisecond, nullptr);
+}
+
+Interruptions::~Interruptions() {
+  constexpr itimerval kNever = {};
+  (void)::setitimer(ITIMER_REAL, &kNever, nullptr);
+  (void)std::signal(SIGALRM, SIG_DFL);
+}
+
+int Interruptions::count() { return interruptions; }
 
 ScopedVariable::ScopedVariable(const char* name, const char* value) : name_(name) {
   if (const char* const old_value = std::getenv(name)) old_value_ = old_value;

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <sys/types.h>
 
 #include <cstddef>
@@ -52,6 +53,18 @@ class IdleProcess {
   pid_t pid_;
 };
 
+/// A signal every millisecond, which interrupts the system calls of this process.
+class Interruptions {
+ public:
+  Interruptions();
+  ~Interruptions();
+  Interruptions(const Interruptions&) = delete;
+  Interruptions& operator=(const Interruptions&) = delete;
+
+  /// How many signals have come so far.
+  [[nodiscard]] static int count();
+};
+
 /// A value of an environment variable, until the old one is restored.
 class ScopedVariable {
  public:
@@ -97,6 +110,18 @@ class SmallDisk {
  private:
   std::string mount_point_;
   bool mounted_;
+};
+
+/// The umask of this process, until the old one is restored.
+class ScopedUmask {
+ public:
+  explicit ScopedUmask(mode_t mask) : old_mask_(::umask(mask)) {}
+  ~ScopedUmask() { (void)::umask(old_mask_); }
+  ScopedUmask(const ScopedUmask&) = delete;
+  ScopedUmask& operator=(const ScopedUmask&) = delete;
+
+ private:
+  mode_t old_mask_;
 };
 
 /// A file mounted over another one, which cannot be deleted or replaced meanwhile. Needs the

@@ -3,7 +3,7 @@
 import pytest
 
 from harness import (DATA_DIR, DEFAULT_UPDATE_SCRIPT, FAILED, OK, START, TAR, VERSION_FILE,
-                     WORK_DIR, Run, Step, http_reply, package)
+                     WORK_DIR, Run, Step, http_reply, namespace, package)
 from harness.software import (GET_PACKAGE, GET_VERSION, NEW_VERSION, PACKAGE_PATH,
                               PACKAGE_PATH_32, PACKAGE_PATH_64, VERSION_PATH, publish_update,
                               settings)
@@ -260,6 +260,15 @@ def test_a_tar_program_that_is_killed_installs_nothing(host, offer):
     assert_not_unpacked(host, host.update("0", "0"), b"")
 
 
+def test_without_a_shell_nothing_is_installed(host, offer):
+    offer()
+    assert host.update("0", "0", mounts=[namespace.bind("/dev/null", "/bin/sh")]) == FAILED
+    assert host.log_texts() == NOT_UNPACKED
+    assert host.trace() == []  # the startup script needs one, too
+    assert host.agent.was_killed()
+    assert host.changes() == STOPPED
+
+
 def test_the_script_does_not_run_after_a_tar_program_that_unpacked_all_and_failed(host, offer):
     offer(update=host.script("update"))
     host.write_script("tool/tar", 'tar "$@"; exit 1')
@@ -296,6 +305,10 @@ def assert_script_failed(host, run, complaints=(b"",)):
     pytest.param("kill -TERM $$", id="SIGTERM"),
     pytest.param("kill -INT $$", id="SIGINT"),
     pytest.param("kill -QUIT $$", id="SIGQUIT"),
+    pytest.param('case $(cat "/proc/$PPID/comm") in\n'
+                 "  norvak*) kill -KILL $$ ;;\n"  # the shell has become the script
+                 "  *) kill -KILL $PPID ;;\n"
+                 "esac", id="SIGKILL to the shell"),
 ])
 def test_a_script_that_does_not_end_with_success_fails_the_run(host, offer, ending):
     offer(update=host.script("update", f"echo done >../../half\n{ending}"))

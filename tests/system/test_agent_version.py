@@ -184,6 +184,13 @@ def test_without_a_host_there_is_no_version(host, pairs):
     assert_untouched(host)
 
 
+def test_a_configuration_without_any_setting_is_read_but_names_no_host(host):
+    host.configure()
+    assert host.update("0", "0") == FAILED
+    assert host.log_texts() == NO_VERSION
+    assert_untouched(host)
+
+
 def test_the_first_of_two_settings_of_one_name_counts(host, server, offer):
     offer(b"abcdef3.1.10\n")
     host.configure(("version", "abcdef3.1.9"), ("version", "abcdef3.1.10"),

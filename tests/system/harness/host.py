@@ -4,11 +4,13 @@ import collections
 import contextlib
 import dataclasses
 import fcntl
+import hashlib
 import os
 import pathlib
 import shlex
 import shutil
 import signal
+import stat
 import subprocess
 import tempfile
 import threading
@@ -35,6 +37,7 @@ _LOG = "runlog/update.log"
 # A line per entry: the digest of a file, the type of anything else; two blanks; the path.
 _LIST_TREE = (r"find . -mindepth 1 ! -type f -printf '%y  %p\n' && "
               "find . -type f -exec md5sum {} +")
+_TYPES = {stat.S_IFDIR: "d", stat.S_IFLNK: "l", stat.S_IFSOCK: "s", stat.S_IFIFO: "p"}
 
 
 @dataclasses.dataclass
@@ -65,6 +68,7 @@ class RunningUpdater:
         self._process = subprocess.Popen(command, env=environment, stdin=subprocess.DEVNULL,
                                          stdout=self._output, stderr=self._errors,
                                          start_new_session=True)
+        self.pid = self._process.pid  # also of its process group
 
     def is_running(self):
         return self._process.poll() is None
@@ -195,6 +199,10 @@ class AgentHost:
         file.write_bytes(content.encode() if isinstance(content, str) else content)
         file.chmod(mode)
 
+    def write_unopenable(self, name):
+        """Makes a file that is there but that nobody can open, root neither: a socket."""
+        os.mknod(self.root / name, stat.S_IFSOCK | 0o644)
+
     def write_script(self, name, body="", mode=0o755):
         """Writes a shell script that first adds its name to the trace."""
         self.write(name, self.script(name, body), mode)
@@ -225,6 +233,11 @@ class AgentHost:
         """The stand-in agent that was started last."""
         return self._agents[-1]
 
+    def assert_agent_undisturbed(self):
+        """The agent lives, and none of its scripts ran."""
+        assert self.agent.is_alive()
+        assert self.trace() == []
+
     def remember(self):
         """Takes the tree as it stands for the one before the run: see changes()."""
         self._before = self._contents()
@@ -235,13 +248,14 @@ class AgentHost:
         """Runs the updater to its end. The options are those of start()."""
         return self.start(*args, **options).finish(seconds)
 
-    def start(self, *args, mounts=(), environment=None, uname=None, with_streams=True):
+    def start(self, *args, mounts=(), environment=None, uname=None, with_streams=True, through=()):
         """Starts the updater.
 
         @param mounts       further commands of namespace.py
         @param environment  variables beside the few that every run gets
         @param uname        answers of uname(), by variable of uname_answers.cpp
         @param with_streams False: with standard input, output and error closed
+        @param through      a command that runs the updater, such as a tracer
         """
         variables = {**self._environment(), **(environment or {}), **(uname or {})}
         if uname:
@@ -249,7 +263,7 @@ class AgentHost:
             variables["ASAN_OPTIONS"] = ":".join(
                 filter(None, [variables.get("ASAN_OPTIONS"), "verify_asan_link_order=0"]))
         return self._start(namespace.command_line(
-            [*self.mounts, *mounts], self.start_dir, [self._updater, *args],
+            [*self.mounts, *mounts], self.start_dir, [*through, self._updater, *args],
             self._uname_answers() if uname else None), variables, with_streams)
 
     def update_at_once(self, count, *args):
@@ -321,17 +335,28 @@ class AgentHost:
                       [f"~{name}" for name in after.keys() & before.keys()
                        if after[name] != before[name]])
 
+    # A directory of mode 0644 is closed to the ordinary user who owns it, but not to a run.
+
     def exists(self, name):
-        return self._as_owner("test", "-e", name).returncode == 0
+        try:
+            return (self.root / name).exists()
+        except PermissionError:
+            return self._as_owner("test", "-e", name).returncode == 0
 
     def read(self, name):
-        result = self._as_owner("cat", name)
-        assert result.returncode == 0, result.stderr
-        return result.stdout
+        try:
+            return (self.root / name).read_bytes()
+        except PermissionError:
+            result = self._as_owner("cat", name)
+            assert result.returncode == 0, result.stderr
+            return result.stdout
 
     def mode(self, name):
         """The permission bits."""
-        return int(self._as_owner("stat", "-c", "%a", name).stdout, 8)
+        try:
+            return stat.S_IMODE((self.root / name).stat().st_mode)
+        except PermissionError:
+            return int(self._as_owner("stat", "-c", "%a", name).stdout, 8)
 
     def config_values(self):
         """The settings that config.xml holds now, as pairs."""
@@ -369,10 +394,29 @@ class AgentHost:
         return started
 
     def _contents(self):
+        """The log apart, each entry's path with the digest of a file, the type of anything else."""
+        try:
+            found = dict(self._entries(self.root))
+        except PermissionError:
+            found = self._contents_as_owner()
+        found.pop(_LOG, None)
+        return found
+
+    def _entries(self, directory):
+        for entry in os.scandir(directory):
+            name = os.path.relpath(entry.path, self.root)
+            if entry.is_file(follow_symlinks=False):
+                yield name, hashlib.md5(pathlib.Path(entry.path).read_bytes()).hexdigest()
+                continue
+            yield name, _TYPES[stat.S_IFMT(entry.stat(follow_symlinks=False).st_mode)]
+            if entry.is_dir(follow_symlinks=False):
+                yield from self._entries(entry.path)
+
+    def _contents_as_owner(self):
         found = self._as_owner("sh", "-c", _LIST_TREE)
         assert found.returncode == 0, found.stderr
         lines = (line.split("  ./", 1) for line in found.stdout.decode().splitlines())
-        return {name: content for content, name in lines if name != _LOG}
+        return {name: content for content, name in lines}
 
     def _as_owner(self, *command):
         return subprocess.run(namespace.as_owner(list(command)), cwd=self.root,

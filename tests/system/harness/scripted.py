@@ -63,6 +63,11 @@ class ScriptedServer:
         """Answers requests for @a path (with its leading slash) with @a reply."""
         self._replies[path] = reply
 
+    def publish(self, files):
+        """Publishes @a files as the nginx does: path without its leading slash to content."""
+        for path, content in files.items():
+            self.reply(f"/{path}", http_reply(content))
+
     def requests(self):
         """The requests so far, as "GET /path"."""
         return [head.split(b" HTTP/")[0].decode() for head in self.request_heads()]

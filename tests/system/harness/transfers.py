@@ -71,7 +71,7 @@ def failing_transfers(body):
     return [
         pytest.param(http_reply(body, length=len(body) + 1), PARTIAL_FILE, id="one byte missing"),
         pytest.param(http_reply(body[:half], length=len(body)), PARTIAL_FILE, id="half a body"),
-        pytest.param(http_reply(length=len(body)), PARTIAL_FILE, id="no body where one is promised"),
+        pytest.param(http_reply(length=len(body)), PARTIAL_FILE, id="nothing of the body"),
         pytest.param(Reply([_CHUNKED, b"5\r\nabcde\r\n"]), PARTIAL_FILE, id="last chunk missing"),
         pytest.param(Reply([_CHUNKED, b"what\r\n"]), RECEIVE_ERROR, id="chunk without a size"),
         pytest.param(http_reply(length=len(body), pieces=[body[:half], 0.05], end="reset"),

@@ -1,0 +1,448 @@
+"""The web server program (type 2): which build is fetched, identified and installed."""
+
+import pytest
+
+from harness import FAILED, OK, http_reply, namespace
+from harness.transfers import PARTIAL_FILE, URL_MALFORMED, WRITE_ERROR, transfer_failed
+from harness.web_server import (DOWNLOAD, GET_LIST, GET_PROGRAM, IDENTIFICATION, LIST, LIST_PATH,
+                                NEW_LINE, NEW_PROGRAM, NOT_NEW, OLD_LINE, OLD_PROGRAM, PROGRAM,
+                                PROGRAM_PATH, REFUSED, UPDATED, VERSION_DIR, WORK_DIR,
+                                install_build, publish_build)
+
+NOTHING_REQUESTED = ["[NGINX] download nginx failed", ""]
+
+
+@pytest.fixture
+def serve(host, scripted_server):
+    """Lets the scripted server offer a new build; replies that are given replace the good ones."""
+    def serve_build(replies=None):
+        publish_build(scripted_server)
+        for path, reply in (replies or {}).items():
+            scripted_server.reply(path, reply)
+        host.configure(nginx_update_host=scripted_server.url)
+        install_build(host)
+        return scripted_server
+
+    return serve_build
+
+
+@pytest.fixture
+def configured(host, server):
+    """The host, with nginx for its server and an older build installed."""
+    host.configure(nginx_update_host=server.url)
+    install_build(host)
+    return host
+
+
+def update(host, version_dir=VERSION_DIR, word_size="64-bit", **options):
+    return host.update("2", version_dir, word_size, **options)
+
+
+def assert_untouched(host):
+    assert host.changes() == []
+    host.assert_agent_undisturbed()
+
+
+def assert_installed(host, server, program=NEW_PROGRAM, line=NEW_LINE):
+    assert update(host) == OK
+    assert host.log_texts() == UPDATED
+    assert server.requests() == [GET_LIST, GET_PROGRAM]
+    assert (host.read(PROGRAM), host.read(IDENTIFICATION)) == (program, line)
+    host.assert_agent_undisturbed()
+
+
+# Runs with a server that behaves.
+
+
+def test_a_new_build_replaces_program_and_identification(configured, server):
+    publish_build(server)
+    assert_installed(configured, server)
+    assert configured.changes() == [f"~{PROGRAM}", f"~{IDENTIFICATION}"]
+
+
+def test_the_installed_build_is_not_fetched_again_and_counts_as_failure(configured, server):
+    publish_build(server, line=OLD_LINE)
+    assert update(configured) == FAILED
+    assert configured.log_texts() == NOT_NEW
+    assert server.requests() == [GET_LIST]
+    assert_untouched(configured)
+
+
+def test_a_second_run_finds_nothing_new(configured, server):
+    publish_build(server)
+    assert update(configured) == OK
+    assert update(configured) == FAILED
+    assert configured.log_texts() == UPDATED + NOT_NEW
+    assert server.requests() == [GET_LIST, GET_PROGRAM, GET_LIST]
+
+
+def test_without_an_installed_identification_any_build_is_new(configured, server):
+    publish_build(server)
+    configured.remove(IDENTIFICATION)
+    configured.remember()
+    assert_installed(configured, server)
+    assert configured.changes() == [f"+{IDENTIFICATION}", f"~{PROGRAM}"]
+
+
+def test_a_host_without_a_build_gets_one(host, server):
+    publish_build(server)
+    host.configure(nginx_update_host=server.url)
+    (host.root / "nginx/bin").mkdir(parents=True)
+    host.remember()
+    assert_installed(host, server)
+    assert host.changes() == [f"+{PROGRAM}", f"+{IDENTIFICATION}"]
+
+
+@pytest.mark.parametrize("mask, mode", [(0o022, 0o644), (0o077, 0o600), (0, 0o666)])
+def test_installed_files_have_the_permissions_of_new_files(configured, server, mask, mode):
+    publish_build(server)
+    assert configured.mode(PROGRAM) == 0o755
+    assert update(configured, mounts=[namespace.umask(mask)]) == OK
+    assert (configured.mode(PROGRAM), configured.mode(IDENTIFICATION)) == (mode, mode)
+
+
+def test_a_large_program_is_installed_whole(configured, server):
+    large = b"\x7fELF" + bytes(range(256)) * (4 << 12)  # 4 MiB
+    publish_build(server, program=large)
+    assert_installed(configured, server, program=large)
+
+
+# The command line.
+
+
+@pytest.mark.parametrize("arguments", [
+    pytest.param([], id="both"),
+    pytest.param([VERSION_DIR], id="word size"),
+    pytest.param([""], id="word size behind an empty version"),
+])
+def test_a_missing_argument_requests_nothing(configured, server, arguments):
+    publish_build(server)
+    assert configured.update("2", *arguments) == FAILED
+    assert configured.log_texts() == NOTHING_REQUESTED
+    assert server.requests() == []
+    assert_untouched(configured)
+
+
+@pytest.mark.parametrize("word_size, directory", [
+    ("64-bit", "x64"), ("64-BIT", "x64"), ("64-Bit", "x64"), ("64-bIt", "x64"),
+    ("64bit", "x86"), ("x86_64", "x86"), ("", "x86"), ("64", "x86"), ("32-bit", "x86"),
+    ("64-bit ", "x86"), (" 64-bit", "x86"), ("64-bits", "x86"), ("x64", "x86")])
+def test_the_word_size_chooses_the_processor_directory(configured, server, word_size, directory):
+    build = f"nginx_new/{directory}/{VERSION_DIR}"
+    server.publish({f"{build}/md5": NEW_LINE, f"{build}/nginx": NEW_PROGRAM})
+    assert update(configured, word_size=word_size) == OK
+    assert configured.log_texts() == UPDATED
+    assert server.requests() == [f"GET /{build}/md5", f"GET /{build}/nginx"]
+    assert configured.read(PROGRAM) == NEW_PROGRAM
+
+
+@pytest.mark.parametrize("version_dir, requested", [
+    pytest.param("", "/md5", id="empty"),
+    pytest.param("stable/1.20.1", "stable/1.20.1/md5", id="slash"),
+    pytest.param("/1.20.1/", "/1.20.1//md5", id="slashes around"),
+    pytest.param("1%2E20", "1%2E20/md5", id="escaped already"),
+    pytest.param("1%zz", "1%zz/md5", id="percent sign"),
+    pytest.param("a+b&c=d", "a+b&c=d/md5", id="reserved characters"),
+    pytest.param("latest?from=1.0", "latest?from=1.0/md5", id="query"),
+])
+def test_the_version_goes_into_the_address_unescaped(host, serve, version_dir, requested):
+    server = serve()
+    assert update(host, version_dir=version_dir) == FAILED
+    # An error page of one line passes for an identification, but not for a program.
+    assert host.log_texts() == REFUSED
+    assert server.requests() == [f"GET /nginx_new/x64/{requested}",
+                                 f"GET /nginx_new/x64/{requested[:-3]}nginx"]
+    assert_untouched(host)
+
+
+@pytest.mark.parametrize("version_dir", ["1.20 beta", "1.20\n", "\x01"],
+                         ids=["blank", "line feed", "control character"])
+def test_a_version_that_fits_no_address_requests_nothing(configured, server, version_dir):
+    assert update(configured, version_dir=version_dir) == FAILED
+    assert configured.log_texts() == [transfer_failed(URL_MALFORMED), *NOTHING_REQUESTED]
+    assert server.requests() == []
+    assert_untouched(configured)
+
+
+def test_more_arguments_are_not_looked_at(configured, server):
+    publish_build(server)
+    assert configured.update("2", VERSION_DIR, "64-bit", "x", "y") == OK
+    assert configured.log_texts() == UPDATED
+
+
+# The server's address.
+
+
+@pytest.mark.parametrize("settings", [
+    pytest.param({}, id="no setting"),
+    pytest.param({"nginx_update_host": ""}, id="empty"),
+    pytest.param({"update_host": "URL", "kernel_update_host": "URL"}, id="other settings only"),
+])
+def test_without_a_server_nothing_is_requested(host, server, settings):
+    publish_build(server)
+    host.configure(**{name: value.replace("URL", server.url) for name, value in settings.items()})
+    install_build(host)
+    assert update(host) == FAILED
+    assert host.log_texts() == NOTHING_REQUESTED
+    assert server.requests() == []
+    assert_untouched(host)
+
+
+@pytest.mark.parametrize("document", [None, b"", b"<norvak>"], ids=["missing", "empty", "cut"])
+def test_without_a_configuration_nothing_is_requested(host, document):
+    if document is not None:
+        host.write("config.xml", document)
+    install_build(host)
+    assert update(host) == FAILED
+    assert host.log_texts() == NOTHING_REQUESTED
+    assert_untouched(host)
+
+
+@pytest.mark.parametrize("suffix", [
+    pytest.param("/", id="slash"), pytest.param("/norvak/agents", id="path")])
+def test_the_address_starts_with_the_setting_as_it_stands(host, scripted_server, suffix):
+    scripted_server.reply(suffix + LIST_PATH, http_reply(NEW_LINE))
+    scripted_server.reply(suffix + PROGRAM_PATH, http_reply(NEW_PROGRAM))
+    host.configure(nginx_update_host=scripted_server.url + suffix)
+    install_build(host)
+    assert update(host) == OK
+    assert scripted_server.requests() == [f"GET {suffix}{LIST_PATH}", f"GET {suffix}{PROGRAM_PATH}"]
+    assert host.read(PROGRAM) == NEW_PROGRAM
+
+
+# Identifications: first lines, compared with their line feeds.
+
+
+@pytest.mark.parametrize("installed, published", [
+    pytest.param(b"a build", b"a build\n", id="no line feed installed"),
+    pytest.param(b"a build\n", b"a build", id="no line feed published"),
+    pytest.param(b"a build\n", b"a build\r\n", id="CR LF published"),
+    pytest.param(b"a build\n", b"a build \n", id="blank published"),
+    pytest.param(b"a build\n", b"A build\n", id="letter case"),
+    pytest.param(b"a build\n", b"\na build\n", id="empty first line published"),
+    pytest.param(b"", b"a build\n", id="empty installed"),
+    pytest.param(b"", b"\n", id="line feed published, empty installed"),
+    pytest.param(b"x" * 127, b"x" * 126 + b"y", id="the 127th character"),
+])
+def test_identifications_that_differ_in_any_byte_differ(configured, server, installed, published):
+    publish_build(server, line=published)
+    configured.write(IDENTIFICATION, installed)
+    configured.remember()
+    assert_installed(configured, server, line=published)
+
+
+@pytest.mark.parametrize("installed, published", [
+    pytest.param(b"a build", b"a build", id="no line feed in both"),
+    pytest.param(b"a build\nof May\n", b"a build\nof June\n", id="second lines"),
+    pytest.param(b"x" * 128, b"x" * 127 + b"y", id="the 128th character"),
+    pytest.param(b"x" * 127 + b"\n", b"x" * 127, id="a line feed that is not read"),
+    pytest.param(b"\n", b"\n", id="line feeds alone"),
+])
+def test_127_characters_of_the_first_lines_are_compared(configured, server, installed, published):
+    publish_build(server, line=published)
+    configured.write(IDENTIFICATION, installed)
+    configured.remember()
+    assert update(configured) == FAILED
+    assert configured.log_texts() == NOT_NEW
+    assert server.requests() == [GET_LIST]
+    assert_untouched(configured)
+
+
+def test_the_program_is_not_hashed(configured, server):
+    publish_build(server, line=b"ffffffffffffffffffffffffffffffff\n")
+    assert_installed(configured, server, line=b"ffffffffffffffffffffffffffffffff\n")
+
+
+def test_an_installed_identification_that_cannot_be_opened_counts_as_empty(configured, server):
+    publish_build(server)
+    configured.remove(IDENTIFICATION)
+    configured.write_unopenable(IDENTIFICATION)
+    assert_installed(configured, server)
+
+
+def test_identifications_of_which_none_can_be_opened_are_equal(configured, server):
+    publish_build(server, line=b"")  # leaves no file
+    configured.remove(IDENTIFICATION)
+    configured.write_unopenable(IDENTIFICATION)
+    configured.remember()
+    assert update(configured) == FAILED
+    assert configured.log_texts() == NOT_NEW
+    assert server.requests() == [GET_LIST]
+    assert_untouched(configured)
+
+
+def test_a_build_without_an_identification_takes_the_installed_one_away(configured, server):
+    publish_build(server, line=b"")
+    assert update(configured) == OK
+    assert update(configured) == OK
+    assert configured.log_texts() == 2 * UPDATED
+    assert server.requests() == 2 * [GET_LIST, GET_PROGRAM]
+    assert configured.changes() == [f"-{IDENTIFICATION}", f"~{PROGRAM}"]
+
+
+def test_an_error_page_passes_for_an_identification(host, serve):
+    page = b"<html>\n<p>sorry</p>\n</html>\n"
+    server = serve({LIST_PATH: http_reply(page, "404 Not Found")})
+    assert_installed(host, server, line=page)
+
+
+# The program: any file whose second to fourth bytes are the mark.
+
+
+@pytest.mark.parametrize("program", [
+    pytest.param(b"\x7fELF", id="the mark alone"),
+    pytest.param(b"xELFy", id="any first byte"),
+    pytest.param(b"\0elf", id="small letters"),
+    pytest.param(b" eLf\0", id="mixed letters"),
+])
+def test_a_file_with_the_mark_is_a_program(configured, server, program):
+    publish_build(server, program=program)
+    assert_installed(configured, server, program=program)
+
+
+@pytest.mark.parametrize("program", [
+    pytest.param(b"<html>\n<p>sorry</p>\n</html>\n", id="error page"),
+    pytest.param(b"ELF", id="mark in front"),
+    pytest.param(b"\x7fEL", id="mark cut short"),
+    pytest.param(b"ELFELF", id="no first byte"),
+    pytest.param(b"\x7f\x7fELF", id="two first bytes"),
+    pytest.param(b"\x7fE\0F", id="NUL in the mark"),
+    pytest.param(b"\x7f", id="one byte"),
+    pytest.param(b"", id="no byte"),
+])
+def test_a_file_without_the_mark_is_no_program(configured, server, program):
+    publish_build(server, program=program)
+    assert update(configured) == FAILED
+    assert configured.log_texts() == REFUSED
+    assert server.requests() == [GET_LIST, GET_PROGRAM]
+    assert_untouched(configured)
+
+
+def test_the_404_page_of_nginx_is_no_program(configured, server):
+    server.publish({LIST_PATH[1:]: NEW_LINE})
+    assert update(configured) == FAILED
+    assert configured.log_texts() == REFUSED
+    assert server.requests() == [GET_LIST, GET_PROGRAM]
+    assert_untouched(configured)
+
+
+# Downloads that fail.
+
+
+def test_a_failed_download_of_the_identification_ends_the_update(host, serve):
+    server = serve({LIST_PATH: http_reply(NEW_LINE, length=100)})
+    assert update(host) == FAILED
+    assert host.log_texts() == [transfer_failed(PARTIAL_FILE), *NOTHING_REQUESTED]
+    assert server.requests() == [GET_LIST]
+    assert_untouched(host)
+
+
+def test_a_failed_download_of_the_program_ends_the_update(host, serve):
+    server = serve({PROGRAM_PATH: http_reply(NEW_PROGRAM, length=len(NEW_PROGRAM) + 1)})
+    assert update(host) == FAILED
+    assert host.log_texts() == ["[NGINX]new version is exist, download now",
+                                transfer_failed(PARTIAL_FILE), "[NGINX] download nginx failed", ""]
+    assert server.requests() == [GET_LIST, GET_PROGRAM]
+    assert_untouched(host)
+
+
+# Moves that fail are not noticed.
+
+
+def test_without_the_directory_of_the_program_only_the_identification_is_installed(
+        configured, server):
+    publish_build(server)
+    configured.remove("nginx/bin")
+    configured.remember()
+    assert update(configured) == OK
+    assert update(configured) == FAILED  # and now there seems to be nothing new
+    assert configured.log_texts() == UPDATED + NOT_NEW
+    assert configured.changes() == [f"~{IDENTIFICATION}"]
+    configured.assert_agent_undisturbed()
+
+
+def test_an_identification_that_cannot_be_moved_has_the_build_installed_again(configured, server):
+    publish_build(server)
+    configured.remove(IDENTIFICATION)
+    configured.write(f"{IDENTIFICATION}/file", "")
+    configured.remember()
+    assert update(configured) == OK
+    assert update(configured) == OK
+    assert configured.log_texts() == 2 * UPDATED
+    assert server.requests() == 2 * [GET_LIST, GET_PROGRAM]
+    assert configured.changes() == [f"~{PROGRAM}"]
+    assert configured.read(PROGRAM) == NEW_PROGRAM
+    configured.assert_agent_undisturbed()
+
+
+def test_without_the_directory_of_the_web_server_nothing_is_installed(configured, server):
+    publish_build(server)
+    configured.remove("nginx")
+    configured.remember()
+    assert update(configured) == OK
+    assert configured.log_texts() == UPDATED
+    assert_untouched(configured)
+
+
+# What stands in the way.
+
+
+def test_what_an_earlier_run_left_is_removed(configured, server):
+    publish_build(server)
+    configured.write(LIST, OLD_LINE * 100)
+    configured.write(DOWNLOAD, OLD_PROGRAM * 100_000)
+    configured.write(f"{WORK_DIR}/deep/er/file", "")
+    assert_installed(configured, server)
+    assert not configured.exists(WORK_DIR)
+
+
+def test_the_work_directory_has_no_search_bit(host, serve):
+    seen = []
+    serve({LIST_PATH: http_reply(length=1, pieces=[lambda: seen.append(host.mode(WORK_DIR))])})
+    assert update(host) == FAILED
+    assert seen == [0o644]
+
+
+def test_a_work_directory_that_is_gone_at_the_end_is_no_failure(host, serve):
+    def remove():
+        host.remove(WORK_DIR)
+
+    # The body of no bytes needs no directory.
+    server = serve({PROGRAM_PATH: http_reply(pieces=[remove])})
+    assert update(host) == FAILED
+    assert host.log_texts() == REFUSED
+    assert server.requests() == [GET_LIST, GET_PROGRAM]
+    assert_untouched(host)
+
+
+def test_a_file_in_the_place_of_the_work_directory_fails_the_update_and_goes(configured, server):
+    publish_build(server)
+    configured.write(WORK_DIR, "")
+    assert update(configured) == FAILED
+    assert configured.log_texts() == [transfer_failed(WRITE_ERROR), *NOTHING_REQUESTED]
+    assert server.requests() == [GET_LIST]
+    # The clean-up takes away whatever stands under that name.
+    assert_untouched(configured)
+
+
+def test_a_full_disk_fails_the_update(configured, server):
+    publish_build(server)
+    (configured.root / WORK_DIR).mkdir()
+    configured.remember()
+    full = [namespace.small_disk(configured.root / WORK_DIR, 32 << 10)]
+    assert update(configured, mounts=full) == FAILED
+    assert configured.log_texts() == ["[NGINX]new version is exist, download now",
+                                      transfer_failed(WRITE_ERROR),
+                                      "[NGINX] download nginx failed", ""]
+    assert server.requests() == [GET_LIST, GET_PROGRAM]
+    assert (configured.read(PROGRAM), configured.read(IDENTIFICATION)) == (OLD_PROGRAM, OLD_LINE)
+    configured.assert_agent_undisturbed()
+
+
+def test_without_runlog_nothing_is_logged_and_the_build_is_installed(configured, server):
+    publish_build(server)
+    configured.remove("runlog")
+    configured.remember()
+    assert update(configured) == OK
+    assert configured.changes() == [f"~{PROGRAM}", f"~{IDENTIFICATION}"]
+    configured.assert_agent_undisturbed()

@@ -27,7 +27,7 @@ def pytest_addoption(parser):
 def pytest_configure(config):
     updater = config.getoption("--updater")
     if not updater:
-        raise pytest.UsageError("which executable? give --updater PATH or NORVAK_UPDATER")
+        raise pytest.UsageError("which executable? give --updater=PATH or NORVAK_UPDATER")
     if not os.path.isabs(updater) or not os.access(updater, os.X_OK):
         raise pytest.UsageError(f"no executable at the absolute path {updater}")
 

@@ -116,8 +116,9 @@ class Agent:
     """A live process that stands in for the agent."""
 
     def __init__(self):
-        self._process = subprocess.Popen(["sleep", str(_AGENT_SECONDS)], start_new_session=True,
-                                         stdin=subprocess.DEVNULL)
+        self._process = subprocess.Popen(
+            namespace.ending_with_us(["sleep", str(_AGENT_SECONDS)]), start_new_session=True,
+            stdin=subprocess.DEVNULL)
         self.pid = self._process.pid
 
     def is_alive(self):

@@ -54,6 +54,11 @@ def as_owner(command):
     return ["unshare", "--user", "--map-root-user", *command]
 
 
+def ending_with_us(command):
+    """@a command, ended by SIGTERM when the tests are killed before they can end it."""
+    return ["setpriv", "--pdeathsig", "TERM", "--", *command]
+
+
 def bind(source, target):
     """Puts the file or directory @a source over @a target, which exists."""
     return f"mount --bind {shlex.quote(str(source))} {shlex.quote(str(target))}"

@@ -8,6 +8,8 @@ import socket
 import subprocess
 import time
 
+from . import namespace
+
 _SEARCH_PATH = os.pathsep.join([os.environ.get("PATH", os.defpath), "/usr/sbin", "/usr/local/sbin"])
 
 _START_SECONDS = 10
@@ -106,7 +108,7 @@ class Nginx:
             # nginx takes over the listening socket, so nobody can take the port in between.
             with open(self._prefix / "output", "wb") as output:
                 self._process = subprocess.Popen(
-                    [program, "-p", str(self._prefix), "-c", str(config)],
+                    namespace.ending_with_us([program, "-p", str(self._prefix), "-c", str(config)]),
                     env={"PATH": _SEARCH_PATH, "NGINX": f"{listener.fileno()};"},
                     pass_fds=[listener.fileno()], stdin=subprocess.DEVNULL, stdout=output,
                     stderr=output, start_new_session=True)

@@ -4,7 +4,7 @@ import pytest
 
 from harness import FAILED, OK, http_reply, namespace
 from harness.kernel import (DOWNLOAD, FIRST, LIST, MODULES, QUORIN, RECORD, TESSEL, UNAME, VERSION,
-                            WORK_DIR, are_current, digest, get_all, get_list, get_module, install,
+                            WORK_DIR, are_current, digest, get_all, get_list, install,
                             installed, list_path, module_path, new, publish_modules, was_refused,
                             were_updated)
 from harness.transfers import PARTIAL_FILE, WRITE_ERROR, transfer_failed

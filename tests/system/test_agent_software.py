@@ -260,6 +260,21 @@ def test_a_tar_program_that_is_killed_installs_nothing(host, offer):
     assert_not_unpacked(host, host.update("0", "0"), b"")
 
 
+def test_an_install_directory_with_a_blank_breaks_the_command_lines(host, offer):
+    # They are built without quotes, so the shell looks for a program ".../with".
+    offer(update=host.script("update"))
+    link = host.root.with_name("with blank")
+    link.symlink_to(host.root)
+    host.set_install_path(f"{link}\n")
+    run = host.update("0", "0")
+    assert (run.status, run.stdout) == (255, b"")
+    assert run.stderr.count(b"/with: ") == 2  # tar and startup.sh
+    assert host.log_texts() == NOT_UNPACKED
+    assert host.trace() == []
+    assert host.agent.was_killed()
+    assert host.changes() == STOPPED
+
+
 def test_without_a_shell_nothing_is_installed(host, offer):
     offer()
     assert host.update("0", "0", mounts=[namespace.bind("/dev/null", "/bin/sh")]) == FAILED

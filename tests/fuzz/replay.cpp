@@ -1,0 +1,56 @@
+// Runs a fuzz target on the inputs that it is given, as files or directories of files: where there
+// is no fuzzing engine, the corpus is an ordinary test.
+#include <algorithm>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include "support.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+/// The files at and directly in @a path, in an order that does not depend on the file system.
+std::vector<std::string> inputs_at(const char* path) {
+  if (!fs::is_directory(path)) return {path};
+  std::vector<std::string> inputs;
+  for (const fs::directory_entry& entry : fs::directory_iterator(path)) {
+    inputs.push_back(entry.path().string());
+  }
+  std::sort(inputs.begin(), inputs.end());
+  return inputs;
+}
+
+/// Runs the target on one input, whose name is the last line of the output if that does not end.
+void run(const std::string& path) {
+  (void)std::puts(path.c_str());
+  (void)std::fflush(stdout);
+  const std::string bytes = fuzz::read_file(path);
+  // Copied to its exact size, so that the sanitizers see every read past its end.
+  const std::vector<std::uint8_t> input(bytes.begin(), bytes.end());
+  (void)LLVMFuzzerTestOneInput(input.data(), input.size());
+}
+
+}  // namespace
+
+// Targets that need no preparation leave theirs out.
+extern "C" __attribute__((weak)) int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
+  return 0;
+}
+
+int main(int argc, char** argv) {
+  (void)LLVMFuzzerInitialize(&argc, &argv);
+  std::size_t count = 0;
+  for (int i = 1; i < argc; ++i) {
+    for (const std::string& input : inputs_at(argv[i])) {
+      run(input);
+      ++count;
+    }
+  }
+  (void)std::printf("%zu inputs\n", count);
+  return count == 0 ? EXIT_FAILURE : EXIT_SUCCESS;
+}

@@ -71,8 +71,9 @@ std::optional<std::string> read_first_line(const std::string& path, int limit) {
   const FilePtr file(std::fopen(path.c_str(), "re"));
   if (!file) return std::nullopt;
   std::string buffer(static_cast<std::size_t>(limit) + 1, '\0');
-  if (std::fgets(buffer.data(), limit, file.get()) == nullptr) return std::string();
-  return std::string(buffer.c_str());
+  const bool found = std::fgets(buffer.data(), limit, file.get()) != nullptr;
+  if (std::ferror(file.get()) != 0) return std::nullopt;
+  return found ? std::string(buffer.c_str()) : std::string();
 }
 
 bool read_lines(const std::string& path, int limit, string_list& lines) {

@@ -83,7 +83,7 @@ enum class CopyResult {
 /// @param limit  as that of `fgets`: at most limit - 1 bytes are read; the rest of a longer line is
 ///               ignored. The text ends at the first zero byte, if there is one.
 /// @return the line with its line feed, if one was read, and empty for an empty file; nothing when
-///         the file cannot be opened
+///         the file cannot be opened or read
 [[nodiscard]] std::optional<std::string> read_first_line(const std::string& path, int limit);
 
 /// Reads a text file to its end and appends its lines, without their line feeds, to @a lines.

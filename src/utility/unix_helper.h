@@ -9,7 +9,7 @@ namespace utility {
 class CUnixHelper {
  public:
   /// The agent's install directory: the first line of /var/log/version_control, at most 1022 of its
-  /// characters, as it stands there. The default, when that file cannot be opened, is
+  /// characters, as it stands there. The default, when that file cannot be read, is
   /// /usr/local/norvak_agent. The file is read afresh at every call; an empty one gives "".
   [[nodiscard]] static std::string get_norvak_path();
 

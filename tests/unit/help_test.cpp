@@ -192,6 +192,16 @@ TEST_F(StopAgent, WithoutAPidFileNothingIsSignalled) {
   });
 }
 
+TEST_F(StopAgent, APidFileThatCannotBeReadNamesNobody) {
+  ASSERT_EQ(::mkdir(agent("norvak.pid").c_str(), 0755), 0);  // opens, but cannot be read
+  in_namespace([this] {
+    const IdleProcess bystander(IdleProcess::Group::kOfTheCaller);
+    EXPECT_EQ(CHelper::stop_norvak_agent(), -1);
+    EXPECT_TRUE(lives(bystander));
+    EXPECT_TRUE(has_pid_file());
+  });
+}
+
 TEST_F(StopAgent, APidFileThatCannotBeDeletedFailsAfterTheSignal) {
   in_namespace([this] {
     IdleProcess process;

@@ -342,11 +342,11 @@ TEST_F(File, TheFirstLineEndsAtAZeroByte) {
   EXPECT_EQ(utility::read_first_line(dir_ / "file", 100), "ab");
 }
 
-TEST_F(File, OnlyAFileThatCannotBeOpenedHasNoFirstLine) {
+TEST_F(File, OnlyAFileThatCannotBeReadHasNoFirstLine) {
   EXPECT_EQ(utility::read_first_line(dir_ / "missing", 100), std::nullopt);
   write_file(dir_ / "empty", "");
   EXPECT_EQ(utility::read_first_line(dir_ / "empty", 100), "");
-  EXPECT_EQ(utility::read_first_line(dir_.path(), 100), "") << "opens, but cannot be read";
+  EXPECT_EQ(utility::read_first_line(dir_.path(), 100), std::nullopt) << "opens, but is no file";
 }
 
 TEST_F(File, LinesAreAppendedWithoutTheirLineFeeds) {

@@ -1,0 +1,216 @@
+"""Several runs at once on one install directory."""
+
+import collections
+import threading
+import time
+
+import pytest
+
+from harness import FAILED, OK, Reply, http_reply, kernel, package, rules, web_server
+from harness.kernel import FIRST, TESSEL, UNAME
+from harness.software import GET_PACKAGE, GET_VERSION, PACKAGE_PATH, VERSION_PATH, settings
+from harness.transfers import PARTIAL_FILE, transfer_failed
+
+SOFT_ARGUMENTS = ["0", "0"]
+WEB_SERVER_ARGUMENTS = ["2", web_server.VERSION_DIR, "64-bit"]
+ALL_ARGUMENTS = [SOFT_ARGUMENTS, ["1"], WEB_SERVER_ARGUMENTS, ["3"]]
+
+FIRST_PATHS = [VERSION_PATH, kernel.list_path(FIRST), web_server.LIST_PATH, rules.LIST_PATH]
+
+REQUESTS = [[GET_VERSION, GET_PACKAGE], kernel.get_all(*kernel.MODULES),
+            [web_server.GET_LIST, web_server.GET_PROGRAM], [rules.GET_LIST, rules.GET_RULES]]
+
+OLD_MODULE = b"an older build\n"
+
+
+def publish_all(server):
+    server.publish({VERSION_PATH[1:]: b"abcdef3.1.10\n", PACKAGE_PATH[1:]: package()})
+    kernel.publish_modules(server)
+    web_server.publish_build(server)
+    rules.publish_rules(server)
+
+
+def prepare(host, server):
+    """Makes the host one on which everything is outdated."""
+    host.configure(**settings(server.url), kernel_update_host=server.url,
+                   nginx_update_host=server.url)
+    rules.install_rules(host)
+    kernel.install(host, *kernel.MODULES, content=OLD_MODULE)
+    web_server.install_build(host)
+
+
+def start_all_at_once(host, server, replies):
+    """Starts all four updates; their first requests are answered when all four have come in."""
+    together = threading.Barrier(len(FIRST_PATHS))
+    for path in FIRST_PATHS:
+        server.reply(path, Reply([lambda: together.wait(10), *replies[path].steps]))
+    return [host.start(*arguments, uname=UNAME) for arguments in ALL_ARGUMENTS]
+
+
+def only(expected, lines):
+    """Those of @a lines that occur in @a expected, in their order."""
+    return [line for line in lines if line in expected]
+
+
+def surroundings(host):
+    """What stands beside the install directory."""
+    return {path: path.read_bytes() if path.is_file() else None
+            for path in sorted(host.root.parent.rglob("*"))
+            if host.root not in (path, *path.parents)}
+
+
+# Different types.
+
+
+@pytest.mark.parametrize("attempt", range(3))
+def test_updates_of_all_types_at_once_each_do_their_own(host, scripted_server, attempt):
+    publish_all(scripted_server)
+    prepare(host, scripted_server)
+    started = start_all_at_once(host, scripted_server, {
+        VERSION_PATH: http_reply(b"abcdef3.1.10\n"),
+        kernel.list_path(FIRST): http_reply(kernel.digest(kernel.new(FIRST)).encode()),
+        web_server.LIST_PATH: http_reply(web_server.NEW_LINE),
+        rules.LIST_PATH: http_reply(rules.digest().encode())})
+    assert [run.finish() for run in started] == [OK] * 4
+
+    texts = host.log_texts()
+    logs = [["[SOFT] update norvak agent success"], kernel.were_updated(*kernel.MODULES),
+            web_server.UPDATED[:-1], rules.UPDATED[:-1]]
+    assert [only(log, texts) for log in logs] == logs
+    assert len(texts) == sum(map(len, logs)) + 4  # and a separator of each run
+    requests = scripted_server.requests()
+    assert [only(expected, requests) for expected in REQUESTS] == REQUESTS
+    assert len(requests) == sum(map(len, REQUESTS))
+
+    assert host.changes() == sorted(
+        [f"+{kernel.RECORD}", "-norvak.pid", "~config.xml", f"~{rules.RULES}",
+         f"~{web_server.PROGRAM}", f"~{web_server.IDENTIFICATION}",
+         *(f"~{kernel.installed(name)}" for name in kernel.MODULES)])
+    assert {name: host.read(kernel.installed(name)) for name in kernel.MODULES} == {
+        name: kernel.new(name) for name in kernel.MODULES}
+    assert host.read(rules.RULES) == rules.NEW_RULES
+    assert host.read(web_server.PROGRAM) == web_server.NEW_PROGRAM
+    assert dict(host.config_values())["version"] == "abcdef3.1.10"
+    assert [step.who for step in host.trace()] == ["tool/tar", "startup.sh"]
+    assert host.agent.was_killed()
+
+
+def test_updates_of_all_types_at_once_each_fail_on_their_own(host, scripted_server):
+    publish_all(scripted_server)
+    scripted_server.reply(PACKAGE_PATH, http_reply(package(), length=1 << 20))
+    scripted_server.reply(kernel.module_path(TESSEL), http_reply(b"another build\n"))
+    prepare(host, scripted_server)
+    started = start_all_at_once(host, scripted_server, {
+        VERSION_PATH: http_reply(b"abcdef3.1.10\n"),
+        kernel.list_path(FIRST): http_reply(kernel.digest(kernel.new(FIRST)).encode()),
+        web_server.LIST_PATH: http_reply(web_server.OLD_LINE),
+        rules.LIST_PATH: http_reply(b"0" * 32)})
+    assert [run.finish() for run in started] == [FAILED] * 4
+
+    texts = host.log_texts()
+    logs = [[transfer_failed(PARTIAL_FILE),
+             "[SOFT] call run_update_norvak_agent->download_norvak_update_package failed",
+             "[SOFT] update norvak agent failed"],
+            [*kernel.were_updated(FIRST), *kernel.was_refused(TESSEL)[:-1]],
+            web_server.NOT_NEW[:-1], rules.REFUSED[:-1]]
+    assert [only(log, texts) for log in logs] == logs
+    assert len(texts) == sum(map(len, logs)) + 4
+    assert host.changes() == [f"+{kernel.RECORD}", f"~{kernel.installed(FIRST)}"]
+    host.assert_agent_undisturbed()
+
+
+@pytest.mark.parametrize("stalled", ALL_ARGUMENTS, ids=["agent", "kernel", "web server", "rules"])
+def test_a_run_that_is_held_up_does_not_hold_up_other_types(host, scripted_server, stalled):
+    publish_all(scripted_server)
+    prepare(host, scripted_server)
+    path = FIRST_PATHS[ALL_ARGUMENTS.index(stalled)]
+    scripted_server.reply(path, Reply([], "stall"))
+    held_up = host.start(*stalled, uname=UNAME)
+    scripted_server.wait_for_requests(1)
+    for arguments in ALL_ARGUMENTS:
+        if arguments is not stalled:
+            assert host.update(*arguments, uname=UNAME) == OK
+    assert held_up.is_running()
+    held_up.kill()
+
+
+def test_forty_runs_of_all_types_at_once_keep_every_line_whole(host):
+    host.configure()
+    rules.install_rules(host)
+    started = [host.start(*arguments, uname=UNAME) for arguments in 10 * ALL_ARGUMENTS]
+    assert [run.finish() for run in started] == 10 * [FAILED, OK, FAILED, FAILED]
+    soft = ["[SOFT] call check_norvak_new_version_exist->download_norvak_version_file faild",
+            "[SOFT] norvak is not need to update, or check new version fail", ""]
+    logs = [soft, [*kernel.are_current(*kernel.MODULES), ""],
+            ["[NGINX] download nginx failed", ""],
+            [transfer_failed(3), "[RULES] don't need to update", ""]]
+    assert collections.Counter(host.log_texts()) == collections.Counter(10 * sum(logs, []))
+    assert host.changes() == []
+    host.assert_agent_undisturbed()
+
+
+# The same type. One of the runs may spoil the other, but what is installed has been verified.
+
+MAY_CHANGE = {
+    "kernel": {kernel.RECORD, *map(kernel.installed, kernel.MODULES)},
+    "web server": {web_server.PROGRAM, web_server.IDENTIFICATION},
+    "rules": {"norvak.pid", rules.RULES},
+}
+
+
+@pytest.mark.parametrize("arguments, may_change", [
+    pytest.param(arguments, MAY_CHANGE[id_], id=id_)
+    for id_, arguments in [("kernel", ["1"]), ("web server", WEB_SERVER_ARGUMENTS),
+                           ("rules", ["3"])]])
+def test_runs_of_one_type_at_once_end_in_an_orderly_way(host, server, arguments, may_change):
+    publish_all(server)
+    rounds = 10
+    for _ in range(rounds):
+        prepare(host, server)
+        before = surroundings(host)
+        started = [host.start(*arguments, uname=UNAME) for _ in range(3)]
+        for run in started:
+            assert run.finish() in (OK, FAILED)
+        assert {change[1:] for change in host.changes()} <= may_change
+        assert surroundings(host) == before
+    assert host.log_texts().count("") == 3 * rounds
+
+
+@pytest.mark.xfail(strict=True, reason="runs of one type share their work directory")
+def test_a_module_is_not_taken_for_another_that_a_second_run_fetches(host, scripted_server):
+    second_run_has_another = threading.Event()
+    first_run_has_ended = threading.Event()
+    publish_all(scripted_server)
+    prepare(host, scripted_server)
+
+    def wait_until_fetched(name):
+        deadline = time.monotonic() + 10
+        while not host.exists(kernel.DOWNLOAD) or host.read(kernel.DOWNLOAD) != kernel.new(name):
+            assert time.monotonic() < deadline, f"{name} was not fetched"
+            time.sleep(0.005)
+
+    def hold_up_first_run():
+        second_run_has_another.wait(1)
+
+    def hold_up_second_run():
+        wait_until_fetched(TESSEL)
+        second_run_has_another.set()
+        first_run_has_ended.wait(1)
+
+    # Without a length the body ends with the connection: it is on disk while the transfer lasts.
+    for name, hold_up in [(FIRST, hold_up_first_run), (TESSEL, hold_up_second_run)]:
+        steps = iter([hold_up])
+        scripted_server.reply(kernel.module_path(name), Reply(
+            [b"HTTP/1.0 200 OK\r\n\r\n", kernel.new(name),
+             lambda steps=steps: next(steps, lambda: None)()]))
+
+    first_run = host.start("1", uname=UNAME)
+    wait_until_fetched(FIRST)
+    second_run = host.start("1", uname=UNAME)
+    assert first_run.finish() in (OK, FAILED)
+    first_run_has_ended.set()
+    assert second_run.finish() in (OK, FAILED)
+    contents = {name: host.read(kernel.installed(name)) for name in kernel.MODULES
+                if host.exists(kernel.installed(name))}
+    assert [name for name, content in contents.items()
+            if content not in (OLD_MODULE, kernel.new(name))] == []

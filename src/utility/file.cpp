@@ -58,7 +58,8 @@ CopyResult copy_file(const char* source, const char* target) {
   if (exists(target) && ::unlink(target) != 0) return CopyResult::kFailed;
   const Descriptor in(::open(source, O_RDONLY | O_CLOEXEC));
   if (!in) return CopyResult::kFailed;
-  Descriptor out(::open(target, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, kNewFileMode));
+  // Truncated, because an error may have hidden an old target, which must not mix with the new one.
+  Descriptor out(::open(target, O_WRONLY | O_CREAT | O_TRUNC | O_APPEND | O_CLOEXEC, kNewFileMode));
   if (!out) return CopyResult::kFailed;
 
   CopyResult result = copy_contents(in.get(), out.get());

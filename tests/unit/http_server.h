@@ -10,13 +10,15 @@
 #include <thread>
 #include <vector>
 
+#include "test_support.h"
 #include "utility/file.h"
 
 namespace test_support {
 
 /// Serves on a free port of 127.0.0.1 from a thread of its own, one request per connection and one
 /// connection after the other. A path without a reply is answered with status 404 and the body
-/// "no such file\n". Every wait has an end, and the destructor stops the server.
+/// "no such file\n". Every wait has an end, and the destructor stops the server. While it lives,
+/// libcurl in this process uses no proxy.
 class HttpServer {
  public:
   /// What ends a connection when the reply is out.
@@ -65,6 +67,7 @@ class HttpServer {
   [[nodiscard]] std::string read_request(int connection) const;
   [[nodiscard]] Reply record_request(const std::string& request);
 
+  ScopedVariable no_proxy_{"no_proxy", "*"};
   utility::Descriptor listener_;
   utility::Descriptor stop_;  ///< an event counter: readable when the server is to stop
   std::uint16_t port_ = 0;

@@ -1,0 +1,394 @@
+#include "url_op.h"
+
+#include <curl/curl.h>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstddef>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "faults.h"
+#include "http_server.h"
+#include "test_support.h"
+#include "utility/file.h"
+#include "utility/string_list.h"
+
+namespace {
+
+using test_support::exists;
+using test_support::Fault;
+using test_support::FileMount;
+using test_support::HttpServer;
+using test_support::mode_of;
+using test_support::names_in;
+using test_support::read_file;
+using test_support::run_in_child;
+using test_support::ScopedFault;
+using test_support::ScopedUmask;
+using test_support::ScratchDirectory;
+using test_support::SmallDisk;
+using test_support::write_file;
+
+constexpr char kNoNamespaces[] = "this host does not allow private mount namespaces";
+constexpr char kOldContents[] = "old contents, longer than what replaces them\n";
+constexpr std::size_t kDiskBytes = 65536;
+
+string_list failure_with(int code) {
+  return {"CUrlOp::url_down_file: curl_easy_perform failed[" + std::to_string(code) + "]"};
+}
+
+/// A whole reply that sends its body in these pieces: the client sees each of them alone.
+std::string chunked_reply(const std::vector<std::string>& pieces) {
+  std::string reply = "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n";
+  for (const std::string& piece : pieces) {
+    char size[16] = {};
+    (void)std::snprintf(size, sizeof size, "%zx\r\n", piece.size());
+    reply += size + piece + "\r\n";
+  }
+  return reply + "0\r\n\r\n";
+}
+
+/// Downloads into a file of the agent's from a server that the test scripts.
+class Download : public test_support::AgentTest {
+ protected:
+  [[nodiscard]] std::string target() const { return agent("file"); }
+
+  /// Downloads the server's "/file".
+  [[nodiscard]] int download() const { return download(server_.url("/file")); }
+
+  [[nodiscard]] int download(const std::string& url) const {
+    return CUrlOp::url_down_file(url.c_str(), target().c_str());
+  }
+
+  HttpServer server_;
+};
+
+TEST_F(Download, TheBodyBecomesTheFile) {
+  const std::string body("line\r\n\0\xff binary\n", 16);
+  server_.reply("/file", body);
+  EXPECT_EQ(download(), 0);
+  EXPECT_EQ(read_file(target()), body);
+  EXPECT_EQ(log_messages(), string_list());
+}
+
+TEST_F(Download, ATargetThatExistsIsReplacedNotAppendedTo) {
+  write_file(target(), kOldContents);
+  server_.reply("/file", "new\n");
+  EXPECT_EQ(download(), 0);
+  EXPECT_EQ(read_file(target()), "new\n");
+}
+
+TEST_F(Download, TheRequestIsThatOfTheLibrarysDefaults) {
+  server_.reply("/file", "new\n");
+  EXPECT_EQ(download(), 0);
+  EXPECT_EQ(server_.raw_requests(),
+            (string_list{"GET /file HTTP/1.1\r\nHost: " + server_.host() + "\r\nAccept: */*"}));
+}
+
+TEST_F(Download, TheBodyOfAnErrorStatusIsSavedAsASuccess) {
+  for (const int status : {400, 403, 404, 500, 503}) {
+    const std::string body = "error page of status " + std::to_string(status);
+    server_.reply("/file", body, status);
+    EXPECT_EQ(download(), 0) << status;
+    EXPECT_EQ(read_file(target()), body);
+  }
+  EXPECT_EQ(log_messages(), string_list());
+}
+
+TEST_F(Download, ARedirectIsNotFollowed) {
+  server_.reply("/new", "new place");
+  server_.reply_raw("/file", "HTTP/1.1 302 Found\r\nLocation: " + server_.url("/new") +
+                                 "\r\nContent-Length: 5\r\n\r\nmoved");
+  EXPECT_EQ(download(), 0);
+  EXPECT_EQ(read_file(target()), "moved");
+  EXPECT_EQ(server_.requests(), (string_list{"GET /file"}));
+}
+
+TEST_F(Download, AnEmptyBodyLeavesNoFile) {
+  write_file(target(), kOldContents);
+  server_.reply("/file", "");
+  EXPECT_EQ(download(), 0);
+  EXPECT_FALSE(exists(target()));
+  EXPECT_EQ(log_messages(), string_list());
+}
+
+TEST_F(Download, ABodyInManyPiecesIsPutTogether) {
+  std::vector<std::string> pieces;
+  std::string whole;
+  for (int i = 0; i < 1000; ++i) {
+    pieces.push_back(std::to_string(i) + "\n");
+    whole += pieces.back();
+  }
+  server_.reply_raw("/file", chunked_reply(pieces));
+  EXPECT_EQ(download(), 0);
+  EXPECT_EQ(read_file(target()), whole);
+}
+
+TEST_F(Download, ALargeBodyArrivesWhole) {
+  std::string body(std::size_t{2} * 1024 * 1024 + 1, '\0');
+  for (std::size_t i = 0; i < body.size(); ++i) body[i] = static_cast<char>(i % 251);
+  server_.reply("/file", body);
+  EXPECT_EQ(download(), 0);
+  EXPECT_TRUE(read_file(target()) == body);
+}
+
+TEST_F(Download, ABodyThatEndsWithTheConnectionIsWhole) {
+  server_.reply_raw("/file", "HTTP/1.0 200 OK\r\n\r\nbody");
+  EXPECT_EQ(download(), 0);
+  EXPECT_EQ(read_file(target()), "body");
+}
+
+TEST_F(Download, EachFileHasARequestOfItsOwn) {
+  server_.reply("/file", "first");
+  EXPECT_EQ(download(), 0);
+  server_.reply("/file", "second");
+  EXPECT_EQ(download(), 0);
+  EXPECT_EQ(read_file(target()), "second");
+  EXPECT_EQ(server_.requests(), (string_list{"GET /file", "GET /file"}));
+}
+
+TEST_F(Download, ABodyCutShortFailsAndLeavesItsPart) {
+  server_.reply_raw("/file", "HTTP/1.1 200 OK\r\nContent-Length: 100\r\n\r\npart");
+  EXPECT_EQ(download(), -1);
+  EXPECT_EQ(log_messages(), failure_with(CURLE_PARTIAL_FILE));
+  EXPECT_EQ(read_file(target()), "part");
+}
+
+TEST_F(Download, AConnectionWithoutAReplyFails) {
+  write_file(target(), kOldContents);
+  server_.reply_raw("/file", "");
+  EXPECT_EQ(download(), -1);
+  EXPECT_EQ(log_messages(), failure_with(CURLE_GOT_NOTHING));
+  EXPECT_FALSE(exists(target())) << "the old file goes first";
+}
+
+TEST_F(Download, AResetConnectionFails) {
+  server_.reply_raw("/file", "", HttpServer::End::kReset);
+  EXPECT_EQ(download(), -1);
+  EXPECT_EQ(log_messages(), failure_with(CURLE_RECV_ERROR));
+}
+
+TEST_F(Download, ARefusedConnectionFailsWithCode7) {
+  const utility::Descriptor silent(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  sockaddr_in address = {};  // of a port that is taken, but not listened on
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t size = sizeof address;
+  auto* const any_address = reinterpret_cast<sockaddr*>(&address);
+  ASSERT_EQ(::bind(silent.get(), any_address, size), 0);
+  ASSERT_EQ(::getsockname(silent.get(), any_address, &size), 0);
+  EXPECT_EQ(download("http://127.0.0.1:" + std::to_string(ntohs(address.sin_port)) + "/file"), -1);
+  EXPECT_EQ(log_messages(), (string_list{"CUrlOp::url_down_file: curl_easy_perform failed[7]"}));
+}
+
+TEST_F(Download, AnImpossibleUrlFails) {
+  EXPECT_EQ(download(""), -1);
+  EXPECT_EQ(download("nonsense://host/file"), -1);
+  string_list expected = failure_with(CURLE_URL_MALFORMAT);
+  expected.push_back(failure_with(CURLE_UNSUPPORTED_PROTOCOL)[0]);
+  EXPECT_EQ(log_messages(), expected);
+}
+
+TEST_F(Download, AMissingDirectoryFailsWithCode23) {
+  server_.reply("/file", "new\n");
+  const std::string path = agent("missing/file");
+  EXPECT_EQ(CUrlOp::url_down_file(server_.url("/file").c_str(), path.c_str()), -1);
+  EXPECT_EQ(log_messages(), (string_list{"CUrlOp::url_down_file: curl_easy_perform failed[23]"}));
+}
+
+TEST_F(Download, AnOldTargetThatCannotBeDeletedIsNoFailureOfItsOwn) {
+  server_.reply("/file", "new\n");
+  ASSERT_EQ(::mkdir(target().c_str(), 0755), 0);
+  EXPECT_EQ(download(), -1) << "a directory cannot be written";
+  EXPECT_EQ(log_messages(), failure_with(CURLE_WRITE_ERROR));
+  ASSERT_EQ(::rmdir(target().c_str()), 0);
+
+  write_file(target(), "old\n");
+  const FileMount mount(target(), target());
+  ASSERT_TRUE(mount.mounted());
+  EXPECT_EQ(download(), 0);
+  EXPECT_EQ(read_file(target()), "old\nnew\n") << "what stayed is appended to";
+}
+
+TEST_F(Download, AFullDiskFailsWithCode23AndLeavesThePartThatFits) {
+  ASSERT_EQ(::mkdir(agent("disk").c_str(), 0755), 0);
+  const SmallDisk disk(agent("disk"), kDiskBytes);
+  ASSERT_TRUE(disk.mounted());
+  server_.reply("/file", std::string(2 * kDiskBytes, 'a'));
+  const std::string path = agent("disk/file");
+  EXPECT_EQ(CUrlOp::url_down_file(server_.url("/file").c_str(), path.c_str()), -1);
+  EXPECT_EQ(log_messages(), failure_with(CURLE_WRITE_ERROR));
+  EXPECT_EQ(read_file(path), std::string(kDiskBytes, 'a'));
+}
+
+TEST_F(Download, AnErrorThatOnlyTheCloseShowsFailsWithCode23) {
+  server_.reply("/file", "new\n");
+  {
+    const ScopedFault fault(Fault::kCloseFails);
+    EXPECT_EQ(download(), -1);
+  }
+  EXPECT_EQ(log_messages(), failure_with(CURLE_WRITE_ERROR));
+}
+
+TEST_F(Download, AServerThatNeverAnswersBlocksTheRun) {
+  server_.reply_raw("/file", "HTTP/1.1 200 OK\r\nContent-Length: 8\r\n\r\npart",
+                    HttpServer::End::kHold);
+  const pid_t run = ::fork();
+  ASSERT_GE(run, 0);
+  if (run == 0) {
+    (void)::alarm(20);
+    ::_exit(download() == 0 ? 0 : 1);
+  }
+  EXPECT_TRUE(server_.wait_for_requests(1));
+  (void)::usleep(100000);
+  EXPECT_EQ(::waitpid(run, nullptr, WNOHANG), 0) << "it has given up";
+  (void)::kill(run, SIGKILL);
+  EXPECT_EQ(::waitpid(run, nullptr, 0), run);
+  EXPECT_EQ(log_messages(), string_list());
+}
+
+TEST_F(Download, AHostNameWithOnlyAnIpv6AddressDoesNotResolve) {
+  if (!exists("/etc/hosts") || !exists("/etc/nsswitch.conf"))
+    GTEST_SKIP() << "this host has no files that names are resolved by";
+  // An address of the discard prefix: the C library takes ::1 for an IPv4 address too.
+  write_file(agent("hosts"), "100::6 six.norvak.test\n127.0.0.1 four.norvak.test\n");
+  write_file(agent("nsswitch.conf"), "hosts: files\n");
+  const FileMount hosts(agent("hosts"), "/etc/hosts");
+  const FileMount services(agent("nsswitch.conf"), "/etc/nsswitch.conf");
+  ASSERT_TRUE(hosts.mounted() && services.mounted());
+  server_.reply("/file", "new\n");
+  const std::string port = server_.host().substr(server_.host().find(':'));
+
+  EXPECT_EQ(download("http://four.norvak.test" + port + "/file"), 0);
+  EXPECT_EQ(log_messages(), string_list());
+  EXPECT_EQ(download("http://six.norvak.test" + port + "/file"), -1);
+  EXPECT_EQ(log_messages(), failure_with(CURLE_COULDNT_RESOLVE_HOST));
+}
+
+bool memory_is_out = false;
+
+void* allocate(std::size_t size) { return memory_is_out ? nullptr : std::malloc(size); }
+void* allocate_zeroed(std::size_t count, std::size_t size) {
+  return memory_is_out ? nullptr : std::calloc(count, size);
+}
+void* reallocate(void* block, std::size_t size) {
+  return memory_is_out ? nullptr : std::realloc(block, size);
+}
+char* duplicate(const char* text) { return memory_is_out ? nullptr : ::strdup(text); }
+
+TEST_F(Download, WithoutAHandleTheDownloadFails) {
+  write_file(target(), kOldContents);
+  EXPECT_EQ(run_in_child([this] {
+              curl_global_cleanup();  // an earlier test may have initialised the library
+              ASSERT_EQ(curl_global_init_mem(CURL_GLOBAL_ALL, allocate, std::free, reallocate,
+                                             duplicate, allocate_zeroed),
+                        CURLE_OK);
+              memory_is_out = true;
+              EXPECT_EQ(download(), -1);
+            }),
+            0);
+  EXPECT_EQ(log_messages(), (string_list{"CUrlOp::url_down_file: init easy_handle failed"}));
+  EXPECT_FALSE(exists(target())) << "the old file goes first";
+  EXPECT_EQ(server_.requests(), string_list());
+}
+
+// The steps of a download.
+
+/// A test with an empty directory.
+class DownloadStep : public testing::Test {
+ protected:
+  /// What the write callback returns for @a count items of @a size bytes to the file @a name.
+  std::size_t write(const std::string& name, std::string data, std::size_t size,
+                    std::size_t count) const {
+    std::string path = dir_ / name;
+    return CUrlOp::write_to_file(data.data(), size, count, path.data());
+  }
+
+  ScratchDirectory dir_;
+};
+
+TEST_F(DownloadStep, WritingAppendsEachPieceToTheFile) {
+  EXPECT_EQ(write("file", "abc", 1, 3), 3U);
+  EXPECT_EQ(write("file", "de", 1, 2), 2U);
+  EXPECT_EQ(read_file(dir_ / "file"), "abcde");
+}
+
+TEST_F(DownloadStep, WritingOpensTheFileForEachPiece) {
+  EXPECT_EQ(write("file", "abc", 1, 3), 3U);
+  ASSERT_EQ(::unlink((dir_ / "file").c_str()), 0);
+  EXPECT_EQ(write("file", "de", 1, 2), 2U);
+  EXPECT_EQ(read_file(dir_ / "file"), "de");
+}
+
+TEST_F(DownloadStep, WritingCountsItems) {
+  EXPECT_EQ(write("file", "abcdef", 2, 3), 3U);
+  EXPECT_EQ(write("file", "g", 1, 0), 0U);
+  EXPECT_EQ(write("file", "g", 0, 1), 0U);
+  EXPECT_EQ(read_file(dir_ / "file"), "abcdef");
+}
+
+TEST_F(DownloadStep, WritingWhereNoFileCanBeOpenedGivesZero) {
+  EXPECT_EQ(write("missing/file", "abc", 1, 3), 0U);
+  EXPECT_EQ(write(".", "abc", 1, 3), 0U);
+  EXPECT_EQ(names_in(dir_.path()), string_list());
+}
+
+TEST_F(DownloadStep, WritingToAFullDiskGivesTheWholeItemsThatAreInTheFile) {
+  const SmallDisk disk(dir_.path(), kDiskBytes);
+  if (!disk.mounted()) GTEST_SKIP() << kNoNamespaces;
+  EXPECT_EQ(write("file", std::string(70000, 'a'), 1000, 70), kDiskBytes / 1000);
+  EXPECT_EQ(read_file(dir_ / "file").size(), kDiskBytes);
+  EXPECT_EQ(write("file", "abc", 1, 3), 0U);
+}
+
+TEST_F(DownloadStep, WritingToAFullDeviceGivesZero) {
+  if (!exists("/dev/full")) GTEST_SKIP() << "this host has no full device";
+  std::string path = "/dev/full";
+  std::string data = "abc";
+  EXPECT_EQ(CUrlOp::write_to_file(data.data(), 1, 3, path.data()), 0U);
+}
+
+TEST_F(DownloadStep, WritingWhoseCloseFailsGivesZero) {
+  const ScopedFault fault(Fault::kCloseFails);
+  EXPECT_EQ(write("file", "abc", 1, 3), 0U);
+}
+
+TEST_F(DownloadStep, WritingGivesThePermissionsOfANewFile) {
+  const ScopedUmask umask(027);
+  EXPECT_EQ(write("file", "abc", 1, 3), 3U);
+  EXPECT_EQ(mode_of(dir_ / "file"), 0640U);
+}
+
+TEST_F(DownloadStep, WritingLeavesNoFileOpen) {
+  const utility::Descriptor before(::open("/dev/null", O_RDONLY | O_CLOEXEC));
+  EXPECT_EQ(write("file", "abc", 1, 3), 3U);
+  EXPECT_EQ(write("file", "abc", 0, 3), 0U);
+  const utility::Descriptor after(::open("/dev/null", O_RDONLY | O_CLOEXEC));
+  EXPECT_EQ(after.get(), before.get() + 1);
+}
+
+TEST_F(DownloadStep, CheckingDeletesAFileThatExists) {
+  write_file(dir_ / "file", "");
+  EXPECT_EQ(CUrlOp::check_file_exist((dir_ / "file").c_str()), 0);
+  EXPECT_EQ(names_in(dir_.path()), string_list());
+}
+
+TEST_F(DownloadStep, CheckingNeverFails) {
+  EXPECT_EQ(CUrlOp::check_file_exist((dir_ / "missing").c_str()), 0);
+  ASSERT_EQ(::mkdir((dir_ / "directory").c_str(), 0755), 0);
+  EXPECT_EQ(CUrlOp::check_file_exist((dir_ / "directory").c_str()), 0) << "it cannot be deleted";
+  ASSERT_EQ(::symlink("nothing", (dir_ / "dangling").c_str()), 0);
+  EXPECT_EQ(CUrlOp::check_file_exist((dir_ / "dangling").c_str()), 0) << "it does not exist";
+  EXPECT_EQ(names_in(dir_.path()), (string_list{"dangling", "directory"}));
+}
+
+}  // namespace

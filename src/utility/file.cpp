@@ -55,11 +55,11 @@ std::size_t write_all(int fd, const void* data, std::size_t size) {
 }
 
 CopyResult copy_file(const char* source, const char* target) {
-  if (exists(target) && ::unlink(target) != 0) return CopyResult::kFailed;
+  if (::unlink(target) != 0 && errno != ENOENT) return CopyResult::kFailed;
   const Descriptor in(::open(source, O_RDONLY | O_CLOEXEC));
   if (!in) return CopyResult::kFailed;
-  // Truncated, because an error may have hidden an old target, which must not mix with the new one.
-  Descriptor out(::open(target, O_WRONLY | O_CREAT | O_TRUNC | O_APPEND | O_CLOEXEC, kNewFileMode));
+  // A file that is there again belongs to another run, whose bytes must not mix with these.
+  Descriptor out(::open(target, O_WRONLY | O_CREAT | O_EXCL | O_APPEND | O_CLOEXEC, kNewFileMode));
   if (!out) return CopyResult::kFailed;
 
   CopyResult result = copy_contents(in.get(), out.get());

@@ -31,17 +31,14 @@ if(NORVAK_SANITIZE)
     -fsanitize=address,undefined -fno-sanitize-recover=all -fno-omit-frame-pointer)
   target_link_options(norvak_options INTERFACE -fsanitize=address,undefined)
 else()
-  target_compile_definitions(norvak_options INTERFACE
-    $<$<NOT:$<CONFIG:Debug>>:_FORTIFY_SOURCE=2> _GLIBCXX_ASSERTIONS)
+  target_compile_definitions(norvak_options INTERFACE _GLIBCXX_ASSERTIONS)
+  target_compile_options(norvak_options INTERFACE  # some compilers define another level themselves
+    $<$<NOT:$<CONFIG:Debug>>:-U_FORTIFY_SOURCE> $<$<NOT:$<CONFIG:Debug>>:-D_FORTIFY_SOURCE=2>)
 endif()
 target_link_options(norvak_options INTERFACE -Wl,-z,relro -Wl,-z,now -Wl,-z,noexecstack -Wl,--as-needed)
 
 # A run is so short that loading and binding libraries is most of it: what is not used is left out,
-# and with NORVAK_STATIC_RUNTIME the C++ runtime and pugixml are part of the program. (Either alone
-# gains nothing, because pugixml's shared library would load the runtime all the same.)
+# and with NORVAK_STATIC_RUNTIME the C++ runtime and pugixml are part of the program.
 target_compile_options(norvak_options INTERFACE
   $<$<NOT:$<CONFIG:Debug>>:-ffunction-sections> $<$<NOT:$<CONFIG:Debug>>:-fdata-sections>)
 target_link_options(norvak_options INTERFACE $<$<NOT:$<CONFIG:Debug>>:-Wl,--gc-sections>)
-if(NORVAK_STATIC_RUNTIME)
-  target_link_options(norvak_options INTERFACE -static-libstdc++ -static-libgcc)
-endif()

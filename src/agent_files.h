@@ -17,8 +17,7 @@ inline constexpr char kQuorinModule[] = "quorin_linux";
 inline constexpr char kX64[] = "x64";
 inline constexpr char kX86[] = "x86";
 
-/// What identifies a build, in the build's directory on the update server and where it is kept
-/// here.
+/// Name of the file that identifies a build, on the update server and here.
 inline constexpr char kMd5[] = "/md5";
 
 /// File name ending of a kernel module, installed or on the update server.

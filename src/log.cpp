@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <sys/file.h>
 
+#include <cerrno>
 #include <cstdarg>
 #include <cstdio>
 #include <ctime>
@@ -51,6 +52,7 @@ void CUpdateLog::write_log(const char* format, ...) {
 void CUpdateLog::write_space() {
   const utility::Descriptor log = open_log();
   if (!log) return;
-  (void)::flock(log.get(), LOCK_EX);  // closing the file releases it
+  while (::flock(log.get(), LOCK_EX) != 0 && errno == EINTR) {
+  }  // closing the file releases the lock
   (void)utility::write_all(log.get(), "\n", 1);
 }

@@ -8,7 +8,7 @@
 #include <cctype>
 #include <cstdint>
 #include <cstdio>
-#include <cstring>
+#include <initializer_list>
 #include <optional>
 
 #include "agent_files.h"
@@ -47,6 +47,7 @@ constexpr int kSeparatorsInVersion = 4;
 
 constexpr int kDigestLimit = 128;
 constexpr int kListLimit = 1024;
+constexpr std::size_t kTooManyLines = 2;
 constexpr std::size_t kRecordPathLimit = 128;
 constexpr mode_t kRecordMode = 0666;  // less the umask
 
@@ -117,19 +118,19 @@ struct CUpdateKernelImpl::Host {
 };
 
 int CUpdateKernelImpl::init() {
-  install_path_ = utility::CUnixHelper::get_norvak_path();
-  md5_path_ = install_path_ + kWorkDir + agent_files::kMd5;
-  kernel_path_ = install_path_ + kWorkDir + kKernel;
-  config_path_ = install_path_ + agent_files::kConfig;
-  utility::make_work_dir(install_path_ + kWorkDir);
+  install_path = utility::CUnixHelper::get_norvak_path();
+  md5_path = install_path + kWorkDir + agent_files::kMd5;
+  kernel_path = install_path + kWorkDir + kKernel;
+  config_path = install_path + agent_files::kConfig;
+  utility::make_work_dir(install_path + kWorkDir);
   return 0;
 }
 
-void CUpdateKernelImpl::release() { (void)CHelper::remove_file(install_path_ + kWorkDir); }
+void CUpdateKernelImpl::release() { (void)CHelper::remove_file(install_path + kWorkDir); }
 
 std::string CUpdateKernelImpl::get_os_type() {
   for (const char* marked : {kUbuntu, kSuse}) {
-    if (utility::exists(install_path_ + "/" + marked)) return marked;
+    if (utility::exists(install_path + "/" + marked)) return marked;
   }
   return kCentos;
 }
@@ -152,7 +153,7 @@ void CUpdateKernelImpl::get_local_kernel_version(int os_code, KernelInfo& info) 
 }
 
 std::string CUpdateKernelImpl::get_url_from_xml() {
-  return config::get_config_var(config_path_, config::kKernelUpdateHost);
+  return config::get_config_var(config_path, config::kKernelUpdateHost);
 }
 
 std::string CUpdateKernelImpl::build_url_string(int url_kind, const std::string& host,
@@ -167,13 +168,13 @@ std::string CUpdateKernelImpl::build_url_string(int url_kind, const std::string&
 }
 
 std::string CUpdateKernelImpl::get_kernel_full_path(const char* name) {
-  return agent_files::module_path(install_path_, name);
+  return agent_files::module_path(install_path, name);
 }
 
 bool CUpdateKernelImpl::check_download_kernel_md5() {
-  std::optional<std::string> published = utility::read_first_line(md5_path_, kDigestLimit);
+  std::optional<std::string> published = utility::read_first_line(md5_path, kDigestLimit);
   if (!published) return false;
-  std::string digest = utility::md5wrapper().getHashFromFile(kernel_path_);
+  std::string digest = utility::md5wrapper().getHashFromFile(kernel_path);
   utility::CStr::trim(digest);
   utility::CStr::trim(*published);
   return digest == *published;
@@ -186,16 +187,16 @@ int CUpdateKernelImpl::check_update_kernel(const char* name) {
 
   const std::string url =
       build_url_string(kMd5ListUrl, host.server, host.os_type, host.arch, host.kernel, name);
-  if (CUrlOp::url_down_file(url.c_str(), md5_path_.c_str()) != 0) {
+  if (CUrlOp::url_down_file(url.c_str(), md5_path.c_str()) != 0) {
     CUpdateLog::write_log(kListDownloadFailed, name);
     return -1;
   }
   string_list lines;
-  if (!utility::read_lines(md5_path_, kListLimit, lines)) {
+  if (!utility::read_lines(md5_path, kListLimit, kTooManyLines, lines)) {
     CUpdateLog::write_log(kListUnreadable);
     return -1;
   }
-  if (lines.size() > 1) {
+  if (lines.size() == kTooManyLines) {
     CUpdateLog::write_log(kListAbnormal);
     return -1;
   }
@@ -207,11 +208,11 @@ int CUpdateKernelImpl::check_update_kernel(const char* name) {
 
 int CUpdateKernelImpl::download_kernel(const char* name) {
   Host host;
-  if (!identify(host)) return 1;
+  if (!identify(host)) return kNothingToDo;
 
   const std::string url =
       build_url_string(kModuleUrl, host.server, host.os_type, host.arch, host.kernel, name);
-  if (CUrlOp::url_down_file(url.c_str(), kernel_path_.c_str()) != 0) {
+  if (CUrlOp::url_down_file(url.c_str(), kernel_path.c_str()) != 0) {
     CUpdateLog::write_log(kModuleDownloadFailed, name);
     return -1;
   }
@@ -220,7 +221,7 @@ int CUpdateKernelImpl::download_kernel(const char* name) {
     return -1;
   }
   CUpdateLog::write_log(kModuleVerified, name);
-  (void)CHelper::rename_file(kernel_path_, get_kernel_full_path(name));
+  (void)CHelper::rename_file(kernel_path, get_kernel_full_path(name));
   return 0;
 }
 
@@ -245,9 +246,9 @@ bool CUpdateKernelImpl::identify(Host& host) {
 }
 
 void CUpdateKernelImpl::record_kernel_version(const std::string& version) {
-  // The doubled slash and the cut are those that other readers of the record expect.
+  // The doubled slash and the cut of a long path are kept.
   char path[kRecordPathLimit + 1] = {};
-  (void)std::snprintf(path, kRecordPathLimit, "%s/%s", install_path_.c_str(), kVersionRecord);
+  (void)std::snprintf(path, kRecordPathLimit, "%s/%s", install_path.c_str(), kVersionRecord);
   if (utility::exists(path)) (void)::unlink(path);
   const utility::Descriptor record(
       ::open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, kRecordMode));

@@ -69,13 +69,13 @@ class CUpdateKernelImpl {
   /// left.
   ///
   /// @return 0  the verified module was handed to the installation, whose result is not looked at;
-  ///         1  the host or the server is not known; nothing was fetched;
+  ///         kNothingToDo  the host or the server is not known; nothing was fetched;
   ///         -1 download or verification failed, after a line in the log; the installed module is
   ///         untouched
   [[nodiscard]] int download_kernel(const char* name);
 
   /// Removes the installed engine modules, tessel_linux and quorin_linux, unless both are there:
-  /// the agent must not load one without the other.
+  /// one is never left without the other.
   void clear_tarn_kernel();
 
  private:
@@ -87,8 +87,8 @@ class CUpdateKernelImpl {
 
   void record_kernel_version(const std::string& version);
 
-  std::string install_path_;
-  std::string md5_path_;
-  std::string kernel_path_;
-  std::string config_path_;
+  std::string install_path;
+  std::string md5_path;
+  std::string kernel_path;
+  std::string config_path;
 };

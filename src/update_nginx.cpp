@@ -18,7 +18,7 @@ namespace {
 constexpr char kWorkDir[] = "/update_norvak_nginx";
 constexpr char kInstalledNginx[] = "/nginx/bin/nginx";
 constexpr char kInstalledMd5[] = "/nginx/md5";
-// Below the work directory, and in a build's directory on the update server; so is kMd5.
+// Below the work directory, and in a build's directory on the update server.
 constexpr char kNginx[] = "/nginx";
 // Below the update server's address.
 constexpr char kServerBuilds[] = "/nginx_new/";
@@ -39,18 +39,18 @@ std::string read_identification(const std::string& path) {
 }  // namespace
 
 int CUpdateNginxImpl::init() {
-  install_path_ = utility::CUnixHelper::get_norvak_path();
-  nginx_download_path_ = install_path_ + kWorkDir + kNginx;
-  md5_download_path_ = install_path_ + kWorkDir + agent_files::kMd5;
-  config_path_ = install_path_ + agent_files::kConfig;
-  utility::make_work_dir(install_path_ + kWorkDir);
+  install_path = utility::CUnixHelper::get_norvak_path();
+  nginx_download_path = install_path + kWorkDir + kNginx;
+  md5_download_path = install_path + kWorkDir + agent_files::kMd5;
+  config_path = install_path + agent_files::kConfig;
+  utility::make_work_dir(install_path + kWorkDir);
   return 0;
 }
 
-void CUpdateNginxImpl::release() { (void)CHelper::remove_file(install_path_ + kWorkDir); }
+void CUpdateNginxImpl::release() { (void)CHelper::remove_file(install_path + kWorkDir); }
 
 std::string CUpdateNginxImpl::get_url_from_xml() {
-  return config::get_config_var(config_path_, config::kNginxUpdateHost);
+  return config::get_config_var(config_path, config::kNginxUpdateHost);
 }
 
 std::string CUpdateNginxImpl::get_nginx_arch(const char* word_size) {
@@ -67,9 +67,9 @@ bool CUpdateNginxImpl::is_elf(const char* path) {
 }
 
 bool CUpdateNginxImpl::check_file_md5() {
-  const std::string installed_path = install_path_ + kInstalledMd5;
+  const std::string installed_path = install_path + kInstalledMd5;
   if (!utility::exists(installed_path)) return false;
-  return read_identification(installed_path) == read_identification(md5_download_path_);
+  return read_identification(installed_path) == read_identification(md5_download_path);
 }
 
 int CUpdateNginxImpl::download_nginx(const char* version_dir, const char* word_size) {
@@ -77,18 +77,18 @@ int CUpdateNginxImpl::download_nginx(const char* version_dir, const char* word_s
   if (host.empty()) return -1;
   const std::string build = host + kServerBuilds + get_nginx_arch(word_size) + "/" + version_dir;
 
-  if (CUrlOp::url_down_file((build + agent_files::kMd5).c_str(), md5_download_path_.c_str()) != 0)
+  if (CUrlOp::url_down_file((build + agent_files::kMd5).c_str(), md5_download_path.c_str()) != 0)
     return -1;
   if (check_file_md5()) {
     CUpdateLog::write_log(kNotNew);
     return -1;
   }
   CUpdateLog::write_log(kDownloading);
-  if (CUrlOp::url_down_file((build + kNginx).c_str(), nginx_download_path_.c_str()) != 0) return -1;
-  if (!is_elf(nginx_download_path_.c_str())) return -1;
+  if (CUrlOp::url_down_file((build + kNginx).c_str(), nginx_download_path.c_str()) != 0) return -1;
+  if (!is_elf(nginx_download_path.c_str())) return -1;
 
   // The program goes first: should the second move fail, the next run installs the build again.
-  (void)CHelper::rename_file(nginx_download_path_, install_path_ + kInstalledNginx);
-  (void)CHelper::rename_file(md5_download_path_, install_path_ + kInstalledMd5);
+  (void)CHelper::rename_file(nginx_download_path, install_path + kInstalledNginx);
+  (void)CHelper::rename_file(md5_download_path, install_path + kInstalledMd5);
   return 0;
 }

@@ -41,8 +41,8 @@ class CUpdateNginxImpl {
   [[nodiscard]] int download_nginx(const char* version_dir, const char* word_size);
 
  private:
-  std::string install_path_;
-  std::string nginx_download_path_;
-  std::string md5_download_path_;
-  std::string config_path_;
+  std::string install_path;
+  std::string nginx_download_path;
+  std::string md5_download_path;
+  std::string config_path;
 };

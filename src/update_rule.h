@@ -39,8 +39,8 @@ class CUpdateRuleImpl {
   [[nodiscard]] bool check_download_rule_md5();
 
  private:
-  std::string install_path_;
-  std::string config_path_;
-  std::string rule_md5_path_;
-  std::string rule_path_;
+  std::string install_path;
+  std::string config_path;
+  std::string rule_md5_path;
+  std::string rule_path;
 };

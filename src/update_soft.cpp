@@ -49,7 +49,7 @@ constexpr int kLineLimit = 1024;
 constexpr int kVersionLimit = 64;
 constexpr std::size_t kVersionPrefix = 6;
 constexpr char kFieldSeparator[] = ".";
-constexpr int kSettingsToChange = 2;
+constexpr int kMostChanges = 2;
 
 constexpr char kConfigUnreadable[] =
     "[SOFT] call get_update_method function failed, config path: %s";
@@ -70,11 +70,11 @@ int run_command(const std::string& command) {
   return status != -1 && WIFEXITED(status) && WEXITSTATUS(status) == 0 ? 0 : -1;
 }
 
-/// The file that tells other components of the agent, while it exists, that an update is going on.
-/// Where it cannot be created the update goes on without it.
+/// A file that exists while an update is going on. Nothing in this program reads it, and where it
+/// cannot be created the update goes on without it.
 class UpdateMarker {
  public:
-  explicit UpdateMarker(const std::string& install_path) : path_(install_path + kMarker) {
+  explicit UpdateMarker(const std::string& agent) : path_(agent + kMarker) {
     const utility::Descriptor file(
         ::open(path_.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, kMarkerMode));
   }
@@ -109,27 +109,27 @@ bool is_newer(const std::string& offered, const std::string& installed) {
 }  // namespace
 
 int CUpdateSoftImpl::init() {
-  install_path_ = utility::CUnixHelper::get_norvak_path();
-  work_dir_ = install_path_ + kWorkDir;
-  data_dir_ = work_dir_ + kDataDir;
-  package_path_ = work_dir_ + kPackage;
-  version_file_path_ = work_dir_ + kVersionFile;
-  config_path_ = install_path_ + agent_files::kConfig;
-  utility::make_work_dir(work_dir_);
-  utility::make_work_dir(data_dir_);
+  install_path = utility::CUnixHelper::get_norvak_path();
+  work_dir = install_path + kWorkDir;
+  data_dir = work_dir + kDataDir;
+  package_path = work_dir + kPackage;
+  version_file_path = work_dir + kVersionFile;
+  config_path = install_path + agent_files::kConfig;
+  utility::make_work_dir(work_dir);
+  utility::make_work_dir(data_dir);
   return 0;
 }
 
-void CUpdateSoftImpl::release() { (void)CHelper::remove_file(work_dir_); }
+void CUpdateSoftImpl::release() { (void)CHelper::remove_file(work_dir); }
 
 std::string CUpdateSoftImpl::get_download_url() {
-  return config::get_config_var(config_path_, config::kUpdateHost);
+  return config::get_config_var(config_path, config::kUpdateHost);
 }
 
 int CUpdateSoftImpl::get_update_method(int& update_type) {
   std::string text = std::to_string(update_type);  // stays when the setting is missing
-  if (config::get_config_var(config_path_, config::kUpdateType, text) != 0) {
-    CUpdateLog::write_log(kConfigUnreadable, config_path_.c_str());
+  if (config::get_config_var(config_path, config::kUpdateType, text) != 0) {
+    CUpdateLog::write_log(kConfigUnreadable, config_path.c_str());
     return -1;
   }
   update_type = utility::CStr::to_int(text.c_str());
@@ -137,30 +137,33 @@ int CUpdateSoftImpl::get_update_method(int& update_type) {
 }
 
 std::string CUpdateSoftImpl::get_norvak_old_version() {
-  return config::get_config_var(config_path_, config::kVersion);
+  return config::get_config_var(config_path, config::kVersion);
 }
 
 int CUpdateSoftImpl::download_norvak_version_file() {
   std::string url = get_download_url();
   if (url.empty()) return -1;
   url += kServerVersion;
-  if (CUrlOp::url_down_file(url.c_str(), version_file_path_.c_str()) != 0) {
-    CUpdateLog::write_log(kVersionDownloadFailed, url.c_str(), version_file_path_.c_str());
+  if (CUrlOp::url_down_file(url.c_str(), version_file_path.c_str()) != 0) {
+    CUpdateLog::write_log(kVersionDownloadFailed, url.c_str(), version_file_path.c_str());
     return -1;
   }
-  string_list lines;
-  if (!utility::read_lines(version_file_path_, kLineLimit, lines)) return -1;
-  const auto empty_lines = std::count(lines.begin(), lines.end(), std::string());
-  return lines.size() - static_cast<std::size_t>(empty_lines) == 1 ? 0 : -1;
+  int lines_with_text = 0;
+  const bool readable =
+      utility::visit_lines(version_file_path, kLineLimit, [&](const std::string& line) {
+        if (!line.empty()) ++lines_with_text;
+        return lines_with_text < 2;
+      });
+  return readable && lines_with_text == 1 ? 0 : -1;
 }
 
 std::string CUpdateSoftImpl::get_norvak_new_version() {
-  if (!new_version_.empty()) return new_version_;
-  const auto line = utility::read_first_line(version_file_path_, kVersionLimit);
+  if (!new_version.empty()) return new_version;
+  const auto line = utility::read_first_line(version_file_path, kVersionLimit);
   if (!line) return "";
-  new_version_ = *line;
-  utility::remove_line_feed(new_version_);
-  return new_version_;
+  new_version = *line;
+  utility::remove_line_feed(new_version);
+  return new_version;
 }
 
 void CUpdateSoftImpl::parse_version(const std::string& version, const std::string& separators,
@@ -173,26 +176,25 @@ void CUpdateSoftImpl::parse_version(const std::string& version, const std::strin
   }
 }
 
-bool CUpdateSoftImpl::check_norvak_new_version_exist(std::string& old_version,
-                                                     std::string& new_version) {
+bool CUpdateSoftImpl::check_norvak_new_version_exist(std::string& installed, std::string& offered) {
   if (download_norvak_version_file() != 0) {
     CUpdateLog::write_log(kVersionUnknown);
     return false;
   }
-  new_version = get_norvak_new_version();
-  old_version = get_norvak_old_version();
-  return is_newer(new_version, old_version);
+  offered = get_norvak_new_version();
+  installed = get_norvak_old_version();
+  return is_newer(offered, installed);
 }
 
 int CUpdateSoftImpl::run_update_norvak_agent() {
-  std::optional<UpdateMarker> marker(std::in_place, install_path_);
+  std::optional<UpdateMarker> marker(std::in_place, install_path);
   if (download_norvak_update_package() != 0) {
     CUpdateLog::write_log(kPackageDownloadFailed);
     return -1;
   }
   (void)CHelper::stop_norvak_agent();
   const int result = install_package();
-  marker.reset();  // the starting agent must not find it
+  marker.reset();  // gone before the agent starts
   (void)CHelper::start_norvak_agent();
   return result;
 }
@@ -215,11 +217,11 @@ int CUpdateSoftImpl::download_norvak_update_package() {
   struct utsname host = {};
   (void)::uname(&host);  // a failure leaves the machine name empty
   url += ::strcasecmp(host.machine, kMachine64) == 0 ? kServerPackage64 : kServerPackage32;
-  return CUrlOp::url_down_file(url.c_str(), package_path_.c_str());
+  return CUrlOp::url_down_file(url.c_str(), package_path.c_str());
 }
 
 int CUpdateSoftImpl::update_now() {
-  if (config::get_config_var(config_path_, config::kUpdateType, saved_update_type_) != 0) return -1;
+  if (config::get_config_var(config_path, config::kUpdateType, saved_update_type) != 0) return -1;
   if (decompress_package() != 0) {
     CUpdateLog::write_log(kUnpackFailed);
     return -1;
@@ -232,34 +234,34 @@ int CUpdateSoftImpl::update_now() {
 }
 
 int CUpdateSoftImpl::decompress_package() {
-  return run_command(install_path_ + kTar + " xvf " + package_path_ + " -C " + data_dir_ +
+  return run_command(install_path + kTar + " xvf " + package_path + " -C " + data_dir +
                      kDiscardOutput);
 }
 
 int CUpdateSoftImpl::exec_script() {
-  [[maybe_unused]] const int ignored = ::chdir(data_dir_.c_str());
-  (void)::chmod((data_dir_ + kScript).c_str(), kScriptMode);
+  [[maybe_unused]] const int ignored = ::chdir(data_dir.c_str());
+  (void)::chmod((data_dir + kScript).c_str(), kScriptMode);
   return run_command(std::string(".") + kScript + kDiscardOutput);
 }
 
 int CUpdateSoftImpl::update_config() {
   const std::unique_ptr<XmlDocument> document = newXmlDocument();
-  if (document->load(config_path_.c_str()) == 0) return -1;
+  if (document->load(config_path.c_str()) == 0) return -1;
   const XmlNodeList settings = document->root().select_nodes(config::kSettings);
   int changes = 0;
-  for (int i = 0; i < settings.length() && changes < kSettingsToChange; ++i) {
+  for (int i = 0; i < settings.length() && changes < kMostChanges; ++i) {
     XmlNode setting = settings.item(i);
     const std::string name = setting.get_attribute(config::kName);
     std::string value;
     if (name == config::kVersion) {
       value = get_norvak_new_version();
     } else if (name == config::kUpdateType) {
-      value = saved_update_type_;
+      value = saved_update_type;
     } else {
       continue;
     }
     setting.set_attribute(config::kValue, value.c_str());
-    (void)document->save(config_path_.c_str());  // after each change, as it always was
+    (void)document->save(config_path.c_str());  // one save for each change
     ++changes;
   }
   return 0;

@@ -18,7 +18,7 @@ class CUpdateSoftImpl {
   /// Removes the work directory with everything in it.
   void release();
 
-  /// The base address of the update server, without a slash at its end; empty when the
+  /// The base address of the update server, as it is stored; empty when the
   /// configuration cannot be loaded or does not hold it.
   std::string get_download_url();
 
@@ -34,8 +34,8 @@ class CUpdateSoftImpl {
   /// @return 0, or -1; a failed download is logged
   [[nodiscard]] int download_norvak_version_file();
 
-  /// The first line of the version file, at most 63 characters. Read once: the first text that is
-  /// not empty is returned by all later calls.
+  /// The first line of the version file, at most 63 characters; empty when there is no file or that
+  /// line is. Read once: the first text that is not empty is returned by all later calls.
   std::string get_norvak_new_version();
 
   /// Splits @a version at the characters in @a separators and appends the fields, none of them
@@ -46,11 +46,10 @@ class CUpdateSoftImpl {
   /// Whether the server offers a newer version than the installed one. Fields are compared as
   /// numbers, up to the end of the shorter version; a prefix of six characters is skipped.
   ///
-  /// @param[out] old_version, new_version  both versions in full, once the server's is known
+  /// @param[out] installed, offered  both versions in full, once the server's is known
   /// @throws std::out_of_range  a version has fewer than six characters. Nothing in this program
   ///         catches it: a host or a server in such a state needs a person to look at it.
-  [[nodiscard]] bool check_norvak_new_version_exist(std::string& old_version,
-                                                    std::string& new_version);
+  [[nodiscard]] bool check_norvak_new_version_exist(std::string& installed, std::string& offered);
 
   /// Downloads and installs the package. The agent is stopped only once the package is on disk, and
   /// is started again whatever happens after that. There is no rollback.
@@ -81,12 +80,12 @@ class CUpdateSoftImpl {
  private:
   int install_package();
 
-  std::string new_version_;
-  std::string saved_update_type_;  ///< update_now's note for update_config
-  std::string install_path_;
-  std::string work_dir_;
-  std::string data_dir_;
-  std::string package_path_;
-  std::string version_file_path_;
-  std::string config_path_;
+  std::string new_version;
+  std::string saved_update_type;  ///< update_now's note for update_config
+  std::string install_path;
+  std::string work_dir;
+  std::string data_dir;
+  std::string package_path;
+  std::string version_file_path;
+  std::string config_path;
 };

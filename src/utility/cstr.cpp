@@ -64,7 +64,6 @@ void CStr::ext_line(const std::string& delimiter, string_list& pieces, const std
     if (end == std::string::npos) end = text.size();
     if (end > begin) pieces.push_back(text.substr(begin, end - begin));
     begin = end + delimiter.size();
-    if (end == text.size()) return;
   }
 }
 

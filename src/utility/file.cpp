@@ -5,7 +5,6 @@
 
 #include <array>
 #include <cerrno>
-#include <vector>
 
 namespace utility {
 
@@ -18,7 +17,7 @@ constexpr mode_t kNewFileMode = 0666;  // less the umask, as for every file that
 constexpr mode_t kWorkDirMode = 0644;
 
 CopyResult copy_contents(int source, int target) {
-  std::vector<char> block(kCopyBlockBytes);
+  std::array<char, kCopyBlockBytes> block;
   for (;;) {
     const ssize_t count = read_some(source, block.data(), block.size());
     if (count == 0) return CopyResult::kCopied;
@@ -26,6 +25,19 @@ CopyResult copy_contents(int source, int target) {
     const auto size = static_cast<std::size_t>(count);
     if (write_all(target, block.data(), size) != size) return CopyResult::kFailed;
   }
+}
+
+/// Creates the file that is not there. One that is there all the same belongs to another run, whose
+/// bytes must not mix with these, or was hidden by an error: neither is written to. A dangling
+/// symbolic link is no file, and the new one is made where it leads.
+Descriptor create_target(const char* path) {
+  constexpr int kFlags = O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC;
+  const int fd = ::open(path, kFlags | O_EXCL, kNewFileMode);
+  struct stat status = {};
+  if (fd < 0 && errno == EEXIST && ::lstat(path, &status) == 0 && S_ISLNK(status.st_mode)) {
+    return Descriptor(::open(path, kFlags, kNewFileMode));
+  }
+  return Descriptor(fd);
 }
 
 }  // namespace
@@ -55,11 +67,10 @@ std::size_t write_all(int fd, const void* data, std::size_t size) {
 }
 
 CopyResult copy_file(const char* source, const char* target) {
-  if (::unlink(target) != 0 && errno != ENOENT) return CopyResult::kFailed;
+  if (exists(target) && ::unlink(target) != 0) return CopyResult::kFailed;
   const Descriptor in(::open(source, O_RDONLY | O_CLOEXEC));
   if (!in) return CopyResult::kFailed;
-  // A file that is there again belongs to another run, whose bytes must not mix with these.
-  Descriptor out(::open(target, O_WRONLY | O_CREAT | O_EXCL | O_APPEND | O_CLOEXEC, kNewFileMode));
+  Descriptor out = create_target(target);
   if (!out) return CopyResult::kFailed;
 
   CopyResult result = copy_contents(in.get(), out.get());
@@ -77,15 +88,23 @@ std::optional<std::string> read_first_line(const std::string& path, int limit) {
   return found ? std::string(buffer.c_str()) : std::string();
 }
 
-bool read_lines(const std::string& path, int limit, string_list& lines) {
+bool visit_lines(const std::string& path, int limit, const LineVisitor& visit) {
   const FilePtr file(std::fopen(path.c_str(), "re"));
   if (!file) return false;
   std::string buffer(static_cast<std::size_t>(limit) + 1, '\0');
   while (std::fgets(buffer.data(), limit, file.get()) != nullptr) {
-    lines.emplace_back(buffer.c_str());
-    remove_line_feed(lines.back());
+    std::string line(buffer.c_str());
+    remove_line_feed(line);
+    if (!visit(line)) break;
   }
   return true;
+}
+
+bool read_lines(const std::string& path, int limit, std::size_t most, string_list& lines) {
+  return visit_lines(path, limit, [&](const std::string& line) {
+    lines.push_back(line);
+    return lines.size() < most;
+  });
 }
 
 void remove_line_feed(std::string& text) {

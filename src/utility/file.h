@@ -7,6 +7,7 @@
 
 #include <cstddef>
 #include <cstdio>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -69,7 +70,7 @@ class Descriptor {
 enum class CopyResult {
   kCopied,      ///< the target holds all bytes of the source
   kReadFailed,  ///< the target holds the bytes in front of the one that could not be read
-  kFailed,      ///< there is no target: it could not be replaced, or not be written whole
+  kFailed,      ///< there is no target, or still the old one where that could not be deleted
 };
 
 /// Replaces @a target by a copy of @a source: the old target is deleted first, the new one gets the
@@ -86,11 +87,20 @@ enum class CopyResult {
 ///         the file cannot be opened or read
 [[nodiscard]] std::optional<std::string> read_first_line(const std::string& path, int limit);
 
-/// Reads a text file to its end and appends its lines, without their line feeds, to @a lines.
+/// Is told a line without its line feed.
+/// @return false to be told no more
+using LineVisitor = std::function<bool(const std::string& line)>;
+
+/// Reads a text file line by line, with no more than one line in memory.
 ///
-/// @param limit  as in read_first_line; a longer line is appended in several pieces
-/// @return false when the file cannot be opened
-[[nodiscard]] bool read_lines(const std::string& path, int limit, string_list& lines);
+/// @param limit  as in read_first_line; a longer line is told in several pieces
+/// @return false when the file cannot be opened; a read error counts as its end
+[[nodiscard]] bool visit_lines(const std::string& path, int limit, const LineVisitor& visit);
+
+/// visit_lines that appends to @a lines until there are @a most, so that a file of any size costs
+/// no more memory than its caller has use for.
+[[nodiscard]] bool read_lines(const std::string& path, int limit, std::size_t most,
+                              string_list& lines);
 
 /// Removes one line feed from the end of @a text, if one stands there.
 void remove_line_feed(std::string& text);

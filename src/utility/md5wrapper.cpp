@@ -3,8 +3,8 @@
 #include <fcntl.h>
 
 #include <algorithm>
+#include <array>
 #include <new>
-#include <vector>
 
 #include "utility/file.h"
 
@@ -26,7 +26,7 @@ std::string md5wrapper::getHashFromFile(const std::string& filename) {
 
   MD5_CTX context;
   md5_->MD5Init(&context);
-  std::vector<unsigned char> block(kReadBytes);
+  std::array<unsigned char, kReadBytes> block;
   for (;;) {
     const ssize_t count = read_some(file.get(), block.data(), block.size());
     if (count <= 0) break;

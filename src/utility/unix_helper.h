@@ -26,7 +26,8 @@ class CUnixHelper {
 
   /// Splits @a text in place at each of the characters in @a delimiters.
   ///
-  /// Every piece is trimmed of white space, so that a run of blank delimiters counts as one. A
+  /// White space in front of every piece and at the end of the text is removed, so that a run of
+  /// blank delimiters counts as one. A
   /// piece that begins with two equal quotes is empty. In pieces that contain a line feed, quotes
   /// and line feeds become blanks before a second trimming; not so when @a delimiters is one
   /// character that does not occur in the text.

@@ -54,6 +54,13 @@ extern "C" int close(int fd) {
   return -1;
 }
 
+extern "C" int access(const char* path, int mode) {
+  if (active_fault != Fault::kAccessFails)
+    return static_cast<int>(::syscall(SYS_access, path, mode));
+  errno = EIO;
+  return -1;
+}
+
 extern "C" dirent* readdir(DIR* dir) {
   using Readdir = dirent* (*)(DIR*);
   // The name that the headers give to readdir() where file offsets have 64 bits.

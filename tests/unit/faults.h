@@ -10,6 +10,7 @@ enum class Fault {
   kReadFails,     ///< read() of a regular file fails with EIO
   kCloseFails,    ///< close() of a regular file opened for writing closes it, but fails with EIO
   kNoEntryTypes,  ///< readdir() gives entries of unknown type, as some file systems do
+  kAccessFails,   ///< access() fails with EIO
   kNoMemory,      ///< new (std::nothrow) gives null
 };
 

@@ -247,6 +247,14 @@ TEST_F(File, ACopyToADanglingLinkIsMadeWhereItLeads) {
   EXPECT_EQ(read_file(dir_ / "file"), "new");
 }
 
+TEST_F(File, ACopyNeverWritesIntoAFileThatIsThereAllTheSame) {
+  write_file(dir_ / "source", "new");
+  write_file(dir_ / "target", "of another run");
+  const test_support::ScopedFault fault(test_support::Fault::kAccessFails);
+  EXPECT_EQ(copy("source", "target"), CopyResult::kFailed);
+  EXPECT_EQ(read_file(dir_ / "target"), "of another run");
+}
+
 TEST_F(File, AMissingSourceCostsTheOldTarget) {
   write_file(dir_ / "target", "old");
   EXPECT_EQ(copy("missing", "target"), CopyResult::kFailed);
@@ -352,22 +360,39 @@ TEST_F(File, OnlyAFileThatCannotBeReadHasNoFirstLine) {
 TEST_F(File, LinesAreAppendedWithoutTheirLineFeeds) {
   write_file(dir_ / "file", "first\n\n third \r\nlast");
   string_list lines = {"before"};
-  EXPECT_TRUE(utility::read_lines(dir_ / "file", 100, lines));
+  EXPECT_TRUE(utility::read_lines(dir_ / "file", 100, SIZE_MAX, lines));
   EXPECT_EQ(lines, (string_list{"before", "first", "", " third \r", "last"}));
 }
 
 TEST_F(File, ALineBeyondTheLimitComesInPieces) {
   write_file(dir_ / "file", "1234567\n12345678\n");
   string_list lines;
-  EXPECT_TRUE(utility::read_lines(dir_ / "file", 5, lines));
+  EXPECT_TRUE(utility::read_lines(dir_ / "file", 5, SIZE_MAX, lines));
   EXPECT_EQ(lines, (string_list{"1234", "567", "1234", "5678", ""}));
+}
+
+TEST_F(File, ReadingEndsWithTheMostLinesThatAreWanted) {
+  write_file(dir_ / "file", "1\n2\n3\n");
+  string_list lines;
+  EXPECT_TRUE(utility::read_lines(dir_ / "file", 100, 2, lines));
+  EXPECT_EQ(lines, (string_list{"1", "2"}));
+}
+
+TEST_F(File, AVisitorIsToldNoMoreOnceItSaysSo) {
+  write_file(dir_ / "file", "1\n\n3\n4\n");
+  string_list told;
+  EXPECT_TRUE(utility::visit_lines(dir_ / "file", 100, [&](const std::string& line) {
+    told.push_back(line);
+    return line != "3";
+  }));
+  EXPECT_EQ(told, (string_list{"1", "", "3"}));
 }
 
 TEST_F(File, AnEmptyFileHasNoLinesAndAMissingOneFails) {
   write_file(dir_ / "file", "");
   string_list lines = {"before"};
-  EXPECT_TRUE(utility::read_lines(dir_ / "file", 100, lines));
-  EXPECT_FALSE(utility::read_lines(dir_ / "missing", 100, lines));
+  EXPECT_TRUE(utility::read_lines(dir_ / "file", 100, SIZE_MAX, lines));
+  EXPECT_FALSE(utility::read_lines(dir_ / "missing", 100, SIZE_MAX, lines));
   EXPECT_EQ(lines, (string_list{"before"}));
 }
 

@@ -23,7 +23,6 @@ using test_support::read_file;
 using test_support::Umask;
 using test_support::UpdaterTest;
 using test_support::write_file;
-using testing::TestWithParam;
 using testing::Values;
 using testing::ValuesIn;
 using testing::WithParamInterface;

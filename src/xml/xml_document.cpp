@@ -4,7 +4,6 @@
 #include <sys/stat.h>
 
 #include <algorithm>
-#include <cstdint>
 #include <optional>
 #include <pugixml.hpp>
 #include <string_view>
@@ -13,7 +12,7 @@
 #include "utility/durable_file.h"
 #include "utility/file.h"
 
-using std::string_view_literals::operator""sv;
+using namespace std::string_view_literals;
 
 namespace {
 
@@ -26,13 +25,13 @@ constexpr std::pair<std::string_view, XmlEncoding> kWideStarts[] = {
     {"\0<"sv, {2, true}},          {"<\0"sv, {2, false}},
 };
 
-constexpr std::uint32_t kHighSurrogates = 0xD800;
-constexpr std::uint32_t kLowSurrogates = 0xDC00;
-constexpr std::uint32_t kSurrogatesEnd = 0xE000;
-constexpr std::uint32_t kSupplementary = 0x10000;
-constexpr std::uint32_t kCharactersEnd = 0x110000;
+constexpr char32_t kHighSurrogates = 0xD800;
+constexpr char32_t kLowSurrogates = 0xDC00;
+constexpr char32_t kSurrogatesEnd = 0xE000;
+constexpr char32_t kSupplementary = 0x10000;
+constexpr char32_t kCharactersEnd = 0x110000;
 constexpr unsigned kSurrogateBits = 10;
-constexpr wchar_t kReplacement = 0xFFFD;
+constexpr char32_t kReplacement = 0xFFFD;
 static_assert(sizeof(wchar_t) == sizeof(char32_t), "pugixml is to convert UTF-32 here");
 
 std::optional<std::string> read_whole(const char* path) {
@@ -65,29 +64,38 @@ unsigned shift_of(std::size_t index, const XmlEncoding& encoding) {
   return 8 * static_cast<unsigned>(encoding.big_endian ? encoding.unit_bytes - 1 - index : index);
 }
 
-std::uint32_t unit_at(const std::string& bytes, std::size_t position, const XmlEncoding& encoding) {
-  std::uint32_t unit = 0;
+char32_t unit_at(const std::string& bytes, std::size_t position, const XmlEncoding& encoding) {
+  char32_t unit = 0;
   for (std::size_t i = 0; i < encoding.unit_bytes; ++i) {
-    unit |= std::uint32_t{static_cast<std::uint8_t>(bytes[position + i])} << shift_of(i, encoding);
+    unit |= char32_t{static_cast<unsigned char>(bytes[position + i])} << shift_of(i, encoding);
   }
   return unit;
 }
 
-void append_unit(std::string& bytes, std::uint32_t unit, const XmlEncoding& encoding) {
+void append_unit(std::string& bytes, char32_t unit, const XmlEncoding& encoding) {
   for (std::size_t i = 0; i < encoding.unit_bytes; ++i) {
     bytes += static_cast<char>(unit >> shift_of(i, encoding) & 0xFF);
   }
 }
 
-bool is_character(std::uint32_t code) {
+bool is_character(char32_t code) {
   return code > 0 && code < kCharactersEnd && (code < kHighSurrogates || code >= kSurrogatesEnd);
 }
 
 /// Whether @a unit is the second half of a UTF-16 pair whose first is the last of @a characters.
-bool completes_pair(const std::wstring& characters, std::uint32_t unit) {
-  if (characters.empty() || unit < kLowSurrogates || unit >= kSurrogatesEnd) return false;
-  const auto before = static_cast<std::uint32_t>(characters.back());
-  return before >= kHighSurrogates && before < kLowSurrogates;
+bool completes_pair(const std::u32string& characters, char32_t unit) {
+  return unit >= kLowSurrogates && unit < kSurrogatesEnd && !characters.empty() &&
+         characters.back() >= kHighSurrogates && characters.back() < kLowSurrogates;
+}
+
+std::string to_utf8(const std::u32string& characters) {
+  return pugi::as_utf8(std::wstring(characters.begin(), characters.end()));
+}
+
+/// The characters of UTF-8 text, without what is malformed.
+std::u32string to_characters(const std::string& text) {
+  const std::wstring characters = pugi::as_wide(text);
+  return {characters.begin(), characters.end()};
 }
 
 /// The text of a file as this program handles it: the bytes as they are, or UTF-8 for wide units.
@@ -98,27 +106,26 @@ std::optional<std::string> decode(std::string bytes, const XmlEncoding& encoding
     return bytes.find('\0') == std::string::npos ? std::optional(std::move(bytes)) : std::nullopt;
   }
   if (bytes.size() % encoding.unit_bytes != 0) return std::nullopt;
-  std::wstring characters;
+  std::u32string characters;
   characters.reserve(bytes.size() / encoding.unit_bytes);
   for (std::size_t i = 0; i < bytes.size(); i += encoding.unit_bytes) {
-    std::uint32_t unit = unit_at(bytes, i, encoding);
+    const char32_t unit = unit_at(bytes, i, encoding);
     if (encoding.unit_bytes == 2 && completes_pair(characters, unit)) {
-      const auto high = static_cast<std::uint32_t>(characters.back()) - kHighSurrogates;
-      unit = kSupplementary + (high << kSurrogateBits) + (unit - kLowSurrogates);
-      characters.pop_back();
+      const char32_t high = characters.back() - kHighSurrogates;
+      characters.back() = kSupplementary + (high << kSurrogateBits) + (unit - kLowSurrogates);
+    } else {
+      characters += unit;
     }
-    characters += static_cast<wchar_t>(unit);
   }
   if (!std::all_of(characters.begin(), characters.end(), is_character)) return std::nullopt;
-  return pugi::as_utf8(characters);
+  return to_utf8(characters);
 }
 
 /// The reverse of decode().
 std::string encode(const std::string& text, const XmlEncoding& encoding) {
   if (encoding.unit_bytes == 1) return text;
   std::string bytes;
-  for (const wchar_t character : pugi::as_wide(text)) {
-    auto unit = static_cast<std::uint32_t>(character);
+  for (char32_t unit : to_characters(text)) {
     if (encoding.unit_bytes == 2 && unit >= kSupplementary) {
       unit -= kSupplementary;
       append_unit(bytes, kHighSurrogates + (unit >> kSurrogateBits), encoding);
@@ -129,14 +136,29 @@ std::string encode(const std::string& text, const XmlEncoding& encoding) {
   return bytes;
 }
 
-/// @a value made fit for a file of wide characters: as UTF-8 that encode() can convert.
-std::string to_utf8(const char* value) {
-  std::wstring characters = pugi::as_wide(value);
+/// @a value as it can be stored in a file of @a encoding.
+std::string storable(const char* value, const XmlEncoding& encoding) {
+  if (encoding.unit_bytes == 1) return value;
+  std::u32string characters = to_characters(value);
   std::replace_if(
-      characters.begin(), characters.end(),
-      [](wchar_t character) { return !is_character(static_cast<std::uint32_t>(character)); },
+      characters.begin(), characters.end(), [](char32_t code) { return !is_character(code); },
       kReplacement);
-  return pugi::as_utf8(characters);
+  return to_utf8(characters);
+}
+
+// ---- Structure ----
+
+/// Builds the tree of a document.
+/// @return false, with @a tree empty, when the text is malformed or is not one root element with
+///         nothing but comments, instructions and a DOCTYPE beside it
+bool parse(const std::string& text, pugi::xml_document& tree) {
+  // As a fragment, so that the tree shows all that stands beside the root element.
+  constexpr unsigned kOptions = pugi::parse_default | pugi::parse_fragment;
+  const bool parsed = tree.load_buffer(text.data(), text.size(), kOptions, pugi::encoding_utf8);
+  const pugi::xml_node first = tree.first_child();
+  const bool is_document = parsed && first.type() == pugi::node_element && !first.next_sibling();
+  if (!is_document) tree.reset();
+  return is_document;
 }
 
 // ---- Start tags ----
@@ -203,7 +225,6 @@ std::string XmlNode::get_attribute(const char* name) const {
 
 XmlNodeList XmlNode::select_nodes(const char* xpath) const {
   XmlNodeList list(document_);
-  if (element_ == nullptr) return list;
   try {
     pugi::xpath_node_set found = pugi::xml_node(element_).select_nodes(xpath);
     found.sort();
@@ -236,16 +257,7 @@ int XmlDocument::load(const char* path) {
   if (!bytes) return 0;
   encoding_ = detect_encoding(*bytes);
   std::optional<std::string> text = decode(*std::move(bytes), encoding_);
-  if (!text) return 0;
-
-  // As a fragment, so that the tree shows what stands beside the root element.
-  constexpr unsigned kOptions = pugi::parse_default | pugi::parse_fragment;
-  const bool parsed = tree_->load_buffer(text->data(), text->size(), kOptions, pugi::encoding_utf8);
-  const pugi::xml_node first = tree_->first_child();
-  if (!parsed || first.type() != pugi::node_element || first.next_sibling()) {
-    tree_->reset();
-    return 0;
-  }
+  if (!text || !parse(*text, *tree_)) return 0;
   text_ = *std::move(text);
   return 1;
 }
@@ -260,7 +272,7 @@ int XmlDocument::save(const char* path) {
 void XmlDocument::set_attribute(pugi::xml_node_struct* element, const char* name,
                                 const char* value) {
   pugi::xml_node node(element);
-  const std::string plain = encoding_.unit_bytes == 1 ? value : to_utf8(value);
+  const std::string plain = storable(value, encoding_);
   const std::ptrdiff_t loaded_tag = node.offset_debug();
   std::ptrdiff_t tag = loaded_tag;
   for (auto it = growth_.begin(); it != growth_.lower_bound(loaded_tag); ++it) tag += it->second;

@@ -129,7 +129,7 @@ class Agent:
             return False
         status = dict(line.split(":\t", 1) for line in text.splitlines())
         return (status["State"][0] not in "ZX" and
-                not int(status["SigPnd"], 16) & 1 << signal.SIGKILL - 1)
+                not int(status["ShdPnd"], 16) & 1 << signal.SIGKILL - 1)
 
     def was_killed(self):
         """Whether it was ended by SIGKILL, and by no other signal."""

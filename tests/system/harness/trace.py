@@ -18,7 +18,7 @@ if [ -s {agent_pid} ]; then
     agent=alive
     while read -r key value rest; do
       case "$key $value" in
-        "State: Z" | "State: X" | "SigPnd: "*[13579bdf]??) agent=dead ;;
+        "State: Z" | "State: X" | "ShdPnd: "*[13579bdf]??) agent=dead ;;
       esac
     done <"/proc/$pid/status"
   fi

@@ -608,6 +608,22 @@ def test_the_work_directory_has_no_search_bit(host, serve):
     assert seen == [0o644]
 
 
+def test_a_work_directory_that_is_gone_at_the_end_is_no_failure(host, serve):
+    def remove():
+        host.remove(WORK_DIR)
+
+    # The body of no bytes needs no directory.
+    server = serve({list_path(QUORIN): http_reply(pieces=[remove])})
+    install(host, *MODULES)
+    assert update(host) == FAILED
+    assert host.log_texts() == [*are_current(FIRST, TESSEL),
+                                "[KERNEL] open MD5 template file failed",
+                                f"[KERNEL] check kernel {QUORIN} MD5 failed", ""]
+    assert server.requests() == get_list(*MODULES)
+    assert host.changes() == [RECORDED]
+    host.assert_agent_undisturbed()
+
+
 def test_a_file_in_the_place_of_the_work_directory_fails_the_check_and_goes(configured, server):
     publish_modules(server)
     configured.write(WORK_DIR, "")

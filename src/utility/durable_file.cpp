@@ -123,17 +123,26 @@ bool has_new_name(const Descriptor& file, const Target& target) {
          ours.st_dev == named.st_dev && ours.st_ino == named.st_ino;
 }
 
+/// Reserves space for @a size bytes, without changing the length of the file where the file system
+/// can do that.
+bool reserve(const Descriptor& file, off_t size) {
+  if (size == 0 || ::fallocate(file.get(), FALLOC_FL_KEEP_SIZE, 0, size) == 0) return true;
+  return errno == EOPNOTSUPP && ::posix_fallocate(file.get(), 0, size) == 0;
+}
+
 /// Overwrites the old version. Its space is reserved first, so that a full disk shows while the
-/// old contents are still whole.
-bool write_in_place(const Target& target, const std::string& contents) {
+/// old contents are still whole. The rest of a longer old version is overwritten with line feeds
+/// before it is cut off: to a reader that comes in between, or after a kill, they are blanks.
+bool write_in_place(const Target& target, std::string contents) {
   const Descriptor file(::openat(target.directory.get(), target.name.c_str(), O_RDWR | O_CLOEXEC));
   struct stat old = {};
   if (!file || ::fstat(file.get(), &old) != 0) return false;
   const auto size = static_cast<off_t>(contents.size());
-  if (size > 0 && ::posix_fallocate(file.get(), 0, size) != 0) {
+  if (!reserve(file, size)) {
     [[maybe_unused]] const int ignored = ::ftruncate(file.get(), old.st_size);
     return false;
   }
+  if (size < old.st_size) contents.resize(static_cast<std::size_t>(old.st_size), '\n');
   return write_all(file.get(), contents.data(), contents.size()) == contents.size() &&
          ::ftruncate(file.get(), size) == 0 && ::fsync(file.get()) == 0;
 }

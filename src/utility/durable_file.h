@@ -16,8 +16,9 @@ namespace utility {
 /// stays. A file that did not exist is created with the permissions of any new file.
 ///
 /// A file that is a mount point cannot be renamed over: it alone is written in place, after its
-/// space has been reserved. A crash or an I/O error in the middle can cut it; after a crash its
-/// new version stands whole under the name above.
+/// space has been reserved. A kill between two steps leaves it whole, with line feeds behind its
+/// text where the new version is shorter. A power cut, a kill or an I/O error in the middle of the
+/// write can cut it; after the first two the new version stands whole under the name above.
 ///
 /// No lock is taken. When several processes replace a file at once, one of their versions stays,
 /// whole; calls of the others may return false.

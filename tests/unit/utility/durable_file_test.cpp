@@ -528,10 +528,18 @@ TEST_F(DurableMountedFile, KeepsItsContentsWhenReadOnly) {
 TEST_F(DurableMountedFile, AKillMeanwhileLeavesTheNewVersionWholeBesideIt) {
   const Fault kill = {"", SYS_ftruncate, SECCOMP_RET_KILL_PROCESS};
   EXPECT_EQ(replace_with_faults({kill}, config_, "new"), kCrashed);
-  EXPECT_EQ(read_file(config_), "newnted");
+  EXPECT_EQ(read_file(config_), "new\n\n\n\n");
   EXPECT_EQ(read_file(config_ + ".new"), "new");
   EXPECT_TRUE(replace_durably(config_, "newer"));
   expect_only("newer");
+}
+
+TEST_F(DurableMountedFile, AKillBeforeItIsWrittenLeavesTheOldVersion) {
+  // The first write makes the new version, of one byte; the second replaces the mounted file.
+  const Fault kill = {"", SYS_write, SECCOMP_RET_KILL_PROCESS, 2, BPF_JGT, 1};
+  EXPECT_EQ(replace_with_faults({kill}, config_, "n"), kCrashed);
+  EXPECT_EQ(read_file(config_), "mounted");
+  EXPECT_EQ(read_file(config_ + ".new"), "n");
 }
 
 TEST_F(DurableMountedFile, IsNotTouchedBeforeTheNewVersionIsSafeBesideIt) {

@@ -15,6 +15,7 @@
 using test_support::case_name;
 using test_support::exists;
 using test_support::FakeUname;
+using test_support::FileMount;
 using test_support::gets;
 using test_support::kCutShort;
 using test_support::make_full_directory;
@@ -195,6 +196,7 @@ constexpr ReleaseCase kVersionLengths[] = {
     {"FiveNonDigits", "2.6.18.1-164.5", kCentos, "2.6.18.1", ""},
     {"LettersCount", "4.18rc1-2", kUbuntu, "4.18RC1", "generic"},
     {"UnderscoresCount", "3_10_0_1160_2", kCentos, "3_10_0_1160", ""},
+    {"NeighboursOfTheDigitsCount", "3/10:0/1160:2", kCentos, "3/10:0/1160", ""},
     {"PlusSignsCount", "3+10+0+1160+2", kCentos, "3+10+0+1160", ""},
     {"NonDigitsOnly", "----", kCentos, "---", ""},
     {"NonDigitsInARow", "2..6..18", kCentos, "2..6.", ""},
@@ -453,6 +455,7 @@ INSTANTIATE_TEST_SUITE_P(
            ListCase{"CarriageReturn", kMd5 + "\r\n", 0, 0},
            ListCase{"BlankInFront", " " + kMd5 + "\n", 0, 0},
            ListCase{"BlankBehind", kMd5 + " \n", 0, 0}, ListCase{"NoDigest", "no digest", 0, 0},
+           ListCase{"DigestOfAFileThatCannotBeRead", "-1\n", 0, 0},
            ListCase{"OneLineFeed", "\n", 0, 0},
            ListCase{"TwoLines", kMd5 + "\n" + kMd5 + "\n", -1, -1},
            ListCase{"TwoLinesWithoutTheLastLineFeed", kMd5 + "\nx", -1, -1},
@@ -575,6 +578,15 @@ TEST_F(UpdateKernel, TheRecordIsReplacedByANewFile) {
   EXPECT_EQ(updater_.check_update_kernel("tessel_linux"), 0);
   EXPECT_EQ(read_file(record()), "2.6.32-431");
   EXPECT_EQ(read_file(agent("old_record")), "a longer text than a version\n");
+}
+
+TEST_F(UpdateKernel, ARecordThatCannotBeDeletedIsOverwritten) {
+  write_file(record(), "a longer text than a version\n");
+  const FileMount mount(record(), record());
+  ASSERT_TRUE(mount.mounted());
+  server_.reply(kTesselList, kMd5);
+  EXPECT_EQ(updater_.check_update_kernel("tessel_linux"), 0);
+  EXPECT_EQ(read_file(record()), "2.6.32-431");
 }
 
 TEST_F(UpdateKernel, TheCheckGoesOnWithoutTheRecordsDirectory) {

@@ -120,6 +120,7 @@ const DigestCase kDigests[] = {
     {"InstalledAndOneLineFeed", kMd5 + "\n", "\n", true},
     {"InstalledIsCutAfter1023Characters", kLongLine + "abc\n", kLongLine + "a", false},
     {"InstalledLineFeedAsThe1023rdCharacter", kLongLine + "\n", kLongLine + "\n", false},
+    {"OnePieceOf1023CharactersAnnounced", kMd5 + "\n", kLongLine + "a", true},
     {"TwoPiecesAnnounced", kOtherMd5 + "\n", kLongLine + "ab", false},
     {"LineFeedAnnouncedAsASecondPiece", kOtherMd5 + "\n", kLongLine + "a\n", false},
 };

@@ -25,7 +25,8 @@ esac
 # The suite and server that this machine's own packages come from.
 make_root() {
   local suite mirror
-  suite=$(. /etc/os-release && printf '%s' "$VERSION_CODENAME")
+  # shellcheck source=/dev/null
+  suite=$(sed -n 's/^VERSION_CODENAME=//p' /etc/os-release)
   mirror=$(apt-get indextargets --format "\$(CODENAME) \$(SITE)" 'Created-By: Packages' |
     awk -v suite="$suite" '$1 == suite {print $2; exit}')
   rm -rf "$root"
@@ -43,6 +44,7 @@ enter_root() {
   mount -t proc proc "$root/proc"
   mount --rbind /dev "$root/dev"
   mount -t tmpfs tmp "$root/tmp"
+  # shellcheck disable=SC2016  # the inner shell asks for the number of processors
   env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin HOME=/root LC_ALL=C.UTF-8 \
     setarch i686 chroot "$root" /bin/bash -e -c '
       cd /src

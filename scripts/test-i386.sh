@@ -25,7 +25,6 @@ esac
 # The suite and server that this machine's own packages come from.
 make_root() {
   local suite mirror
-  # shellcheck source=/dev/null
   suite=$(sed -n 's/^VERSION_CODENAME=//p' /etc/os-release)
   mirror=$(apt-get indextargets --format "\$(CODENAME) \$(SITE)" 'Created-By: Packages' |
     awk -v suite="$suite" '$1 == suite {print $2; exit}')

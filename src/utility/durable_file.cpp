@@ -130,21 +130,23 @@ bool reserve(const Descriptor& file, off_t size) {
   return errno == EOPNOTSUPP && ::posix_fallocate(file.get(), 0, size) == 0;
 }
 
+enum class InPlace { kWritten, kUntouched, kCut };
+
 /// Overwrites the old version. Its space is reserved first, so that a full disk shows while the
 /// old contents are still whole. The rest of a longer old version is overwritten with line feeds
 /// before it is cut off: to a reader that comes in between, or after a kill, they are blanks.
-bool write_in_place(const Target& target, std::string contents) {
+InPlace write_in_place(const Target& target, std::string contents) {
   const Descriptor file(::openat(target.directory.get(), target.name.c_str(), O_RDWR | O_CLOEXEC));
   struct stat old = {};
-  if (!file || ::fstat(file.get(), &old) != 0) return false;
+  if (!file || ::fstat(file.get(), &old) != 0) return InPlace::kUntouched;
   const auto size = static_cast<off_t>(contents.size());
   if (!reserve(file, size)) {
-    [[maybe_unused]] const int ignored = ::ftruncate(file.get(), old.st_size);
-    return false;
+    return ::ftruncate(file.get(), old.st_size) == 0 ? InPlace::kUntouched : InPlace::kCut;
   }
   if (size < old.st_size) contents.resize(static_cast<std::size_t>(old.st_size), '\n');
-  return write_all(file.get(), contents.data(), contents.size()) == contents.size() &&
-         ::ftruncate(file.get(), size) == 0 && ::fsync(file.get()) == 0;
+  const bool written = write_all(file.get(), contents.data(), contents.size()) == contents.size() &&
+                       ::ftruncate(file.get(), size) == 0 && ::fsync(file.get()) == 0;
+  return written ? InPlace::kWritten : InPlace::kCut;
 }
 
 bool put_in_place(const Descriptor& file, const Target& target, const std::string& contents) {
@@ -153,12 +155,12 @@ bool put_in_place(const Descriptor& file, const Target& target, const std::strin
   if (::renameat(directory, target.new_name.c_str(), directory, target.name.c_str()) == 0) {
     return ::fsync(directory) == 0;
   }
-  // Until a mount point is rewritten, the new version stands beside it, whole: what a crash cuts
-  // can be restored from there.
-  const bool written =
-      errno == EBUSY && ::fsync(directory) == 0 && write_in_place(target, contents);
-  if (has_new_name(file, target)) remove_new_version(target);
-  return written;
+  // Until a mount point is rewritten, the new version stands beside it, whole: what a crash or an
+  // I/O error cuts can be restored from there.
+  const bool mount_point = errno == EBUSY && ::fsync(directory) == 0;
+  const InPlace result = mount_point ? write_in_place(target, contents) : InPlace::kUntouched;
+  if (result != InPlace::kCut && has_new_name(file, target)) remove_new_version(target);
+  return result == InPlace::kWritten;
 }
 
 }  // namespace

@@ -18,15 +18,16 @@ namespace utility {
 /// A file that is a mount point cannot be renamed over: it alone is written in place, after its
 /// space has been reserved. A kill between two steps leaves it whole, with line feeds behind its
 /// text where the new version is shorter. A power cut, a kill or an I/O error in the middle of the
-/// write can cut it; after the first two the new version stands whole under the name above.
+/// write can cut it: the new version then stands whole under the name above.
 ///
 /// No lock is taken. When several processes replace a file at once, one of their versions stays,
 /// whole; calls of the others may return false.
 ///
 /// @param path  a file, existing or not, in an existing directory; a device is refused
 /// @return true when the new contents are on disk. False when a step failed: the old contents are
-///         unchanged and no new file is left. Only where the very last step fails, the flush of
-///         the directory, the new contents are in place, but a power cut may bring back the old.
+///         unchanged and no new file is left. There are two exceptions: where the very last step
+///         fails, the flush of the directory, the new contents are in place, but a power cut may
+///         bring back the old; and the cut mount point above.
 [[nodiscard]] bool replace_durably(const std::string& path, const std::string& contents);
 
 }  // namespace utility

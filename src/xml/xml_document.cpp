@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <exception>
 #include <optional>
 #include <pugixml.hpp>
 #include <string_view>
@@ -121,9 +122,8 @@ std::optional<std::string> decode(std::string bytes, const XmlEncoding& encoding
   return to_utf8(characters);
 }
 
-/// The reverse of decode().
+/// The reverse of decode() for wide units.
 std::string encode(const std::string& text, const XmlEncoding& encoding) {
-  if (encoding.unit_bytes == 1) return text;
   std::string bytes;
   for (char32_t unit : to_characters(text)) {
     if (encoding.unit_bytes == 2 && unit >= kSupplementary) {
@@ -253,12 +253,17 @@ int XmlDocument::load(const char* path) {
   tree_->reset();
   text_.clear();
   growth_.clear();
-  std::optional<std::string> bytes = read_whole(path);
-  if (!bytes) return 0;
-  encoding_ = detect_encoding(*bytes);
-  std::optional<std::string> text = decode(*std::move(bytes), encoding_);
-  if (!text || !parse(*text, *tree_)) return 0;
-  text_ = *std::move(text);
+  try {
+    std::optional<std::string> bytes = read_whole(path);
+    if (!bytes) return 0;
+    encoding_ = detect_encoding(*bytes);
+    std::optional<std::string> text = decode(*std::move(bytes), encoding_);
+    if (!text || !parse(*text, *tree_)) return 0;
+    text_ = *std::move(text);
+  } catch (const std::exception&) {  // more than memory, or a string, can hold
+    tree_->reset();
+    return 0;
+  }
   return 1;
 }
 
@@ -266,7 +271,10 @@ XmlNode XmlDocument::root() { return {this, tree_->first_child().internal_object
 
 int XmlDocument::save(const char* path) {
   if (text_.empty()) return 0;
-  return utility::replace_durably(path, encode(text_, encoding_)) ? 1 : 0;
+  const bool saved = encoding_.unit_bytes == 1
+                         ? utility::replace_durably(path, text_)
+                         : utility::replace_durably(path, encode(text_, encoding_));
+  return saved ? 1 : 0;
 }
 
 void XmlDocument::set_attribute(pugi::xml_node_struct* element, const char* name,

@@ -542,6 +542,14 @@ TEST_F(DurableMountedFile, AKillBeforeItIsWrittenLeavesTheOldVersion) {
   EXPECT_EQ(read_file(config_ + ".new"), "n");
 }
 
+TEST_F(DurableMountedFile, AnErrorMeanwhileLeavesTheNewVersionWholeBesideIt) {
+  const Fault error = {"", SYS_ftruncate, fail_with(EIO)};
+  EXPECT_EQ(replace_with_faults({error}, config_, "new"), 0);
+  EXPECT_EQ(read_file(config_ + ".new"), "new");
+  EXPECT_TRUE(replace_durably(config_, "newer"));
+  expect_only("newer");
+}
+
 TEST_F(DurableMountedFile, IsNotTouchedBeforeTheNewVersionIsSafeBesideIt) {
   EXPECT_EQ(replace_with_faults({unflushed_directory()}, config_, "new"), 0);
   expect_only("mounted");

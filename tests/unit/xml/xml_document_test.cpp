@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <cstddef>
+#include <limits>
 #include <memory>
 #include <ostream>
 #include <string>
@@ -677,6 +678,16 @@ TEST_F(Xml, AMillionNestedElementsAreNoProblem) {
   text.replace(text.find("'1'"), 3, "'23'");
   EXPECT_TRUE(saved() == text);
   EXPECT_FALSE(load(text.substr(0, text.size() / 2)));
+}
+
+TEST_F(Xml, MoreThanMemoryCanHoldIsNotLoaded) {
+  if (!test_support::in_private_namespace()) GTEST_SKIP() << "mounts need a private namespace";
+  ASSERT_TRUE(load("<a/>"));
+  const std::string path = "/var/log/sparse.xml";  // no disk has files of this size, but memory has
+  write_file(path, "");
+  ASSERT_EQ(::truncate(path.c_str(), std::numeric_limits<off_t>::max()), 0);
+  EXPECT_EQ(document_->load(path.c_str()), 0);
+  EXPECT_EQ(document_->save(path.c_str()), 0) << "nothing is loaded now";
 }
 
 TEST_F(Xml, FiftyMegabytesAreNoProblem) {

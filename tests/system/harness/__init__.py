@@ -9,6 +9,8 @@ nginx.py      a real nginx that publishes files
 scripted.py   a server that misbehaves on purpose
 transfers.py  tables of how a transfer can go
 saves.py      counts how often a file is replaced
+
+Names, set-ups and log lines of one update each: software.py, kernel.py, rules.py, web_server.py.
 """
 
 from .host import (ABORTED, DATA_DIR, FAILED, KILLED, OK, START, TAR, VERSION_FILE, WORK_DIR,

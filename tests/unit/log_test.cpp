@@ -139,12 +139,12 @@ TEST_F(UpdateLog, OnAFullDiskTheLinesAreLost) {
 }
 
 TEST_F(UpdateLog, ANewLogHasThePermissionsOfANewFile) {
-  const ScopedUmask umask(027);
+  const ScopedUmask umask(007);
   CUpdateLog::write_log("message");
-  EXPECT_EQ(mode_of(log_path()), 0640U);
+  EXPECT_EQ(mode_of(log_path()), 0660U);
   ASSERT_EQ(::unlink(log_path().c_str()), 0);
   CUpdateLog::write_space();
-  EXPECT_EQ(mode_of(log_path()), 0640U);
+  EXPECT_EQ(mode_of(log_path()), 0660U);
 }
 
 TEST_F(UpdateLog, TheFileIsOpenedForEachLine) {

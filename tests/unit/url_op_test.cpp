@@ -363,9 +363,9 @@ TEST_F(DownloadStep, WritingWhoseCloseFailsGivesZero) {
 }
 
 TEST_F(DownloadStep, WritingGivesThePermissionsOfANewFile) {
-  const ScopedUmask umask(027);
+  const ScopedUmask umask(007);
   EXPECT_EQ(write("file", "abc", 1, 3), 3U);
-  EXPECT_EQ(mode_of(dir_ / "file"), 0640U);
+  EXPECT_EQ(mode_of(dir_ / "file"), 0660U);
 }
 
 TEST_F(DownloadStep, WritingLeavesNoFileOpen) {

@@ -225,9 +225,9 @@ TEST_F(File, ACopyHasThePermissionsOfANewFile) {
   write_file(dir_ / "target", "old");
   ASSERT_EQ(::chmod((dir_ / "source").c_str(), 04755), 0);
   ASSERT_EQ(::chmod((dir_ / "target").c_str(), 0711), 0);
-  const ScopedUmask umask(027);
+  const ScopedUmask umask(007);
   EXPECT_EQ(copy("source", "target"), CopyResult::kCopied);
-  EXPECT_EQ(mode_of(dir_ / "target"), 0640U);
+  EXPECT_EQ(mode_of(dir_ / "target"), 0660U);
 }
 
 TEST_F(File, ACopyReplacesALinkAndNotWhatItLeadsTo) {

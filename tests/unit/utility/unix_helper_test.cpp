@@ -529,9 +529,9 @@ TEST_P(Copy, TakesFilesOfAnySize) {
 
 TEST_P(Copy, GivesThePermissionsOfANewFile) {
   write_script(dir_ / "source", "");
-  const ScopedUmask umask(027);
+  const ScopedUmask umask(007);
   EXPECT_EQ(copy("source", "target"), 1);
-  EXPECT_EQ(mode_of(dir_ / "target"), 0640U);
+  EXPECT_EQ(mode_of(dir_ / "target"), 0660U);
 }
 
 TEST_P(Copy, CostsTheTargetWhenTheSourceIsMissing) {

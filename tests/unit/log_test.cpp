@@ -21,7 +21,6 @@
 
 namespace {
 
-using test_support::exists;
 using test_support::mode_of;
 using test_support::names_in;
 using test_support::read_file;
@@ -51,7 +50,7 @@ class UpdateLog : public test_support::AgentTest {
 
 TEST_F(UpdateLog, ALineIsTimeStampTwoTabsAndMessage) {
   const ScopedVariable zone("TZ", "NPT-05:45");  // 5:45 hours east of Greenwich
-  constexpr std::time_t kEast = (5 * 60 + 45) * 60;
+  constexpr std::time_t kEast = std::time_t{5 * 60 + 45} * 60;
   const std::time_t before = std::time(nullptr);
   CUpdateLog::write_log("message");
   const std::time_t after = std::time(nullptr);

@@ -81,7 +81,7 @@ TEST(CStr, TrimLeavesOtherBlanksInPlace) {
   const std::string zero(1, '\0');
   for (const std::string& blank : {std::string("\f"), std::string("\v"), std::string("\xa0"),
                                    std::string("\xc2\xa0"), std::string("\xe3\x80\x80"), zero}) {
-    const std::string text = blank + "word" + blank;
+    const std::string text = std::string(blank).append("word").append(blank);
     EXPECT_EQ(trimmed(text), text);
     EXPECT_EQ(trimmed(" " + text + " "), text);
     EXPECT_EQ(trimmed(blank), blank);
@@ -239,9 +239,7 @@ TEST(CStr, NumbersAreReadAsFarAsTheyGo) {
 }
 
 TEST(CStr, TextWithoutANumberGivesZero) {
-  for (const char* const text : {"", " ", "text", "+", "-", "x1",
-                                 "\xa0"
-                                 "1"}) {
+  for (const char* const text : {"", " ", "text", "+", "-", "x1", "\xa0\x31"}) {
     EXPECT_EQ(CStr::atoull(text), 0U) << text;
     EXPECT_EQ(CStr::atoll(text), 0) << text;
     EXPECT_EQ(CStr::atol(text), 0) << text;

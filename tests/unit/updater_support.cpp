@@ -14,7 +14,8 @@ namespace test_support {
 void UpdaterTest::write_config(const Settings& settings) const {
   std::string text = "<?xml version=\"1.0\"?>\n<norvak>\n<Process>\n<Data>\n";
   for (const auto& [name, value] : settings) {
-    text += "<var name=\"" + name + "\" value=\"" + value + "\"/>\n";
+    text.append("<var name=\"").append(name);
+    text.append("\" value=\"").append(value).append("\"/>\n");
   }
   write_file(agent("config.xml"), text + "</Data>\n</Process>\n</norvak>\n");
 }

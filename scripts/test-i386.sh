@@ -31,6 +31,7 @@ make_root() {
   rm -rf "$root"
   quietly debootstrap --arch=i386 --variant=minbase \
     --include="$(IFS=, && printf '%s' "${packages[*]}")" "$suite" "$root" "$mirror"
+  printf '127.0.0.1 localhost\n' >"$root/etc/hosts"
   printf '%s\n' "${packages[*]}" >"$root/complete"
 }
 
@@ -45,7 +46,7 @@ enter_root() {
   mount -t tmpfs tmp "$root/tmp"
   # shellcheck disable=SC2016  # the inner shell asks for the number of processors
   env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin HOME=/root LC_ALL=C.UTF-8 \
-    setarch i686 chroot "$root" /bin/bash -e -c '
+    chroot "$root" /bin/bash -e -c '
       cd /src
       cmake --preset release-i386 >/dev/null
       cmake --build --preset release-i386

@@ -32,6 +32,19 @@ def pytest_configure(config):
         raise pytest.UsageError(f"no executable at the absolute path {updater}")
 
 
+def _is_32_bit(program):
+    with open(program, "rb") as file:
+        return file.read(5)[4:] == b"\x01"  # the class in the head of an ELF file
+
+
+def pytest_collection_modifyitems(config, items):
+    """Where long has 32 bits, a number beyond them becomes the greatest instead of being cut."""
+    if _is_32_bit(config.getoption("--updater")):
+        for item in items:
+            if "narrowed" in item.name:
+                item.add_marker(pytest.mark.skip(reason="long has 32 bits"))
+
+
 @pytest.hookimpl(trylast=True)
 def pytest_sessionfinish(session, exitstatus):
     reporter = session.config.pluginmanager.get_plugin("terminalreporter")

@@ -46,6 +46,12 @@ constexpr long kChown = SYS_fchown32;
 constexpr long kChown = SYS_fchown;
 #endif
 
+#ifdef SYS_ftruncate64  // likewise, with 32-bit lengths
+constexpr long kTruncate = SYS_ftruncate64;
+#else
+constexpr long kTruncate = SYS_ftruncate;
+#endif
+
 /// What happens instead of a system call.
 struct Fault {
   const char* name;
@@ -526,7 +532,7 @@ TEST_F(DurableMountedFile, KeepsItsContentsWhenReadOnly) {
 }
 
 TEST_F(DurableMountedFile, AKillMeanwhileLeavesTheNewVersionWholeBesideIt) {
-  const Fault kill = {"", SYS_ftruncate, SECCOMP_RET_KILL_PROCESS};
+  const Fault kill = {"", kTruncate, SECCOMP_RET_KILL_PROCESS};
   EXPECT_EQ(replace_with_faults({kill}, config_, "new"), kCrashed);
   EXPECT_EQ(read_file(config_), "new\n\n\n\n");
   EXPECT_EQ(read_file(config_ + ".new"), "new");
@@ -543,7 +549,7 @@ TEST_F(DurableMountedFile, AKillBeforeItIsWrittenLeavesTheOldVersion) {
 }
 
 TEST_F(DurableMountedFile, AnErrorMeanwhileLeavesTheNewVersionWholeBesideIt) {
-  const Fault error = {"", SYS_ftruncate, fail_with(EIO)};
+  const Fault error = {"", kTruncate, fail_with(EIO)};
   EXPECT_EQ(replace_with_faults({error}, config_, "new"), 0);
   EXPECT_EQ(read_file(config_ + ".new"), "new");
   EXPECT_TRUE(replace_durably(config_, "newer"));

@@ -1,0 +1,95 @@
+"""Options and fixtures of the fault tests. README.md tells how they work."""
+
+import os
+import pathlib
+import shutil
+import tempfile
+
+import pytest
+
+pytest.register_assert_rewrite("harness", "faults")
+
+from faults import lab as fault_lab, tables  # noqa: E402
+from harness import Nginx  # noqa: E402
+
+_PAGE = pathlib.Path(__file__).parents[2] / "docs/reliability.md"
+
+# Told to ctest as "skipped": nothing could run.
+_ALL_SKIPPED = 77
+
+_summary = []
+
+
+def pytest_addoption(parser):
+    parser.addoption("--updater", default=os.environ.get("NORVAK_UPDATER"),
+                     help="absolute path of the executable under test (or NORVAK_UPDATER)")
+    parser.addoption("--faults", choices=("sample", "all"), default="sample",
+                     help="how many of the faults are tried")
+    parser.addoption("--jobs", type=int, default=1, help="how many runs there are at a time")
+    parser.addoption("--write-tables", action="store_true",
+                     help=f"write the tables of {_PAGE.name} instead of comparing them")
+
+
+def pytest_configure(config):
+    updater = config.getoption("--updater")
+    if not updater or not os.path.isabs(updater) or not os.access(updater, os.X_OK):
+        raise pytest.UsageError(f"no executable: --updater {updater} (an absolute path)")
+    if config.getoption("--write-tables") and config.getoption("--faults") != "all":
+        raise pytest.UsageError("the tables need --faults all")
+
+
+@pytest.hookimpl(trylast=True)
+def pytest_sessionfinish(session, exitstatus):
+    reporter = session.config.pluginmanager.get_plugin("terminalreporter")
+    stats = reporter.stats if reporter else {}
+    ran = any(stats.get(outcome) for outcome in ("passed", "failed", "error"))
+    if exitstatus == 0 and stats.get("skipped") and not ran:
+        session.exitstatus = _ALL_SKIPPED
+
+
+def pytest_terminal_summary(terminalreporter):
+    if _summary:
+        terminalreporter.section("what came of the faults")
+        for line in _summary:
+            terminalreporter.write_line(line)
+
+
+@pytest.fixture(scope="session")
+def lab(request):
+    reason = fault_lab.unavailable()
+    if reason:
+        pytest.skip(reason)
+    fault_lab.adopt_orphans()
+    prefix = tempfile.mkdtemp(prefix="norvak-nginx-")
+    server = Nginx(prefix)
+    yield fault_lab.Lab(request.config.getoption("--updater"), server,
+                        request.config.getoption("--jobs"))
+    server.close()
+    shutil.rmtree(prefix)
+
+
+@pytest.fixture(scope="session")
+def no_unnamed_files(request):
+    """Path of the library that takes unnamed files away."""
+    updater = pathlib.Path(request.config.getoption("--updater"))
+    library = updater.parent / "tests/fault/no_unnamed_files.so"
+    if not library.exists():
+        pytest.skip(f"{library} is missing: build the target no_unnamed_files")
+    return str(library)
+
+
+@pytest.fixture(scope="session")
+def tries_all(request):
+    """Whether all faults are tried, and not a sample."""
+    return request.config.getoption("--faults") == "all"
+
+
+@pytest.fixture(scope="session")
+def page(request):
+    return tables.Document(_PAGE, request.config.getoption("--write-tables"))
+
+
+@pytest.fixture(scope="session")
+def summary():
+    """Lines that are printed at the end."""
+    return _summary

@@ -10,7 +10,7 @@ project=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
   demo_packages=(nginx tar mount util-linux)
   test_packages=(libgtest-dev python3 python3-pytest nginx strace tar mount util-linux)
   fuzz_packages=(clang libclang-rt-dev libgtest-dev)
-  lint_packages=(clang-format-14 clang-tidy-14 shellcheck)
+  lint_packages=(clang-format-14 clang-tidy-14 cppcheck shellcheck)
 }
 
 if [[ -t 1 ]]; then

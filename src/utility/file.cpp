@@ -93,7 +93,7 @@ bool visit_lines(const std::string& path, int limit, const LineVisitor& visit) {
   if (!file) return false;
   std::string buffer(static_cast<std::size_t>(limit) + 1, '\0');
   while (std::fgets(buffer.data(), limit, file.get()) != nullptr) {
-    std::string line(buffer.c_str());
+    std::string line(buffer.data());  // ends at the first zero byte
     remove_line_feed(line);
     if (!visit(line)) break;
   }

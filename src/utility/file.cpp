@@ -85,7 +85,7 @@ std::optional<std::string> read_first_line(const std::string& path, int limit) {
   std::string buffer(static_cast<std::size_t>(limit) + 1, '\0');
   const bool found = std::fgets(buffer.data(), limit, file.get()) != nullptr;
   if (std::ferror(file.get()) != 0) return std::nullopt;
-  return found ? std::string(buffer.c_str()) : std::string();
+  return found ? buffer.substr(0, buffer.find('\0')) : std::string();
 }
 
 bool visit_lines(const std::string& path, int limit, const LineVisitor& visit) {
@@ -93,7 +93,7 @@ bool visit_lines(const std::string& path, int limit, const LineVisitor& visit) {
   if (!file) return false;
   std::string buffer(static_cast<std::size_t>(limit) + 1, '\0');
   while (std::fgets(buffer.data(), limit, file.get()) != nullptr) {
-    std::string line(buffer.data());  // ends at the first zero byte
+    std::string line = buffer.substr(0, buffer.find('\0'));
     remove_line_feed(line);
     if (!visit(line)) break;
   }

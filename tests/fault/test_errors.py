@@ -6,7 +6,7 @@ import pytest
 
 from faults import rules, updates
 from faults.lab import MOUNTED_CONFIG, Fault, Variant
-from faults.tables import ErrorTable, remedy
+from faults.tables import MEND, ErrorTable, remedy
 
 _SAMPLE_STEP = 30
 _LASTING_SAMPLE_STEP = 60
@@ -32,12 +32,14 @@ def calls_to_fail(reference):
 
 
 def sampled(faults, table):
-    """One of the @a faults for each row of the table, and some more."""
+    """Some of the @a faults, and one for each call that the table lists."""
     chosen = faults[::_SAMPLE_STEP]
     for calls in ErrorTable.listed(table).values():
-        name, errors = next(iter(calls.items()))
-        chosen.append(next(fault for fault in faults if fault.call.name == name and
-                           (errors is None or fault.error in errors)))
+        for name, errors in calls.items():
+            fitting = [fault for fault in faults if fault.call.name == name and
+                       (errors is None or fault.error in errors)]
+            assert fitting, f"the run has no {name}: {MEND}"
+            chosen.append(fitting[len(fitting) // 2])
     return chosen
 
 
@@ -69,7 +71,7 @@ def check_listed(table, fault, cells):
     if cells:
         calls = ErrorTable.listed(table).get(cells, {})
         errors = calls.get(fault.call.name, ())
-        assert errors is None or fault.error in errors, f"not in the table: {fault}: {cells}"
+        assert errors is None or fault.error in errors, f"{fault}, not listed: {cells}: {MEND}"
 
 
 @pytest.mark.parametrize("update", updates.UPDATES, ids=lambda update: update.key)

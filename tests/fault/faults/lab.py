@@ -127,11 +127,8 @@ class Host:
             options = [option for injection in injections for option in ("-e", injection)]
             through = (*through, "strace", "-y", "-s", "0", "-o", str(trace),
                        "-e", f"trace={calls.SET}", *options)
-        if self._variant.config_is_mounted:
-            config = self.root / "config.xml"
-            mounts = (*mounts, namespace.bind(config, config))
-        started = self._host.start(*self._update.arguments, mounts=mounts, through=through,
-                                   environment=dict(self._variant.environment))
+        started = self._host.start(*self._update.arguments, mounts=(*self._mounts(), *mounts),
+                                   through=through, environment=dict(self._variant.environment))
         run = started.finish(_RUN_SECONDS)
         _wait_for_group(started.pid)
         made = ()
@@ -166,6 +163,16 @@ class Host:
                 os.kill(pid, signal.SIGKILL)
                 os.waitpid(pid, 0)
         self._host.close()
+
+    def _mounts(self):
+        if self._variant.config_is_mounted:
+            config = self.root / "config.xml"
+            yield namespace.bind(config, config)
+        # Where version_control cannot be read, the updater takes this for the install directory.
+        if os.path.isdir(rules.DEFAULT_ROOT):
+            nothing = self._base / "nothing"
+            nothing.mkdir(exist_ok=True)
+            yield namespace.bind(nothing, rules.DEFAULT_ROOT)
 
     def _new_log_texts(self):
         texts = self._host.log_texts() if self._log_is_whole else []

@@ -21,7 +21,7 @@ _ABORTED = -signal.SIGABRT
 _MORE_CALLS = 60
 
 # Where an install directory is looked for when /var/log/version_control cannot be read.
-_DEFAULT_ROOT = "/usr/local/norvak_agent"
+DEFAULT_ROOT = "/usr/local/norvak_agent"
 
 # By operation, which errors it can meet. "read" stands for all that reads a file.
 _FILE_ERRORS = ("EACCES", "EIO", "ENOMEM")
@@ -179,4 +179,4 @@ def _of_places(fault, disturbed, root):
     if not fault.lasting and not fault.call.path.endswith("/version_control"):
         return [f"it changes {text}" for text in calls.outside(disturbed.made, root)]
     return [f"it changes {text}" for text in calls.outside(disturbed.made, root)
-            if _DEFAULT_ROOT not in text]
+            if DEFAULT_ROOT not in text]

@@ -3,6 +3,9 @@
 import collections
 import re
 
+# What to do when the program, and not the test, is right.
+MEND = "scripts/test-faults.sh --write-tables makes the tables anew"
+
 _NOTHING = "nothing"
 _HEALED = "healed"
 
@@ -72,11 +75,12 @@ class KillTable:
         expected, begin = [], 0
         for points, *cells in rows:
             ends = re.findall(r"`([^`]*)`", points)
-            assert names[begin:begin + 1] == ends[:1], f"{names[begin:begin + 1]} is not {points}"
+            assert names[begin:begin + 1] == ends[:1] and ends[-1] in names, (
+                f"the run has {names[begin:begin + 1]} where the table has {points}: {MEND}")
             end = len(names) - names[::-1].index(ends[-1])
             expected += [tuple(cells)] * (end - begin)
             begin = end
-        assert begin == len(names), f"not in the table: {names[begin:]}"
+        assert begin == len(names), f"the table ends before {names[begin:]}: {MEND}"
         return expected
 
     @staticmethod
@@ -203,8 +207,7 @@ class Document:
                                            self._path.read_text())
             self._path.write_text(page)
         assert self.table(name) == lines, (
-            f"the table {name} of {self._path.name} is not what happens: "
-            "see scripts/test-faults.sh --write-tables")
+            f"the table {name} of {self._path.name} is not what happens: {MEND}")
 
     @staticmethod
     def _pattern(name):

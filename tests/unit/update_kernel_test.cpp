@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "fake_uname.h"
+#include "faults.h"
 #include "test_support.h"
 #include "updater_support.h"
 
@@ -397,11 +398,25 @@ INSTANTIATE_TEST_SUITE_P(
 TEST_F(UpdateKernel, WithoutAListNothingIsVerified) {
   write_file(download_path(), kModule);
   EXPECT_FALSE(updater_.check_download_kernel_md5());
+  EXPECT_EQ(read_file(download_path()), kModule);
+  EXPECT_EQ(log_messages(), Lines());
 }
 
 TEST_F(UpdateKernel, AMissingDownloadIsNotVerified) {
   write_file(list_path(), kMd5);
   EXPECT_FALSE(updater_.check_download_kernel_md5());
+  EXPECT_EQ(log_messages(), Lines());
+}
+
+TEST_F(UpdateKernel, AModuleThatCanOnlyBeReadInPartIsNotVerified) {
+  write_file(list_path(), kMd5 + "\n");
+  write_file(download_path(), kModule);
+  ASSERT_TRUE(updater_.check_download_kernel_md5());
+  {
+    const test_support::ScopedFault fault(test_support::Fault::kReadFails, 3);
+    EXPECT_FALSE(updater_.check_download_kernel_md5());
+  }
+  EXPECT_EQ(log_messages(), Lines());
 }
 
 // The check
@@ -713,6 +728,7 @@ TEST_F(UpdateKernel, WithoutAListNothingIsInstalled) {
   server_.reply(kTesselFile, kModule);
   EXPECT_EQ(updater_.download_kernel("tessel_linux"), -1);
   EXPECT_EQ(log_messages(), Lines({kTesselRefused}));
+  EXPECT_EQ(read_file(download_path()), kModule);
   EXPECT_FALSE(exists(tessel()));
 }
 

@@ -284,7 +284,7 @@ const VerificationCase kVerifications[] = {
     {"TextBehindTheDigest", kMd5 + "  norvak_default_rule.xml\n", false},
     {"TooShort", kMd5.substr(0, 31) + "\n", false},
     {"DigestInTheSecondLine", "\n" + kMd5 + "\n", false},
-    {"DigestBehind127Characters", std::string(127, ' ') + kMd5 + "\n", false},
+    {"DigestBehindManyBlanks", std::string(127, ' ') + kMd5 + "\n", false},
     {"Empty", "", false},
 };
 

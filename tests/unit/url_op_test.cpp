@@ -1,6 +1,7 @@
 #include "url_op.h"
 
 #include <curl/curl.h>
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <signal.h>
@@ -9,6 +10,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cstdarg>
 #include <cstddef>
 #include <cstdio>
 #include <cstdlib>
@@ -42,6 +44,8 @@ constexpr char kNoNamespaces[] = "this host does not allow private mount namespa
 constexpr char kOldContents[] = "old contents, longer than what replaces them\n";
 constexpr std::size_t kDiskBytes = 65536;
 
+std::vector<CURLoption> options_set;
+
 string_list failure_with(int code) {
   return {"CUrlOp::url_down_file: curl_easy_perform failed[" + std::to_string(code) + "]"};
 }
@@ -71,6 +75,23 @@ class Download : public test_support::AgentTest {
 
   HttpServer server_;
 };
+
+}  // namespace
+
+// Stands in front of the library's function for everything in this program, and notes the option.
+#undef curl_easy_setopt
+extern "C" CURLcode curl_easy_setopt(CURL* curl, CURLoption option, ...) {
+  using Setopt = CURLcode (*)(CURL*, CURLoption, ...);
+  static const auto real_setopt = reinterpret_cast<Setopt>(::dlsym(RTLD_NEXT, "curl_easy_setopt"));
+  std::va_list arguments;
+  va_start(arguments, option);
+  void* const value = va_arg(arguments, void*);  // or a long, of the same size
+  va_end(arguments);
+  options_set.push_back(option);
+  return real_setopt(curl, option, value);
+}
+
+namespace {
 
 TEST_F(Download, TheBodyBecomesTheFile) {
   const std::string body("line\r\n\0\xff binary\n", 16);
@@ -237,6 +258,14 @@ TEST_F(Download, AnErrorThatOnlyTheCloseShowsFailsWithCode23) {
     EXPECT_EQ(download(), -1);
   }
   EXPECT_EQ(log_messages(), failure_with(CURLE_WRITE_ERROR));
+}
+
+TEST_F(Download, NothingButTheAddressTheFileAndIpv4IsSetSoThatNothingLimitsItsTime) {
+  server_.reply("/file", "new\n");
+  options_set.clear();
+  EXPECT_EQ(download(), 0);
+  EXPECT_EQ(options_set, (std::vector<CURLoption>{CURLOPT_URL, CURLOPT_WRITEFUNCTION,
+                                                  CURLOPT_WRITEDATA, CURLOPT_IPRESOLVE}));
 }
 
 TEST_F(Download, AServerThatNeverAnswersBlocksTheRun) {

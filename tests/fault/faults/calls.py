@@ -77,7 +77,13 @@ class Call:
     path: str  # absolute; empty when the call is not about a file
     root: str  # the install directory
     name: str
+    turn: int  # 1 for the first call of `syscall` with this name
     text: str  # as strace tells it
+
+    @property
+    def identity(self):
+        """What is the same in every run, unlike `when`."""
+        return self.syscall, self.name, self.turn
 
     @property
     def is_download(self):
@@ -204,6 +210,7 @@ def read(lines, root, work_dir, commands):
     """
     namer = _Namer(root, work_dir, commands)
     counts = collections.Counter()
+    turns = collections.Counter()
     calls = []
     for text in lines:
         match = _CALL.match(text)
@@ -225,8 +232,10 @@ def read(lines, root, work_dir, commands):
         elif not is_inside(path, root) and path != _INSTALL_PATH_FILE:
             if operation not in _CHANGING or operation == "open" and not writes:
                 continue
-        calls.append(Call(syscall, counts[syscall], operation, writes, path, root,
-                          namer.name(operation, writes, path, arguments), text))
+        name = namer.name(operation, writes, path, arguments)
+        turns[syscall, name] += 1
+        calls.append(Call(syscall, counts[syscall], operation, writes, path, root, name,
+                          turns[syscall, name], text))
     return calls
 
 

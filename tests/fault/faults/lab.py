@@ -18,9 +18,9 @@ from . import calls, rules, state, updates
 # A disturbed run ends soon: nothing in it waits for a time to pass.
 _RUN_SECONDS = 30
 
-# Transfers come in pieces whose number depends on the timing. A fault that met another call than
-# the one that was meant is tried again.
-_ATTEMPTS = 6
+# Transfers come in pieces whose number depends on the timing, and with it the number of calls in
+# front of the one that is meant. A fault that met another call is tried again.
+_ATTEMPTS = 8
 
 PAGE_BYTES = 4096
 
@@ -58,10 +58,10 @@ class Fault:
         what = self.error or "kill"
         return f"{what}{' from then on' if self.lasting else ''} at `{self.call.name}`"
 
-    def injection(self):
-        when = f"{self.call.when}{'+' if self.lasting else ''}"
+    def injection(self, when):
+        """The option of strace, for a run in which the call is the one with the number @a when."""
         action = f"error={self.error}" if self.error else "signal=KILL"
-        return f"inject={self.call.syscall}:{action}:when={when}"
+        return f"inject={self.call.syscall}:{action}:when={when}{'+' if self.lasting else ''}"
 
 
 @dataclasses.dataclass(frozen=True)
@@ -219,16 +219,22 @@ class Lab:
         Nothing when the call is one whose number varies, and never came.
         """
         reference = self.reference(update, variant)
+        when = fault.call.when
         for _ in range(_ATTEMPTS):
             with Host(self, update, variant) as host:
-                disturbed = host.run(fault.injection())
-                if not _has_met(fault, disturbed.made):
-                    continue
-                following = host.run()
-                return Disturbance(fault, disturbed, following, tuple(
-                    rules.violations(reference, fault, disturbed, following, str(host.root))))
+                disturbed = host.run(fault.injection(when))
+                if _has_met(fault, disturbed.made):
+                    following = host.run()
+                    return Disturbance(fault, disturbed, following, tuple(
+                        rules.violations(reference, fault, disturbed, following, str(host.root))))
+            when = self._when_in_another_run(fault.call, update, variant) or when
         assert fault.call.varies, f"{fault}: another call was met {_ATTEMPTS} times"
         return None
+
+    def _when_in_another_run(self, call, update, variant):
+        with Host(self, update, variant) as host:
+            made = host.run(traced=True).made
+        return next((one.when for one in made if one.identity == call.identity), None)
 
     def disturb_all(self, update, faults, variant=PLAIN):
         """The disturbances by @a faults, in their order. None of them may break a rule."""
@@ -248,9 +254,9 @@ class Lab:
 def _has_met(fault, made):
     """Whether the fault came to the call that was meant."""
     if not fault.error:
-        return bool(made) and made[-1].name == fault.call.name
-    return any(call.syscall == fault.call.syscall and call.when == fault.call.when and
-               call.name == fault.call.name and "(INJECTED)" in call.text for call in made)
+        return bool(made) and made[-1].identity == fault.call.identity
+    hit = next((call for call in made if "(INJECTED)" in call.text), None)
+    return hit is not None and hit.identity == fault.call.identity
 
 
 def _is_alive(pid):

@@ -80,6 +80,8 @@ class Download : public test_support::AgentTest {
 
 // Stands in front of the library's function for everything in this program, and notes the option.
 #undef curl_easy_setopt
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wvarargs"  // the header, too, has an enumeration in front of "..."
 extern "C" CURLcode curl_easy_setopt(CURL* curl, CURLoption option, ...) {
   using Setopt = CURLcode (*)(CURL*, CURLoption, ...);
   static const auto real_setopt = reinterpret_cast<Setopt>(::dlsym(RTLD_NEXT, "curl_easy_setopt"));
@@ -90,6 +92,7 @@ extern "C" CURLcode curl_easy_setopt(CURL* curl, CURLoption option, ...) {
   options_set.push_back(option);
   return real_setopt(curl, option, value);
 }
+#pragma GCC diagnostic pop
 
 namespace {
 

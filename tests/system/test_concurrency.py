@@ -52,13 +52,6 @@ def only(expected, lines):
     return [line for line in lines if line in expected]
 
 
-def surroundings(host):
-    """What stands beside the install directory."""
-    return {path: path.read_bytes() if path.is_file() else None
-            for path in sorted(host.root.parent.rglob("*"))
-            if host.root not in (path, *path.parents)}
-
-
 # Different types.
 
 
@@ -167,12 +160,12 @@ def test_runs_of_one_type_at_once_end_in_an_orderly_way(host, server, arguments,
     rounds = 10
     for _ in range(rounds):
         prepare(host, server)
-        before = surroundings(host)
+        before = host.surroundings()
         started = [host.start(*arguments, uname=UNAME) for _ in range(3)]
         for run in started:
             assert run.finish() in (OK, FAILED)
         assert {change[1:] for change in host.changes()} <= may_change
-        assert surroundings(host) == before
+        assert host.surroundings() == before
     assert host.log_texts().count("") == 3 * rounds
 
 

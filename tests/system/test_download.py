@@ -6,31 +6,12 @@ import pytest
 
 from harness import (DATA_DIR, FAILED, KILLED, OK, TAR, VERSION_FILE, WORK_DIR, Reply, Step,
                      http_reply, namespace, package, unused_address)
-from harness.software import (GET_PACKAGE, GET_VERSION, NEW_VERSION, PACKAGE_PATH, VERSION_PATH,
+from harness.software import (GET_PACKAGE, GET_VERSION, NEW_VERSION, NO_PACKAGE, NO_VERSION,
+                              NOT_UNPACKED, PACKAGE_PATH, UPDATED, VERSION_LINE, VERSION_PATH,
                               publish_update, settings)
 from harness.transfers import (COULD_NOT_CONNECT, COULD_NOT_RESOLVE, EMPTY_BODIES, ERROR_STATUSES,
                                GOT_NOTHING, STALLED, WHOLE_BODIES, WRITE_ERROR, failing_transfers,
                                transfer_failed)
-
-VERSION_LINE = f"{NEW_VERSION}\n".encode()
-
-UPDATED = ["[SOFT] update norvak agent success", ""]
-NO_VERSION = [
-    "[SOFT] call check_norvak_new_version_exist->download_norvak_version_file faild",
-    "[SOFT] norvak is not need to update, or check new version fail",
-    "",
-]
-NO_PACKAGE = [
-    "[SOFT] call run_update_norvak_agent->download_norvak_update_package failed",
-    "[SOFT] update norvak agent failed",
-    "",
-]
-NOT_UNPACKED = [
-    "call decompress_package failed",
-    "[SOFT] call run_update_norvak_agent->update_now failed",
-    "[SOFT] update norvak agent failed",
-    "",
-]
 
 
 def version_download_failed(host, url, code):

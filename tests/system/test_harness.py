@@ -39,6 +39,21 @@ def test_a_run_reports_the_signal_that_ended_it(make_host_with):
     assert make_host_with("kill -9 $$").update() == Run(KILLED)
 
 
+def test_runs_in_turn_see_what_the_earlier_ones_left(make_host_with):
+    host = make_host_with('cd "$(cat /var/log/version_control)" && echo >>runs\n'
+                          "cat runs >&2; exit 3")
+    assert host.update_in_turn(2) == ([3, 3], b"\n\n\n")
+    assert host.changes() == ["+runs"]
+
+
+def test_a_small_disk_has_the_free_space_and_leaves_its_files(make_host_with):
+    host = make_host_with('cd "$(cat /var/log/version_control)" && cat /dev/zero >big')
+    statuses, _ = host.update_in_turn(1, free_bytes=1 << 16)
+    assert statuses == [1]
+    assert host.changes() == ["+big"]
+    assert host.read("big") == bytes(1 << 16)
+
+
 def test_a_run_that_does_not_end_is_killed_and_fails_the_test(make_host_with):
     host = make_host_with("sleep 60")
     before = time.monotonic()
@@ -148,6 +163,12 @@ def test_the_scripted_server_follows_its_script(scripted_server):
     assert fetch(f"{scripted_server.url}/other") == (404, b"not here\n")
     assert called == [1]
     assert scripted_server.requests() == ["GET /it", "GET /other"]
+
+
+def test_the_scripted_server_gives_one_reply_after_the_other(scripted_server):
+    scripted_server.reply_in_turn("/it", [http_reply(b"first"), http_reply(b"second")])
+    assert [fetch(f"{scripted_server.url}/it") for _ in range(3)] == [
+        (200, b"first"), (200, b"second"), (404, b"not here\n")]
 
 
 def test_closing_the_scripted_server_ends_a_stalled_reply():

@@ -8,6 +8,7 @@ package.py    agent packages and config.xml
 nginx.py      a real nginx that publishes files
 scripted.py   a server that misbehaves on purpose
 transfers.py  tables of how a transfer can go
+updates.py    each update and its requests
 saves.py      counts how often a file is replaced
 
 Names, set-ups and log lines of one update each: software.py, kernel.py, rules.py, web_server.py.

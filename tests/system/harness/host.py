@@ -33,6 +33,7 @@ VERSION_FILE = WORK_DIR + "/new_version"
 START = "start"
 
 _LOG = "runlog/update.log"
+_PAGE_BYTES = 4096
 
 # A line per entry: the digest of a file, the type of anything else; two blanks; the path.
 _LIST_TREE = (r"find . -mindepth 1 ! -type f -printf '%y  %p\n' && "
@@ -258,14 +259,10 @@ class AgentHost:
         @param with_streams False: with standard input, output and error closed
         @param through      a command that runs the updater, such as a tracer
         """
-        variables = {**self._environment(), **(environment or {}), **(uname or {})}
-        if uname:
-            # The sanitizers' library wants to be the first; this one replaces nothing of theirs.
-            variables["ASAN_OPTIONS"] = ":".join(
-                filter(None, [variables.get("ASAN_OPTIONS"), "verify_asan_link_order=0"]))
         return self._start(namespace.command_line(
             [*self.mounts, *mounts], self.start_dir, [*through, self._updater, *args],
-            self._uname_answers() if uname else None), variables, with_streams)
+            self._uname_answers() if uname else None), self._variables(uname, environment),
+            with_streams)
 
     def update_at_once(self, count, *args):
         """Runs @a count updaters at the same time; counts how often each exit status occurred."""
@@ -276,6 +273,32 @@ class AgentHost:
                           self._environment()).finish()
         assert (run.status, run.stderr) == (0, b"")
         return collections.Counter(map(int, run.stdout.split()))
+
+    def update_in_turn(self, count, *args, uname=None, free_bytes=None):
+        """Runs @a count updates one after the other; their exit statuses, and what they printed.
+
+        @param free_bytes  the install directory is a disk of its own, with so much free space
+        """
+        mounts, afterwards = [], ":"
+        if free_bytes:
+            seed, left = self._base / "seed", self._base / "left"
+            seed.mkdir()
+            left.mkdir()
+            mounts = [f"cp -a {self.path}/. {seed}",
+                      namespace.small_disk(self.path, self._used_bytes() + free_bytes),
+                      f"cp -a {seed}/. {self.path}"]
+            afterwards = f"cp -a {self.path}/. {left}"
+        script = f'for i in $(seq {count}); do "$@"; echo $?; done; {afterwards}'
+        preload = [f"LD_PRELOAD={self._uname_answers()}"] if uname else []
+        command = ["sh", "-c", script, "sh", "env", *preload, self._updater, *args]
+        run = self._start(namespace.command_line([*self.mounts, *mounts], self.start_dir, command),
+                          self._variables(uname)).finish()
+        assert run.status == 0, run
+        if free_bytes:
+            shutil.rmtree(seed)
+            shutil.rmtree(self.root)
+            left.rename(self.root)
+        return [int(status) for status in run.stdout.split()], run.stderr
 
     def update_with_private_pids(self, *args):
         """Runs the updater where process ids 0 and -1 mean nobody else's processes.
@@ -336,6 +359,12 @@ class AgentHost:
                       [f"~{name}" for name in after.keys() & before.keys()
                        if after[name] != before[name]])
 
+    def surroundings(self):
+        """The files beside the install directory, and what they hold; directories hold None."""
+        return {path: path.read_bytes() if path.is_file() else None
+                for path in sorted(self._base.rglob("*"))
+                if path != self._trace_file and self.root not in (path, *path.parents)}
+
     # A directory of mode 0644 is closed to the ordinary user who owns it, but not to a run.
 
     def exists(self, name):
@@ -383,11 +412,24 @@ class AgentHost:
         self.write_script("tool/tar", f'exec {shutil.which("tar", path=_PATH)} "$@"')
         self.remember()
 
+    def _used_bytes(self):
+        """How much the install tree takes as a tmpfs."""
+        sizes = [file.stat().st_size for file in self.root.rglob("*") if file.is_file()]
+        return sum(-(-size // _PAGE_BYTES) * _PAGE_BYTES for size in sizes)
+
     def _environment(self):
         variables = {"TZ": log.TZ, "LC_ALL": "C", "PATH": _PATH,
                      "LD_LIBRARY_PATH": "/nonexistent/earlier"}
         passed_on = [name for name in os.environ if name.endswith("SAN_OPTIONS")]
         return {**variables, **{name: os.environ[name] for name in passed_on}}
+
+    def _variables(self, uname, environment=None):
+        variables = {**self._environment(), **(environment or {}), **(uname or {})}
+        if uname:
+            # The sanitizers' library wants to be the first; this one replaces nothing of theirs.
+            variables["ASAN_OPTIONS"] = ":".join(
+                filter(None, [variables.get("ASAN_OPTIONS"), "verify_asan_link_order=0"]))
+        return variables
 
     def _start(self, command, environment, with_streams=True):
         started = RunningUpdater(command, environment, with_streams)

@@ -22,7 +22,7 @@ class Reply:
     closed.
     """
 
-    steps: typing.Sequence[typing.Union[bytes, float, typing.Callable[[], None]]]
+    steps: typing.Iterable[typing.Union[bytes, float, typing.Callable[[], None]]]
     end: str = "close"
 
 
@@ -62,6 +62,10 @@ class ScriptedServer:
     def reply(self, path, reply):
         """Answers requests for @a path (with its leading slash) with @a reply."""
         self._replies[path] = reply
+
+    def reply_in_turn(self, path, replies):
+        """Answers the first request for @a path with the first of @a replies, and so on."""
+        self._replies[path] = iter(replies)
 
     def publish(self, files):
         """Publishes @a files as the nginx does: path without its leading slash to content."""
@@ -127,7 +131,11 @@ class ScriptedServer:
 
     def _answer(self, connection, head):
         path = head.split(b" ")[1].decode()
-        reply = self._replies.get(path) or http_reply(b"not here\n", "404 Not Found")
+        reply = self._replies.get(path)
+        if not isinstance(reply, (Reply, type(None))):
+            with self._changed:
+                reply = next(reply, None)
+        reply = reply or http_reply(b"not here\n", "404 Not Found")
         for step in reply.steps:
             if isinstance(step, bytes):
                 connection.sendall(step)

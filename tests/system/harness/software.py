@@ -15,6 +15,23 @@ GET_PACKAGE = f"GET {PACKAGE_PATH}"
 
 INSTALLED_VERSION = "abcdef3.1.9"
 NEW_VERSION = "abcdef3.1.10"
+VERSION_LINE = f"{NEW_VERSION}\n".encode()
+
+UPDATED = ["[SOFT] update norvak agent success", ""]
+NOT_NEEDED = ["[SOFT] norvak is not need to update, or check new version fail", ""]
+NO_VERSION = [
+    "[SOFT] call check_norvak_new_version_exist->download_norvak_version_file faild", *NOT_NEEDED]
+NO_PACKAGE = [
+    "[SOFT] call run_update_norvak_agent->download_norvak_update_package failed",
+    "[SOFT] update norvak agent failed",
+    "",
+]
+NOT_UNPACKED = [
+    "call decompress_package failed",
+    "[SOFT] call run_update_norvak_agent->update_now failed",
+    "[SOFT] update norvak agent failed",
+    "",
+]
 
 
 def publish_update(nginx, version=NEW_VERSION, files=None):

@@ -1,0 +1,200 @@
+"""A server that does its worst to every update.
+
+Most of it is one run after the other on one host, because none of them may change anything.
+"""
+
+import pytest
+
+from harness import FAILED, OK, Reply, http_reply, kernel, rules, software, web_server
+from harness.kernel import FIRST
+from harness.transfers import (PARTIAL_FILE, WRITE_ERROR, cut_replies, endless, refused_replies,
+                               transfer_failed)
+from harness.updates import (AGENT_REQUESTS, IDENTIFICATION, KERNEL, KERNEL_LIST, KERNEL_MODULE,
+                             PACKAGE, PACKAGE_ALONE, PROGRAM, REQUESTS, RULE_FILE, RULE_LIST,
+                             VERSION, WEB_SERVER)
+
+ALL_REQUESTS = [*AGENT_REQUESTS, *REQUESTS]
+FIRST_REQUESTS = [request for request in ALL_REQUESTS if request.values[0].index == 0]
+
+PAGE = b"<html>\n<p>sorry</p>\n</html>\n"
+
+STATUSES = [200, 201, 206, 226, 299, 300, 399, 400, 401, 405, 407, 408, 416, 421, 426, 429, 451,
+            499, 501, 502, 504, 511, 599, 600, 999]
+
+FREE_BYTES = 1 << 18
+
+
+@pytest.fixture
+def serve(host, scripted_server):
+    """Makes the host one on which everything of the update is outdated; offers the new."""
+    def serve_update(request):
+        update = request.update
+        update.publish(scripted_server)
+        if request is IDENTIFICATION:
+            # Any text passes for one. A program that is none keeps the run from installing it.
+            web_server.publish_build(scripted_server, program=PAGE)
+        host.configure(**{update.setting: scripted_server.url}, **update.settings)
+        update.prepare(host)
+        return scripted_server
+
+    return serve_update
+
+
+def by_run(texts):
+    """The lines of the log as a list for each run."""
+    runs = [[]]
+    for text in texts:
+        runs[-1].append(text)
+        if text == "":
+            runs.append([])
+    assert runs.pop() == []
+    return runs
+
+
+def log_of(host, server, request, code):
+    """The log of a run in which libcurl's result at @a request is @a code."""
+    return [transfer_failed(code) if line is None else line.format(url=server.url, root=host.path)
+            for line in request.broken]
+
+
+def page_log(request):
+    return web_server.REFUSED if request is IDENTIFICATION else request.page
+
+
+def assert_all_fail(host, server, request, replies, logs):
+    """Each of @a replies makes a run fail with its log and change nothing; then one succeeds.
+
+    @param replies, logs  by the reply's name
+    """
+    update, count = request.update, len(replies)
+    surroundings = host.surroundings()
+    server.reply_in_turn(request.path, replies.values())
+    statuses, errors = host.update_in_turn(count, *update.arguments, uname=update.uname)
+    assert dict(zip(replies, by_run(host.log_texts()))) == logs
+    assert statuses == count * [FAILED.status]
+    # Whatever can be read as an identification is new, and the program is fetched.
+    assert server.requests() == sum((update.requests if log == web_server.REFUSED
+                                     else request.requests for log in logs.values()), [])
+    # A package that was fetched but is none: the agent has been stopped, and is started again.
+    unpacked = sum(log == software.NOT_UNPACKED for log in logs.values())
+    assert [step.who for step in host.trace()] == unpacked * ["tool/tar", "startup.sh"]
+    assert errors == b"" or unpacked
+    record = [f"+{kernel.RECORD}"] if update is KERNEL else []
+    assert host.changes() == record + (["-norvak.pid"] if unpacked else [])
+    assert host.agent.was_killed() if unpacked else host.agent.is_alive()
+    assert host.surroundings() == surroundings
+
+    update.publish(server)
+    assert host.update(*update.arguments, uname=update.uname) == OK
+    assert by_run(host.log_texts())[-1] == update.log
+    assert set(update.changes) <= set(host.changes())
+
+
+@pytest.mark.parametrize("request_", ALL_REQUESTS)
+def test_what_is_no_reply_ends_the_run(host, serve, request_):
+    server = serve(request_)
+    cases = refused_replies(request_.body)
+    assert_all_fail(host, server, request_, {name: reply for name, (reply, _) in cases.items()},
+                    {name: log_of(host, server, request_, code)
+                     for name, (_, code) in cases.items()})
+
+
+@pytest.mark.parametrize("request_", FIRST_REQUESTS)
+def test_a_reply_cut_at_any_offset_is_not_taken_for_whole(host, serve, request_):
+    server = serve(request_)
+    cases = cut_replies()
+    empty = web_server.REFUSED if request_ is IDENTIFICATION else request_.empty
+    assert_all_fail(host, server, request_, {name: reply for name, (reply, _) in cases.items()},
+                    {name: empty if code is None else log_of(host, server, request_, code)
+                     for name, (_, code) in cases.items()})
+
+
+def pages(server, good):
+    """Replies whose body is a page of several lines, by name; none is more than its body.
+
+    @param good  path of a file that would do; the server has one under /good
+    """
+    address = f"127.0.0.1:{server.port}"
+    redirects = [(302, target) for target in (
+        "/good", f"{server.url}/good", f"ftp://{address}/good", f"gopher://{address}/1good",
+        f"dict://{address}/d:good", f"tftp://{address}/good", f"file://{good}")]
+    redirects += [(status, f"file://{good}") for status in (301, 303, 305, 307, 308)]
+    return {
+        **{f"{status}": http_reply(PAGE, f"{status} Status") for status in STATUSES},
+        **{f"{status} to {target}": http_reply(PAGE, f"{status} Moved", [f"Location: {target}"])
+           for status, target in redirects},
+        "a page to be replaced": http_reply(PAGE, headers=[f"Refresh: 0; url=file://{good}"]),
+        "a challenge": http_reply(
+            PAGE, "401 Unauthorized", ["WWW-Authenticate: Basic realm=updates"]),
+        "an invitation to try again": http_reply(PAGE, "503 Busy", ["Retry-After: 0"]),
+        "another protocol from now on": Reply(
+            [b"HTTP/1.1 101 Switching Protocols\r\n\r\n", *http_reply(PAGE).steps]),
+    }
+
+
+@pytest.mark.parametrize("request_", FIRST_REQUESTS)
+def test_a_page_is_a_page_whatever_its_status_and_headers(host, serve, request_):
+    server = serve(request_)
+    good = host.start_dir / "good"
+    good.write_bytes(request_.body)
+    server.reply("/good", http_reply(request_.body))
+    replies = pages(server, good)
+    assert_all_fail(host, server, request_, replies, dict.fromkeys(replies, page_log(request_)))
+
+
+@pytest.mark.parametrize("request_", ALL_REQUESTS)
+def test_an_endless_body_is_bounded_by_the_disk(host, serve, request_):
+    server = serve(request_)
+    server.reply_in_turn(request_.path, [
+        endless(b"HTTP/1.1 200 OK\r\n\r\n", b"x" * 65536),
+        endless(b"HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n",
+                b"10000\r\n%s\r\n" % (b"x" * 65536)),
+        http_reply(b"x" * 65536, length=1 << 62)])
+    # A log that has begun has the rest of its page, whatever fills the disk.
+    host.write("runlog/update.log", "\n")
+    surroundings = host.surroundings()
+    update = request_.update
+    assert host.update_in_turn(3, *update.arguments, uname=update.uname, free_bytes=FREE_BYTES) == (
+        3 * [FAILED.status], b"")
+    log = log_of(host, server, request_, WRITE_ERROR)
+    assert by_run(host.log_texts()[1:]) == [log, log, log_of(host, server, request_, PARTIAL_FILE)]
+    assert host.changes() == ([f"+{kernel.RECORD}"] if update is KERNEL else [])
+    assert host.surroundings() == surroundings
+    host.assert_agent_undisturbed()
+
+
+# A length that is too short cuts the body, and nobody can tell.
+
+
+@pytest.mark.parametrize("request_, log, requests", [
+    pytest.param(VERSION, software.NOT_NEEDED, 1, id="version"),
+    pytest.param(PACKAGE, software.NOT_UNPACKED, 2, id="package"),
+    pytest.param(PACKAGE_ALONE, software.NOT_UNPACKED, 1, id="package, by hand"),
+    pytest.param(KERNEL_LIST, kernel.was_refused(FIRST), 2, id="MD5 list of a module"),
+    pytest.param(KERNEL_MODULE, kernel.was_refused(FIRST), 2, id="module"),
+    pytest.param(RULE_LIST, rules.REFUSED, 2, id="MD5 of the rules"),
+    pytest.param(RULE_FILE, rules.REFUSED, 2, id="rules"),
+])
+def test_a_body_cut_by_its_length_is_refused(host, serve, request_, log, requests):
+    server = serve(request_)
+    server.reply(request_.path, http_reply(request_.body, length=6))
+    update = request_.update
+    assert host.update(*update.arguments, uname=update.uname).status == FAILED.status
+    assert host.log_texts() == log
+    assert server.requests() == update.requests[:requests]
+    assert host.changes() == (["-norvak.pid"] if log == software.NOT_UNPACKED else
+                              [f"+{kernel.RECORD}"] if update is KERNEL else [])
+
+
+@pytest.mark.parametrize("request_, file", [
+    pytest.param(IDENTIFICATION, web_server.IDENTIFICATION, id="identification"),
+    pytest.param(PROGRAM, web_server.PROGRAM, id="program"),
+])
+def test_a_web_server_cut_by_its_length_is_installed(host, serve, request_, file):
+    server = serve(request_)
+    web_server.publish_build(server)
+    server.reply(request_.path, http_reply(request_.body, length=6))
+    assert host.update(*WEB_SERVER.arguments) == OK
+    assert host.log_texts() == WEB_SERVER.log
+    assert host.changes() == WEB_SERVER.changes
+    assert host.read(file) == request_.body[:6]

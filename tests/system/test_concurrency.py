@@ -1,6 +1,9 @@
 """Several runs at once on one install directory."""
 
 import collections
+import contextlib
+import re
+import signal
 import threading
 import time
 
@@ -8,7 +11,8 @@ import pytest
 
 from harness import FAILED, OK, Reply, http_reply, kernel, package, rules, web_server
 from harness.kernel import FIRST, TESSEL, UNAME
-from harness.software import GET_PACKAGE, GET_VERSION, PACKAGE_PATH, VERSION_PATH, settings
+from harness.software import (GET_PACKAGE, GET_VERSION, NOT_NEEDED, PACKAGE_PATH, UPDATED,
+                              VERSION_PATH, settings)
 from harness.transfers import PARTIAL_FILE, transfer_failed
 
 SOFT_ARGUMENTS = ["0", "0"]
@@ -210,3 +214,138 @@ def test_a_module_is_not_taken_for_another_that_a_second_run_fetches(host, scrip
                 if host.exists(kernel.installed(name))}
     assert [name for name, content in contents.items()
             if content not in (OLD_MODULE, kernel.new(name))] == []
+
+
+# Two hundred runs of all types, each type forty times, the agent software automatic and by hand.
+
+BY_HAND = ["0", "1"]
+TWO_HUNDRED = 40 * [SOFT_ARGUMENTS, BY_HAND, ["1"], WEB_SERVER_ARGUMENTS, ["3"]]
+
+# How an automatic run ends that meets a version of fewer than six characters, such as the empty one
+# that a run by hand records, or that of a version file which another run has taken away.
+TOO_SHORT = 128 + signal.SIGABRT
+
+VERSION_SETTING = re.compile(rb'(name="version" value=")(?:abcdef3\.1\.9|abcdef3\.1\.10|)"')
+
+
+@pytest.fixture
+def crowded_host(host, server):
+    """A host with everything outdated and a long config.xml; its scripts do not write a trace."""
+    publish_all(server)
+    prepare(host, server)
+    host.configure(*((f"setting {i}", "x" * 50) for i in range(300)), **settings(server.url),
+                   kernel_update_host=server.url, nginx_update_host=server.url)
+    host.write("startup.sh", "#!/bin/sh\n", mode=0o755)
+    host.write("tool/tar", '#!/bin/sh\nexec tar "$@"\n', mode=0o755)
+    host.remember()
+    return host
+
+
+@contextlib.contextmanager
+def config_is_always_whole(host):
+    """Reads config.xml over and over during a block: always the same but for the version."""
+    def read():
+        return VERSION_SETTING.sub(rb"\1", host.read("config.xml"))
+
+    before, ended, wrong = read(), threading.Event(), []
+
+    def watch():
+        while not ended.wait(0.002):
+            try:
+                found = read()
+            except OSError as error:
+                found = error
+            if found != before:
+                wrong.append(found)
+
+    watcher = threading.Thread(target=watch)
+    watcher.start()
+    try:
+        yield
+    finally:
+        ended.set()
+        watcher.join()
+    assert wrong == []
+    assert read() == before
+
+
+def by_type(statuses):
+    """The statuses of the two hundred runs: automatic, by hand, kernel, web server, rules."""
+    return [collections.Counter(statuses[i::5]) for i in range(5)]
+
+
+def assert_all_new(host):
+    assert {name: host.read(kernel.installed(name)) for name in kernel.MODULES} == {
+        name: kernel.new(name) for name in kernel.MODULES}
+    assert host.read(kernel.RECORD).decode() == kernel.VERSION
+    assert host.read(rules.RULES) == rules.NEW_RULES
+    assert host.read(web_server.PROGRAM) == web_server.NEW_PROGRAM
+    assert host.read(web_server.IDENTIFICATION) == web_server.NEW_LINE
+
+
+ALL_NEW = sorted([f"+{kernel.RECORD}", "-norvak.pid", "~config.xml", f"~{rules.RULES}",
+                  f"~{web_server.PROGRAM}", f"~{web_server.IDENTIFICATION}",
+                  *(f"~{kernel.installed(name)}" for name in kernel.MODULES)])
+
+
+def test_two_hundred_runs_under_a_lock_for_each_type_do_all_their_work(crowded_host):
+    """As the documents advise. Only the order of the runs is left to chance.
+
+    Everything installed is whole and verified at the end, config.xml is so at any time, and the log
+    has all lines of all runs. Two things depend on the order: an automatic run behind one by hand
+    meets an empty version, and a rule update that looks for a module while the kernel update
+    replaces it has nothing to do.
+    """
+    host = crowded_host
+    with config_is_always_whole(host):
+        statuses, errors = host.update_at_once(*TWO_HUNDRED, uname=UNAME, locked=True)
+    automatic, *others, rule = by_type(statuses)
+    assert others == [{0: 40}, {0: 40}, {0: 1, 255: 39}]
+    assert rule.keys() <= {0, 255} and rule[0] > 0
+    assert automatic.keys() <= {0, 255, TOO_SHORT} and automatic[0] <= 1
+    assert errors.count(b"terminate called") == automatic[TOO_SHORT]
+    assert b"out_of_range" in errors or not automatic[TOO_SHORT]
+
+    expected = collections.Counter({"": 200 - automatic[TOO_SHORT]})
+    for count, log in [(40 + automatic[0], UPDATED), (automatic[255], NOT_NEEDED),
+                       (1, kernel.were_updated(*kernel.MODULES)),
+                       (39, kernel.are_current(*kernel.MODULES)), (1, web_server.UPDATED),
+                       (39, web_server.NOT_NEW), (rule[0], rules.UPDATED),
+                       (rule[255], rules.NOTHING_TO_DO)]:
+        expected.update({line: count for line in log if line})
+    assert collections.Counter(host.log_texts()) == +expected
+    assert_all_new(host)
+    # The work directory of an automatic run that ended at the version stays until the next run.
+    assert [change for change in host.changes() if "update_norvak_soft" not in change] == ALL_NEW
+    assert host.agent.was_killed()
+
+
+def test_two_hundred_runs_without_a_lock_harm_nothing_that_the_next_run_does_not_heal(crowded_host):
+    """Runs of one type share a work directory, and most of them fail over it.
+
+    Guaranteed all the same: no run crashes, no line of the log is torn, config.xml is whole at any
+    time, nothing changes but what these types install, and nothing outside the install directory.
+    Not guaranteed, because one run may replace the download of another between check and move:
+    that a module, rule file or program is there, or is what its name says, when the last run has
+    ended. One more run makes modules and rules right, and the web server too, once it cannot take
+    its identification for current.
+    """
+    host = crowded_host
+    surroundings = host.surroundings()
+    with config_is_always_whole(host):
+        statuses, _ = host.update_at_once(*TWO_HUNDRED, uname=UNAME)
+    automatic, *others = by_type(statuses)
+    assert automatic.keys() <= {0, 255, TOO_SHORT}
+    assert all(found.keys() <= {0, 255} for found in others)
+    assert host.log_texts().count("") == 200 - automatic[TOO_SHORT]
+    may_change = {change[1:] for change in ALL_NEW}
+    assert {change[1:] for change in host.changes()
+            if not change.startswith("+update_norvak_")} <= may_change
+    assert host.surroundings() == surroundings
+
+    host.write(web_server.IDENTIFICATION, web_server.OLD_LINE)
+    for arguments in (BY_HAND, ["1"], WEB_SERVER_ARGUMENTS, ["3"]):
+        assert host.update(*arguments, uname=UNAME) == OK
+    assert_all_new(host)
+    assert host.changes() == ALL_NEW
+    assert host.agent.was_killed()

@@ -107,7 +107,7 @@ def test_a_log_that_is_a_link_is_written_to_where_it_points(host):
 
 
 def test_fifty_runs_at_once_keep_every_line_whole(host):
-    assert host.update_at_once(50, "0", "0") == {255: 50}
+    assert host.update_at_once(*50 * [["0", "0"]]) == (50 * [255], b"")
     texts = host.log_texts()
     assert sorted(texts) == 50 * [""] + 50 * [
         f"[SOFT] call get_update_method function failed, config path: {host.path}/config.xml"

@@ -1,6 +1,5 @@
 """A host with an installed agent, and the runs of the updater on it."""
 
-import collections
 import contextlib
 import dataclasses
 import fcntl
@@ -264,15 +263,24 @@ class AgentHost:
             self._uname_answers() if uname else None), self._variables(uname, environment),
             with_streams)
 
-    def update_at_once(self, count, *args):
-        """Runs @a count updaters at the same time; counts how often each exit status occurred."""
-        one = shlex.join([self._updater, *args])
-        script = (f"for i in $(seq {count}); do {one} & pids=\"$pids $!\"; done\n"
-                  "for pid in $pids; do wait $pid; echo $?; done")
-        run = self._start(namespace.command_line(self.mounts, self.start_dir, ["sh", "-c", script]),
-                          self._environment()).finish()
-        assert (run.status, run.stderr) == (0, b"")
-        return collections.Counter(map(int, run.stdout.split()))
+    def update_at_once(self, *commands, uname=None, locked=False):
+        """Runs an updater for each list of arguments, all at the same time.
+
+        Returns their exit statuses (128 and the number of the signal that ended one), and what they
+        printed to standard error.
+
+        @param locked  take a lock around each run, one for each update type
+        """
+        lock = f"flock --close {self._base}/lock.$1 " if locked else ""
+        preload = f"env LD_PRELOAD={self._uname_answers()} " if uname else ""
+        start = f'start() {{ {lock}{preload}{self._updater} "$@" & pids="$pids $!"; }}'
+        script = [start, *(f"start {shlex.join(command)}" for command in commands),
+                  "for pid in $pids; do wait $pid; echo $?; done"]
+        run = self._start(
+            namespace.command_line(self.mounts, self.start_dir, ["sh", "-c", "\n".join(script)]),
+            self._variables(uname)).finish()
+        assert run.status == 0, run
+        return [int(status) for status in run.stdout.split()], run.stderr
 
     def update_in_turn(self, count, *args, uname=None, free_bytes=None):
         """Runs @a count updates one after the other; their exit statuses, and what they printed.

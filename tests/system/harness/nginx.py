@@ -22,7 +22,7 @@ worker_processes 1;
 {user}
 pid {prefix}/nginx.pid;
 error_log {prefix}/error.log;
-events {{ worker_connections 256; }}
+events {{ worker_connections 512; }}
 http {{
   log_format request '$request_method $request_uri';
   access_log {prefix}/access.log request;

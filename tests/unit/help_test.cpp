@@ -1,6 +1,8 @@
 #include "help.h"
 
+#include <fcntl.h>
 #include <signal.h>
+#include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -10,12 +12,15 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <climits>
 #include <cstddef>
+#include <cstdint>
 #include <filesystem>
 #include <functional>
 #include <optional>
 #include <string>
+#include <utility>
 
 #include "faults.h"
 #include "test_support.h"
@@ -28,7 +33,9 @@ using test_support::AgentTest;
 using test_support::exists;
 using test_support::Fault;
 using test_support::FileMount;
+using test_support::grow_file;
 using test_support::IdleProcess;
+using test_support::kTwoGib;
 using test_support::mode_of;
 using test_support::names_in;
 using test_support::read_file;
@@ -404,6 +411,32 @@ TEST_F(RenameFile, ADirectoryIsNotMoved) {
 
 // Removing files and trees.
 
+/// One file system mounted over another, so that both are seen as one. The numbers of the lower
+/// one's files get their highest bit set, where the host can do that.
+class Overlay {
+ public:
+  Overlay(const std::string& lower, const std::string& upper, std::string mount_point)
+      : mount_point_(std::move(mount_point)) {
+    const std::string changes = upper + "/changes";
+    const std::string work = upper + "/work";
+    const std::string options =
+        "xino=on,userxattr,lowerdir=" + lower + ",upperdir=" + changes + ",workdir=" + work;
+    mounted_ = ::mkdir(changes.c_str(), 0755) == 0 && ::mkdir(work.c_str(), 0755) == 0 &&
+               ::mount("norvak_test", mount_point_.c_str(), "overlay", 0, options.c_str()) == 0;
+  }
+  ~Overlay() {
+    if (mounted_) (void)::umount2(mount_point_.c_str(), MNT_DETACH);
+  }
+  Overlay(const Overlay&) = delete;
+  Overlay& operator=(const Overlay&) = delete;
+
+  [[nodiscard]] bool mounted() const { return mounted_; }
+
+ private:
+  std::string mount_point_;
+  bool mounted_ = false;
+};
+
 class RemoveFile : public testing::Test {
  protected:
   [[nodiscard]] int remove(const std::string& name) const {
@@ -412,6 +445,22 @@ class RemoveFile : public testing::Test {
 
   void make_link(const std::string& target, const std::string& name) const {
     ASSERT_EQ(::symlink(target.c_str(), (dir_ / name).c_str()), 0);
+  }
+
+  void make_dated_2040(const std::string& name) const {
+    constexpr timespec kTime = {std::int64_t{2208988800}, 0};
+    constexpr std::array<timespec, 2> kTimes = {kTime, kTime};
+    ASSERT_EQ(::utimensat(AT_FDCWD, (dir_ / name).c_str(), kTimes.data(), 0), 0);
+    struct stat status = {};
+    ASSERT_EQ(::stat((dir_ / name).c_str(), &status), 0);
+    if (status.st_mtime != kTime.tv_sec)
+      GTEST_SKIP() << "this host's file system has no times after 2038";
+  }
+
+  [[nodiscard]] std::uint64_t inode_of(const std::string& name) const {
+    struct stat status = {};
+    EXPECT_EQ(::stat((dir_ / name).c_str(), &status), 0);
+    return status.st_ino;
   }
 
   void make_socket(const std::string& name) const {
@@ -519,6 +568,39 @@ TEST_F(RemoveFile, EntriesWithoutATypeAreTakenForFiles) {
   }
   EXPECT_TRUE(exists(dir_ / "tree/sub/file"));
   EXPECT_EQ(remove("tree"), 0) << "with the types";
+}
+
+TEST_F(RemoveFile, FilesOver2GibAreDeleted) {
+  for (const char* const name : {"file", "tree/file"}) {
+    write_file(dir_ / name, "");
+    grow_file(dir_ / name, kTwoGib);
+  }
+  EXPECT_EQ(remove("file"), 0);
+  EXPECT_EQ(remove("tree"), 0);
+  EXPECT_EQ(names_in(dir_.path()), string_list());
+}
+
+TEST_F(RemoveFile, ATreeFromAfter2038IsDeleted) {
+  write_file(dir_ / "tree/sub/file", "");
+  for (const char* const name : {"tree/sub/file", "tree/sub", "tree"}) make_dated_2040(name);
+  if (IsSkipped()) return;
+  EXPECT_EQ(remove("tree"), 0);
+  EXPECT_EQ(names_in(dir_.path()), string_list());
+}
+
+TEST_F(RemoveFile, EntriesWithInodeNumbersOf64BitsAreDeleted) {
+  for (const char* const name : {"lower", "upper", "merged"})
+    ASSERT_EQ(::mkdir((dir_ / name).c_str(), 0755), 0);
+  const SmallDisk lower(dir_ / "lower", kDiskBytes);
+  const SmallDisk upper(dir_ / "upper", kDiskBytes);
+  if (!lower.mounted() || !upper.mounted()) GTEST_SKIP() << kNoNamespaces;
+  write_file(dir_ / "lower/tree/sub/file", "");
+  write_file(dir_ / "lower/tree/file", "");
+  const Overlay overlay(dir_ / "lower", dir_ / "upper", dir_ / "merged");
+  if (!overlay.mounted() || inode_of("merged/tree/file") <= UINT32_MAX)
+    GTEST_SKIP() << "this host has no inode numbers of more than 32 bits to offer";
+  EXPECT_EQ(remove("merged/tree"), 0);
+  EXPECT_EQ(names_in(dir_ / "merged"), string_list());
 }
 
 TEST_F(RemoveFile, AFailureEndsTheRemovalAndIsTold) {

@@ -21,6 +21,9 @@
 
 namespace {
 
+using test_support::end_of;
+using test_support::grow_file;
+using test_support::kTwoGib;
 using test_support::mode_of;
 using test_support::names_in;
 using test_support::read_file;
@@ -73,6 +76,14 @@ TEST_F(UpdateLog, LinesAreAppended) {
   CUpdateLog::write_log("first");
   CUpdateLog::write_log("second");
   EXPECT_EQ(log_without_times(), "]\t\tline\n]\t\tfirst\n]\t\tsecond\n");
+}
+
+TEST_F(UpdateLog, ALogOver2GibIsAppendedTo) {
+  write_file(log_path(), "");
+  grow_file(log_path(), kTwoGib);
+  CUpdateLog::write_log("message");
+  CUpdateLog::write_space();
+  EXPECT_EQ(end_of(log_path(), 12), "]\t\tmessage\n\n");
 }
 
 TEST_F(UpdateLog, AnEmptyLineSeparatesRuns) {

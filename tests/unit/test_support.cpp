@@ -236,6 +236,24 @@ std::string read_file(const std::string& path) {
   return contents.str();
 }
 
+std::string end_of(const std::string& path, std::size_t bytes) {
+  std::ifstream in(path, std::ios::binary);
+  std::string end(bytes, '\0');
+  in.seekg(-static_cast<std::streamoff>(bytes), std::ios::end);
+  in.read(end.data(), static_cast<std::streamsize>(bytes));
+  EXPECT_FALSE(in.fail()) << path;
+  return end;
+}
+
+void grow_file(const std::string& path, off_t size) {
+  ASSERT_EQ(::truncate(path.c_str(), size), 0) << path;
+}
+
+off_t size_of(const std::string& path) {
+  struct stat status = {};
+  return ::stat(path.c_str(), &status) == 0 ? status.st_size : -1;
+}
+
 bool exists(const std::string& path) { return ::access(path.c_str(), F_OK) == 0; }
 
 mode_t mode_of(const std::string& path) {

@@ -150,6 +150,18 @@ void write_script(const std::string& path, const std::string& commands);
 /// The contents of @a path; fails the test when it cannot be read.
 std::string read_file(const std::string& path);
 
+/// The last @a bytes of @a path, which is at least so long.
+std::string end_of(const std::string& path, std::size_t bytes);
+
+/// Lengthens a file to @a size bytes. What is added takes no disk space.
+void grow_file(const std::string& path, off_t size);
+
+/// The smallest size of a file that 32 bits with a sign cannot hold.
+inline constexpr off_t kTwoGib = off_t{1} << 31;
+
+/// The size of @a path in bytes, -1 where nothing is.
+off_t size_of(const std::string& path);
+
 bool exists(const std::string& path);
 
 /// The permission bits of @a path.

@@ -26,10 +26,13 @@
 
 namespace {
 
+using test_support::end_of;
 using test_support::exists;
 using test_support::Fault;
 using test_support::FileMount;
+using test_support::grow_file;
 using test_support::HttpServer;
+using test_support::kTwoGib;
 using test_support::mode_of;
 using test_support::names_in;
 using test_support::read_file;
@@ -37,6 +40,7 @@ using test_support::run_in_child;
 using test_support::ScopedFault;
 using test_support::ScopedUmask;
 using test_support::ScratchDirectory;
+using test_support::size_of;
 using test_support::SmallDisk;
 using test_support::write_file;
 
@@ -359,6 +363,15 @@ TEST_F(DownloadStep, WritingOpensTheFileForEachPiece) {
   ASSERT_EQ(::unlink((dir_ / "file").c_str()), 0);
   EXPECT_EQ(write("file", "de", 1, 2), 2U);
   EXPECT_EQ(read_file(dir_ / "file"), "de");
+}
+
+TEST_F(DownloadStep, WritingAppendsBeyond2Gib) {
+  write_file(dir_ / "file", "");
+  grow_file(dir_ / "file", kTwoGib - 1);
+  EXPECT_EQ(write("file", "abc", 1, 3), 3U);
+  EXPECT_EQ(write("file", "de", 1, 2), 2U);
+  EXPECT_EQ(size_of(dir_ / "file"), kTwoGib + 4);
+  EXPECT_EQ(end_of(dir_ / "file", 5), "abcde");
 }
 
 TEST_F(DownloadStep, WritingCountsItems) {

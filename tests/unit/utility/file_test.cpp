@@ -20,15 +20,19 @@
 
 namespace {
 
+using test_support::end_of;
 using test_support::Fault;
 using test_support::FileMount;
+using test_support::grow_file;
 using test_support::Interruptions;
+using test_support::kTwoGib;
 using test_support::mode_of;
 using test_support::names_in;
 using test_support::read_file;
 using test_support::ScopedFault;
 using test_support::ScopedUmask;
 using test_support::ScratchDirectory;
+using test_support::size_of;
 using test_support::SmallDisk;
 using test_support::write_file;
 using utility::CopyResult;
@@ -327,6 +331,29 @@ TEST_F(File, ACopyLeavesNoFileOpen) {
   EXPECT_EQ(after.get(), before.get() + 1);
 }
 
+TEST_F(File, ASourceOver2GibIsOpened) {
+  write_file(dir_ / "source", "begin");
+  grow_file(dir_ / "source", kTwoGib);
+  const ScopedFault fault(Fault::kReadFails, 5);  // copying it all would take long
+  EXPECT_EQ(copy("source", "target"), CopyResult::kReadFailed);
+  EXPECT_EQ(size_of(dir_ / "target"), 5);
+}
+
+TEST_F(File, ACopyGoesOnBeyond2Gib) {
+  ASSERT_EQ(::mkfifo((dir_ / "source").c_str(), 0600), 0);
+  std::thread writer([this] {
+    const Descriptor source(::open((dir_ / "source").c_str(), O_WRONLY | O_CLOEXEC));
+    EXPECT_EQ(utility::write_all(source.get(), "begin", 5), 5U);
+    for (int waited = 0; size_of(dir_ / "target") < 5 && waited < 5000; ++waited) ::usleep(1000);
+    grow_file(dir_ / "target", kTwoGib - 1);  // stands for the bytes that would take long
+    EXPECT_EQ(utility::write_all(source.get(), "end", 3), 3U);
+  });
+  EXPECT_EQ(copy("source", "target"), CopyResult::kCopied);
+  writer.join();
+  EXPECT_EQ(size_of(dir_ / "target"), kTwoGib + 2);
+  EXPECT_EQ(end_of(dir_ / "target", 3), "end");
+}
+
 TEST_F(File, TheFirstLineKeepsItsLineFeed) {
   write_file(dir_ / "file", "first\nsecond\n");
   EXPECT_EQ(utility::read_first_line(dir_ / "file", 100), "first\n");
@@ -376,6 +403,15 @@ TEST_F(File, ReadingEndsWithTheMostLinesThatAreWanted) {
   string_list lines;
   EXPECT_TRUE(utility::read_lines(dir_ / "file", 100, 2, lines));
   EXPECT_EQ(lines, (string_list{"1", "2"}));
+}
+
+TEST_F(File, AFileOver2GibHasLines) {
+  write_file(dir_ / "file", "first\nsecond\n");
+  grow_file(dir_ / "file", kTwoGib);
+  EXPECT_EQ(utility::read_first_line(dir_ / "file", 100), "first\n");
+  string_list lines;
+  EXPECT_TRUE(utility::read_lines(dir_ / "file", 100, 2, lines));
+  EXPECT_EQ(lines, (string_list{"first", "second"}));
 }
 
 TEST_F(File, AVisitorIsToldNoMoreOnceItSaysSo) {

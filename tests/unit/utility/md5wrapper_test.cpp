@@ -4,6 +4,7 @@
 
 #include <array>
 #include <cstddef>
+#include <fstream>
 #include <string>
 
 #include "faults.h"
@@ -12,6 +13,8 @@
 namespace {
 
 using test_support::Fault;
+using test_support::grow_file;
+using test_support::kTwoGib;
 using test_support::ScopedFault;
 using test_support::ScratchDirectory;
 using test_support::write_file;
@@ -104,6 +107,28 @@ TEST(Md5Wrapper, TheBytesKeepTheirOrder) {
                                                      0xb2, 0x04, 0xe9, 0x80, 0x09, 0x98,
                                                      0xec, 0xf8, 0x42, 0x7e};
   EXPECT_EQ(md5wrapper().convToString(kDigest.data()), kEmptyDigest);
+}
+
+TEST(Md5Wrapper, AFileOver2GibIsOpened) {
+  const ScratchDirectory dir;
+  write_file(dir / "file", "a");
+  grow_file(dir / "file", kTwoGib);
+  const ScopedFault fault(Fault::kReadFails, 1);  // reading it all takes long
+  EXPECT_EQ(md5wrapper().getHashFromFile(dir / "file"), "0cc175b9c0f1b6a831c399e269772661");
+}
+
+TEST(Md5Wrapper, AFileOver2GibIsDigestedWhole) {
+#ifndef NDEBUG
+  GTEST_SKIP() << "takes long without optimisation";
+#endif
+  if (!test_support::in_private_namespace())
+    GTEST_SKIP() << "this host does not allow private mount namespaces";
+  const std::string path = "/var/log/file";  // in memory, which reads what is not there fastest
+  write_file(path, "");
+  grow_file(path, kTwoGib);
+  std::ofstream(path, std::ios::app) << "end";
+  EXPECT_EQ(md5wrapper().getHashFromFile(path),
+            "6a1ec11900bf4bf6d15aaed82dbd1ec7");  // as md5sum prints it
 }
 
 TEST(Md5Wrapper, AFileThatCannotBeReadHasTheDigestOfNothing) {

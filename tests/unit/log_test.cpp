@@ -23,6 +23,7 @@ namespace {
 
 using test_support::end_of;
 using test_support::grow_file;
+using test_support::Interruptions;
 using test_support::kTwoGib;
 using test_support::mode_of;
 using test_support::names_in;
@@ -284,6 +285,20 @@ TEST_F(UpdateLog, OnlyTheSeparatorWaitsForTheLock) {
   ASSERT_EQ(::flock(file.get(), LOCK_UN), 0);
   EXPECT_TRUE(separator.is_done_within(5000));
   EXPECT_EQ(log_messages(), (string_list{"message", ""}));
+}
+
+TEST_F(UpdateLog, AnInterruptedSeparatorGoesOnWaiting) {
+  const utility::Descriptor file(::open(log_path().c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644));
+  ASSERT_EQ(::flock(file.get(), LOCK_EX), 0);
+  const Writer separator([] {
+    const Interruptions interruptions;
+    CUpdateLog::write_space();
+  });
+  EXPECT_FALSE(separator.is_done_within(100));
+  EXPECT_EQ(log_messages(), string_list());
+  ASSERT_EQ(::flock(file.get(), LOCK_UN), 0);
+  EXPECT_TRUE(separator.is_done_within(5000));
+  EXPECT_EQ(log_messages(), (string_list{""}));
 }
 
 TEST_F(UpdateLog, TheSeparatorLeavesNoLock) {

@@ -599,6 +599,7 @@ INSTANTIATE_TEST_SUITE_P(
         Malformed{"HalfPairSecond", "\xFE\xFF" + utf16be("<a>") + "\xDC\x00"s + utf16be("</a>")},
         Malformed{"HalfPairLast", utf16be("<a/>") + "\xD8\x00"s},
         Malformed{"PairReversed", utf16be("<a>") + "\xDC\x00\xD8\x00"s + utf16be("</a>")},
+        Malformed{"PairOfSeconds", utf16be("<a>") + "\xDC\x00\xDC\x00"s + utf16be("</a>")},
         Malformed{"PairIn32", utf32be("<a>") + "\0\0\xD8\0\0\0\xDC\0"s + utf32be("</a>")},
         Malformed{"TooLarge", utf32be("<a>") + "\0\x11\0\0"s + utf32be("</a>")},
         Malformed{"FarTooLarge", utf32be("<a>") + "\xFF\xFF\xFF\xFF" + utf32be("</a>")},

@@ -35,6 +35,11 @@ else()
   target_compile_options(norvak_options INTERFACE  # some compilers define another level themselves
     $<$<NOT:$<CONFIG:Debug>>:-U_FORTIFY_SOURCE> $<$<NOT:$<CONFIG:Debug>>:-D_FORTIFY_SOURCE=2>)
 endif()
+option(NORVAK_COVERAGE "Count the lines and branches that run" OFF)
+if(NORVAK_COVERAGE)
+  target_compile_options(norvak_options INTERFACE --coverage)
+  target_link_options(norvak_options INTERFACE --coverage)
+endif()
 target_link_options(norvak_options INTERFACE -Wl,-z,relro -Wl,-z,now -Wl,-z,noexecstack -Wl,--as-needed)
 
 # A run is so short that loading and binding libraries is most of it: what is not used is left out,

@@ -9,6 +9,7 @@ project=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
   build_packages=(g++ cmake ninja-build libcurl4-openssl-dev libpugixml-dev)
   demo_packages=(nginx tar mount util-linux)
   test_packages=(libgtest-dev python3 python3-pytest nginx strace tar mount util-linux)
+  coverage_packages=(gcovr)
   fuzz_packages=(clang libclang-rt-dev libgtest-dev)
   lint_packages=(clang-format-14 clang-tidy-14 cppcheck shellcheck)
 }

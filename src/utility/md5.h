@@ -26,9 +26,9 @@ class MD5 {
   void MD5Final(unsigned char digest[16], MD5_CTX* context);
 
  private:
-  static void MD5Transform(std::uint32_t state[4], const unsigned char block[64]);
+  static void MD5Transform(std::uint32_t state[4], const unsigned char* input, std::size_t blocks);
   static void Encode(unsigned char* output, const std::uint32_t* input, std::size_t words);
-  static void Decode(std::uint32_t* output, const unsigned char* input, std::size_t words);
+  static std::uint32_t Decode(const unsigned char* input);
   static void MD5_memcpy(unsigned char* output, const unsigned char* input, std::size_t length);
   static void MD5_memset(void* output, int value, std::size_t length);
 };

@@ -40,6 +40,10 @@ if(NORVAK_COVERAGE)
   target_compile_options(norvak_options INTERFACE --coverage)
   target_link_options(norvak_options INTERFACE --coverage)
 endif()
+# Leaks and counts are reported when a process ends the long way.
+if(NORVAK_SANITIZE OR NORVAK_COVERAGE)
+  target_compile_definitions(norvak_options INTERFACE NORVAK_ORDERLY_EXIT)
+endif()
 target_link_options(norvak_options INTERFACE -Wl,-z,relro -Wl,-z,now -Wl,-z,noexecstack -Wl,--as-needed)
 
 # A run is so short that loading and binding libraries is most of it: what is not used is left out,

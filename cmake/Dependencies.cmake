@@ -23,6 +23,11 @@ if(NORVAK_STATIC_RUNTIME)
     target_include_directories(norvak_options SYSTEM INTERFACE
       $<TARGET_PROPERTY:pugixml::pugixml,INTERFACE_INCLUDE_DIRECTORIES>)
     target_link_options(norvak_options INTERFACE -static-libstdc++ -static-libgcc)
+    # pugixml needs one function of the mathematics library, which nothing else loads.
+    find_library(NORVAK_LIBM_ARCHIVE libm.a)
+    if(NORVAK_LIBM_ARCHIVE)
+      list(APPEND norvak_pugixml ${NORVAK_LIBM_ARCHIVE})
+    endif()
   else()
     message(STATUS "No static pugixml: the C++ runtime stays a shared library")
   endif()

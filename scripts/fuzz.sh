@@ -3,7 +3,7 @@
 #
 # Usage: fuzz.sh TARGET SECONDS
 #
-# Installs the packages it needs and builds the preset fuzz. Below build/fuzz stay, for TARGET,
+# Installs the packages it needs and builds the preset asan. Below build/fuzz stay, for TARGET,
 # inputs that reached new code (inputs/TARGET, where the next run goes on), the input that broke the
 # target (findings/TARGET) and the log of the run (fuzz-TARGET.log). The exit status is 0 when
 # nothing was found.
@@ -17,7 +17,7 @@ targets=$(cd tests/fuzz/corpus && printf '%s ' *)
 run_target() {
   mkdir -p "$inputs" "$findings"
   status=0
-  "build/fuzz/tests/fuzz/fuzz_$1" -max_total_time="$2" -timeout=20 -keep_seed=1 \
+  "build/asan/tests/fuzz/fuzz_$1" -max_total_time="$2" -timeout=20 -keep_seed=1 \
     -print_final_stats=1 -dict="tests/fuzz/dictionaries/$1.dict" -artifact_prefix="$findings/" \
     "$inputs" "tests/fuzz/corpus/$1" >"$log" 2>&1 </dev/null || status=$?
 }
@@ -40,8 +40,8 @@ findings=build/fuzz/findings/$1
 log=build/fuzz/fuzz-$1.log
 
 install_packages "${build_packages[@]}" "${fuzz_packages[@]}"
-quietly cmake --preset fuzz
-quietly cmake --build --preset fuzz --target "fuzz_$1"
+quietly cmake --preset asan
+quietly cmake --build --preset asan --target "fuzz_$1"
 heading "fuzzing $1 for $2 seconds"
 run_target "$1" "$2"
 if ((status != 0)); then

@@ -14,10 +14,15 @@ if (($# == 0)); then
   presets=(test asan)
 fi
 
-install_packages "${build_packages[@]}" "${test_packages[@]}"
+packages=("${build_packages[@]}" "${test_packages[@]}")
+if [[ " ${presets[*]} " == *\ @(asan|clang)\ * ]]; then
+  packages+=("${fuzz_packages[@]}")
+fi
+install_packages "${packages[@]}"
+# Most tests wait for a disk, a server or a process of theirs: more of them run than processors.
 for preset in "${presets[@]}"; do
   heading "tests, preset $preset"
   quietly cmake --preset "$preset"
   cmake --build --preset "$preset"
-  ctest --test-dir "build/$preset" --no-tests=error --output-on-failure -j"$(nproc)"
+  ctest --test-dir "build/$preset" --no-tests=error --output-on-failure -j"$((2 * $(nproc)))"
 done

@@ -14,4 +14,4 @@ install_packages "${build_packages[@]}" "${demo_packages[@]}"
 heading 'building build/release/norvak_update'
 quietly cmake --preset release
 quietly cmake --build --preset release --target norvak_update
-exec scripts/demo/sandbox.sh scripts/demo/scenes.sh "$project/build/release/norvak_update"
+exec scripts/sandbox.sh scripts/demo/scenes.sh "$project/build/release/norvak_update"

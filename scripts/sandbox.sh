@@ -7,7 +7,7 @@
 # private mount and process namespaces; those need root, unprivileged user namespaces or sudo. When it
 # ends, or the sandbox is interrupted, no process of it stays and the scratch folder is removed.
 set -euo pipefail
-. "$(dirname "${BASH_SOURCE[0]}")/../lib.sh"
+. "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
 
 # The first process of the namespaces dies with unshare, and with that process all others.
 sandbox=(unshare --mount --pid --fork --kill-child)

@@ -1,0 +1,176 @@
+"""An agent's install directory, and an update server with what is new for it."""
+
+import hashlib
+import io
+import os
+import pathlib
+import shutil
+import socket
+import subprocess
+import tarfile
+import time
+
+_MODULES = ("norvak_ipfilter", "tessel_linux", "quorin_linux")
+_NGINX_SECONDS = 10
+
+# Modules are published once, for whatever kernel this machine runs.
+_NGINX_CONFIG = """\
+daemon off;
+master_process off;
+user root root;
+pid nginx.pid;
+error_log stderr;
+events {{ worker_connections 1024; }}
+http {{
+  access_log off;
+  sendfile on;
+  client_body_temp_path temp;
+  proxy_temp_path temp;
+  fastcgi_temp_path temp;
+  uwsgi_temp_path temp;
+  scgi_temp_path temp;
+  server {{
+    listen 127.0.0.1:{port} backlog=1024;
+    root tree;
+    rewrite ^/kernels/.*/([^/]+/[^/]+)$ /kernels/$1;
+  }}
+}}
+"""
+
+_CONFIG = """\
+<?xml version="1.0" encoding="UTF-8"?>
+<norvak>
+  <Process name="agent">
+    <Data>
+      <var name="update_host" value="{url}"/>
+      <var name="kernel_update_host" value="{url}"/>
+      <var name="nginx_update_host" value="{url}"/>
+      <var name="update_type" value="0"/>
+      <var name="version" value="{version}"/>
+    </Data>
+  </Process>
+</norvak>
+"""
+_OLD_VERSION = "norvak3.1.9"
+_NEW_VERSION = "norvak3.1.10"
+
+
+def digest(content):
+    return hashlib.md5(content).hexdigest()
+
+
+class Server:
+    """nginx on loopback, in one process."""
+
+    def __init__(self, scratch, cpu):
+        self._prefix = scratch / "server"
+        self.tree = self._prefix / "tree"
+        self.tree.mkdir(parents=True)
+        with socket.socket() as probe:
+            probe.bind(("127.0.0.1", 0))
+            self._port = probe.getsockname()[1]
+        self.url = f"http://127.0.0.1:{self._port}"
+        (self._prefix / "nginx.conf").write_text(_NGINX_CONFIG.format(port=self._port))
+        with open(self._prefix / "output", "wb") as output:
+            self._process = subprocess.Popen(
+                ["taskset", "--cpu-list", str(cpu), "nginx", "-p", f"{self._prefix}/",
+                 "-c", "nginx.conf"], stdin=subprocess.DEVNULL, stdout=output, stderr=output)
+        self._wait()
+
+    def publish(self, path, content):
+        """@return the address of the file"""
+        target = self.tree / path
+        target.parent.mkdir(parents=True, exist_ok=True)
+        target.write_bytes(content)
+        return f"{self.url}/{path}"
+
+    def publish_updates(self, payload):
+        """Publishes an update of each type. In each, one file is as large as @a payload."""
+        self.publish("norvak/norvak_agent_new_version.txt", f"{_NEW_VERSION}\n".encode())
+        for family in ("x64", "x86"):
+            self.publish(f"norvak/{family}/nvupdate.tar", _package(payload))
+        for name in _MODULES:
+            content = payload if name == _MODULES[0] else name.encode()
+            self.publish(f"kernels/{name}/md5", f"{digest(content)}\n".encode())
+            self.publish(f"kernels/{name}/{name}.ko", content)
+        self.publish("nginx_new/x64/1.24/md5", f"{digest(payload)}\n".encode())
+        self.publish("nginx_new/x64/1.24/nginx", b"\x7fELF" + payload)
+        self.publish("tarn_rule/md5", f"{digest(payload)}\n".encode())
+        self.publish("tarn_rule/norvak_default_rule.xml", payload)
+
+    def close(self):
+        self._process.terminate()
+        self._process.wait(_NGINX_SECONDS)
+
+    def _wait(self):
+        deadline = time.monotonic() + _NGINX_SECONDS
+        while True:
+            try:
+                socket.create_connection(("127.0.0.1", self._port)).close()
+                return
+            except ConnectionRefusedError:
+                if self._process.poll() is not None or time.monotonic() > deadline:
+                    raise RuntimeError((self._prefix / "output").read_text()) from None
+                time.sleep(0.01)
+
+
+def _package(payload):
+    archive = io.BytesIO()
+    with tarfile.open(fileobj=archive, mode="w", format=tarfile.GNU_FORMAT) as tar:
+        for name, content in (("update", b"#!/bin/sh\nexit 0\n"), ("norvak_agent", payload)):
+            member = tarfile.TarInfo(name)
+            member.size = len(content)
+            tar.addfile(member, io.BytesIO(content))
+    return archive.getvalue()
+
+
+class Host:
+    """An install directory in which every update finds something to do."""
+
+    def __init__(self, path, server):
+        self.path = path
+        self._server = server
+        for directory in ("runlog", "template", "tool", "nginx/bin"):
+            (path / directory).mkdir(parents=True)
+        (path / "tool/tar").symlink_to(shutil.which("tar"))
+        self._write("startup.sh", b"#!/bin/sh\n")
+        (path / "startup.sh").chmod(0o755)
+        self.outdate()
+
+    def outdate(self):
+        """Puts the old files back in place."""
+        self._write("config.xml",
+                    _CONFIG.format(url=self._server.url, version=_OLD_VERSION).encode())
+        for name in _MODULES:
+            self._write(f"{name}.ko", b"an older build")
+        self._write("nginx/bin/nginx", b"an older build")
+        self._write("nginx/md5", b"an older build\n")
+        self._write("template/norvak_default_rule.xml", b"<rules/>")
+        self._write("template/system_rule.dat", b"the digest of older rules\n")
+        (self.path / "runlog/update.log").unlink(missing_ok=True)
+
+    def check(self, update):
+        """Ends the measurement unless the run of type @a update did its work."""
+        {"0": self._check_version, "1": self._check_modules, "2": self._check_web_server,
+         "3": self._check_rules}[update]()
+
+    def _check_version(self):
+        assert f'"{_NEW_VERSION}"' in (self.path / "config.xml").read_text()
+
+    def _check_modules(self):
+        for name in _MODULES:
+            self._check_copy(f"kernels/{name}/{name}.ko", f"{name}.ko")
+
+    def _check_web_server(self):
+        self._check_copy("nginx_new/x64/1.24/nginx", "nginx/bin/nginx")
+        self._check_copy("nginx_new/x64/1.24/md5", "nginx/md5")
+
+    def _check_rules(self):
+        self._check_copy("tarn_rule/norvak_default_rule.xml", "template/norvak_default_rule.xml")
+
+    def _check_copy(self, published, installed):
+        published, installed = self._server.tree / published, self.path / installed
+        assert os.path.getsize(published) == os.path.getsize(installed), installed
+
+    def _write(self, name, content):
+        pathlib.Path(self.path / name).write_bytes(content)

@@ -87,7 +87,7 @@ def draw(path, rows):
     axes.barh(places, ratios, color=["#3b7a57" if row.reaches_target else "#b5482f"
                                      for row in shown])
     axes.scatter([row.target for row in shown], places, marker="|", s=180, color="black",
-                 label="at most")
+                 label="at most", zorder=3)
     for place, ratio in zip(places, ratios):
         axes.annotate(f"{ratio:.2f}", (ratio, place), xytext=(-4, 0), va="center", ha="right",
                       textcoords="offset points", color="white", fontsize=8)
@@ -95,10 +95,11 @@ def draw(path, rows):
     axes.set_yticks(places, [f"{row.what} / {row.against}, {row.measure}" for row in shown],
                     fontsize=8)
     axes.set_xscale("log")
-    axes.set_xticks([0.1, 0.2, 0.5, 1, 1.5], ["0.1", "0.2", "0.5", "1", "1.5"])
+    axes.set_xticks([0.1, 0.2, 0.5, 1, 2], ["0.1", "0.2", "0.5", "1", "2"])
     axes.minorticks_off()
+    axes.set_xlim(0.07, 2)
     axes.set_xlabel("ratio of medians, ours / theirs")
-    axes.legend(loc="lower left", fontsize=8)
+    axes.legend(loc="lower right", bbox_to_anchor=(1, 1), frameon=False, fontsize=8)
     figure.savefig(path, bbox_inches="tight", metadata={"Date": None})
 
 

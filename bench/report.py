@@ -9,7 +9,7 @@ from typing import Optional
 
 from measure import Comparison
 
-_TABLE = re.compile(r"(<!-- table: begin -->\n).*(<!-- table: end -->\n)", re.DOTALL)
+_TABLE = re.compile(r"(<!-- table: performance -->\n).*(<!-- end of table -->\n)", re.DOTALL)
 _HEAD = ("| What | Against | Measure | Ours | Theirs | Ratio (95 %) | At most |\n"
          "|---|---|---|---:|---:|---:|---:|\n")
 

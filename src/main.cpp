@@ -172,9 +172,8 @@ int run_update(int type, const Arguments& arguments) {
 int end_process(int status) {
 #ifndef NORVAK_ORDERLY_EXIT  // defined for builds that report at exit
   ::_exit(status);
-#else
-  return status;
 #endif
+  return status;
 }
 
 }  // namespace

@@ -40,16 +40,38 @@ move() {
   rm "$1"
 }
 
+# $1: version, $2: version; whether the numbers of the first, behind a prefix of six characters, are
+# greater than those of the second
+is_newer() {
+  left=${1#??????}.
+  right=${2#??????}.
+  while [ -n "$left" ] && [ -n "$right" ]; do
+    if [ "${left%%.*}" -ne "${right%%.*}" ]; then
+      [ "${left%%.*}" -gt "${right%%.*}" ]
+      return
+    fi
+    left=${left#*.}
+    right=${right#*.}
+  done
+  return 1
+}
+
+stop_agent() {
+  kill -KILL "$(sed -n 1p "$agent/norvak.pid")"
+  rm "$agent/norvak.pid"
+}
+
 update_soft() {
   work=$agent/update_norvak_soft
   mkdir -p "$work/data"
   url=$(setting update_host)
   fetch "$url/norvak/norvak_agent_new_version.txt" "$work/new_version"
   new=$(sed -n 1p "$work/new_version")
-  [ "$new" != "$(setting version)" ]
+  is_newer "$new" "$(setting version)"
   type=$(setting update_type)
   touch "$agent/update"
   fetch "$url/norvak/x64/nvupdate.tar" "$work/package.tar"
+  stop_agent
   "$agent/tool/tar" xvf "$work/package.tar" -C "$work/data" >/dev/null
   cd "$work/data"
   chmod 544 update
@@ -105,6 +127,7 @@ update_rules() {
   [ "$(digest "$work/rule")" = "$published" ]
   log 'download_tarn_rules_file: check download rule MD5 success'
   move "$work/rule" "$agent/template/norvak_default_rule.xml"
+  stop_agent
   log '[RULES] update tarn rules success'
 }
 

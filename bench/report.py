@@ -60,9 +60,9 @@ def machine():
         models = re.findall(r"^model name\s*: (.*)$", file.read(), re.MULTILINE)
     compiler = _first_line("c++", "--version")
     curl = _first_line("curl", "--version").split(" (")[0]
-    openssl = _first_line("openssl", "version").split(" (")[0]
+    openssl = " ".join(_first_line("openssl", "version").split()[:2])
     return (f"{len(models) or os.cpu_count()} × {models[0] if models else platform.machine()}, "
-            f"Linux {platform.release()}, {compiler}, {curl}, {openssl}, "
+            f"Linux {platform.release().split('-')[0]}, {compiler}, {curl}, {openssl}, "
             f"{_first_line('cp', '--version')}\n")
 
 
@@ -97,6 +97,7 @@ def draw(path, rows):
     axes.set_xscale("log")
     axes.set_xticks([0.1, 0.2, 0.5, 1, 2], ["0.1", "0.2", "0.5", "1", "2"])
     axes.minorticks_off()
+    axes.margins(y=0.01)
     axes.set_xlim(0.07, 2)
     axes.set_xlabel("ratio of medians, ours / theirs")
     axes.legend(loc="lower right", bbox_to_anchor=(1, 1), frameon=False, fontsize=8)

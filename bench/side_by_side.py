@@ -47,6 +47,7 @@ class Bench:
         self.rows = []
 
     def close(self):
+        self._host.close()
         self._server.close()
 
     def measure(self, wanted):
@@ -115,21 +116,27 @@ class Bench:
     def _tiny_runs(self):
         self._server.publish_updates(b"tiny")
         for update, name, arguments, target in _UPDATES:
-            self._against_script(f"{name}, tiny", update, arguments, 60, target)
+            self._against_script(f"{name}, tiny", update, arguments, 100, target)
 
     def _large_runs(self):
         self._server.publish_updates(_noise_bytes(64 * _MB))
         for update, name, arguments, _ in _UPDATES:
-            self._against_script(f"{name}, 64 MB", update, arguments, 11, 1.0)
+            self._against_script(f"{name}, 64 MB", update, arguments, 25, 1.0)
 
     def _download(self):
         url = self._server.publish("large", _noise_bytes(256 * _MB))
         file = self._scratch / "fetched"
-        found = in_turn(15, {
-            "ours": self._subject("download_file", url, file),
-            "curl": Subject(["curl", "-s", "-4", "-o", str(file), url], prepare=self._remove(file)),
+
+        def prepare():
+            file.unlink(missing_ok=True)
+
+        ours = self._subject("download_file", url, file).command
+        found = in_turn(25, {
+            "ours": Subject(ours, prepare),
+            "curl": Subject(["curl", "-s", "-4", "-o", str(file), url], prepare),
         })
-        self._add("download of 256 MB", "curl -s -4 -o", found, "ours", "curl", wall=1.35)
+        prepare()
+        self._add("download of 256 MB", "curl -s -4 -o", found, "ours", "curl", wall=1.35, cpu=None)
 
     def _move(self):
         kept, source, target = (self._scratch / name for name in ("kept", "source", "target"))
@@ -206,14 +213,18 @@ class Bench:
         script = [str(self._scripts / "equivalent_update.sh"), update, *arguments]
         found = in_turn(rounds, {
             "ours": self._update(update, arguments),
-            "script": Subject(script, self._host.outdate, lambda: self._host.check(update)),
+            "script": Subject(script, self._prepare_host, lambda: self._host.check(update)),
         })
         self._add(what, "a shell script", found, "ours", "script", wall=target, cpu=target)
 
     def _update(self, update, arguments=()):
         arguments = arguments or (["0"] if update == "0" else [])
-        return Subject([self._updater, update, *arguments], self._host.outdate,
+        return Subject([self._updater, update, *arguments], self._prepare_host,
                        lambda: self._host.check(update))
+
+    def _prepare_host(self):
+        self._host.outdate()
+        self._host.run_agent()
 
     def _subject(self, name, *arguments):
         return Subject([str(self._subjects / name), *map(str, arguments)])
@@ -246,10 +257,6 @@ class Bench:
     @staticmethod
     def _direct_to(host, var_log):
         (var_log / "version_control").write_text(f"{host.path}\n")
-
-    @staticmethod
-    def _remove(file):
-        return lambda: file.unlink(missing_ok=True)
 
 
 def _noise_bytes(size):

@@ -5,7 +5,7 @@
 #
 # Installs the packages it needs, builds the presets release and bench, and runs bench/side_by_side.py
 # in a sandbox. With names of measurements (those of that script) it runs only these and leaves
-# docs/performance.md alone; "micro" runs the micro-benchmarks. Takes ten minutes on a quiet machine,
+# docs/performance.md alone; "micro" runs the micro-benchmarks. Takes four minutes on a quiet machine,
 # and 4 GB of memory, and says so where the machine was too busy to tell.
 set -euo pipefail
 . "$(dirname "${BASH_SOURCE[0]}")/lib.sh"

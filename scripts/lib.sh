@@ -10,7 +10,7 @@ project=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
   demo_packages=(nginx tar mount util-linux)
   test_packages=(libgtest-dev python3 python3-pytest nginx strace tar mount util-linux)
   coverage_packages=(gcovr)
-  fuzz_packages=(clang libclang-rt-dev libgtest-dev)
+  fuzz_packages=(clang 'libclang-rt-dev?' libgtest-dev)  # elsewhere clang brings its run-time
   bench_packages=(libbenchmark-dev nginx curl openssl xmlstarlet tar time python3 python3-matplotlib
     mount util-linux)
   lint_packages=(clang-format-14 clang-tidy-14 cppcheck shellcheck)

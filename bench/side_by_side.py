@@ -52,6 +52,9 @@ class Bench:
 
     def measure(self, wanted):
         """Runs the measurements that @a wanted names; all when it is empty."""
+        unknown = set(wanted) - set(self._measurements())
+        if unknown:
+            sys.exit(f"unknown: {', '.join(unknown)}; known: {', '.join(self._measurements())}")
         all_cpus = os.sched_getaffinity(0)
         # The server has the last processor for itself, where there are several.
         others = all_cpus - {self._last_cpu} or all_cpus
@@ -284,7 +287,7 @@ def main():
     parser.add_argument("--subjects", type=pathlib.Path, required=True)
     parser.add_argument("--page", type=pathlib.Path, help="to write the table to")
     parser.add_argument("--picture", type=pathlib.Path)
-    parser.add_argument("--only", action="append", help="name of a measurement")
+    parser.add_argument("--only", action="append", default=[], help="name of a measurement")
     parser.add_argument("scratch", type=pathlib.Path)
     options = parser.parse_args()
 

@@ -7,7 +7,8 @@ import typing
 _NOT_A_CHANGE = {"update", "runlog/update.log"}
 
 # One line per event. SIGKILL marks a process before the kernel gets round to ending it, and a
-# stand-in agent that was killed stays a zombie until the test looks at it: both are "dead".
+# stand-in agent that was killed stays a zombie until the test looks at it: both are "dead". What
+# find complains of are directories that another run removes in front of it.
 _SCRIPT = """\
 root={install}
 agent=none
@@ -24,7 +25,7 @@ if [ -s {agent_pid} ]; then
   fi
 fi
 printf '%s\\t%s\\t%s\\t%s\\t%s\\n' "$1" "$(pwd -P)" "${{LD_LIBRARY_PATH-unset}}" "$agent" \\
-  "$(find "$root" -mindepth 1 -printf '%P ')" >>{trace}
+  "$(find "$root" -mindepth 1 -printf '%P ' 2>/dev/null)" >>{trace}
 """
 
 

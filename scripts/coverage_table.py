@@ -21,7 +21,8 @@ class File:
     def __init__(self, report):
         self.name = report["file"]
         source = (PROJECT / self.name).read_text().splitlines()
-        lines = [line for line in report["lines"] if not line["gcovr/noncode"]]
+        # Releases before 6 list the lines without code as well.
+        lines = [line for line in report["lines"] if not line.get("gcovr/noncode")]
         branches = [(line, branch) for line in lines for branch in line["branches"]]
         self.lines = len(lines), sum(line["count"] > 0 for line in lines)
         self.branches = len(branches), sum(branch["count"] > 0 for _, branch in branches)

@@ -272,8 +272,9 @@ class AgentHost:
         @param locked  take a lock around each run, one for each update type
         """
         lock = f"flock --close {self._base}/lock.$1 " if locked else ""
-        preload = f"env LD_PRELOAD={self._uname_answers()} " if uname else ""
-        start = f'start() {{ {lock}{preload}{self._updater} "$@" & pids="$pids $!"; }}'
+        preload = ["env", f"LD_PRELOAD={self._uname_answers()}"] if uname else []
+        updater = shlex.join([*preload, self._updater])
+        start = f'start() {{ {lock}{updater} "$@" & pids="$pids $!"; }}'
         script = [start, *(f"start {shlex.join(command)}" for command in commands),
                   "for pid in $pids; do wait $pid; echo $?; done"]
         run = self._start(

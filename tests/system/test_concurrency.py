@@ -188,14 +188,14 @@ def test_a_module_is_not_taken_for_another_that_a_second_run_fetches(host, scrip
             time.sleep(0.005)
 
     def hold_up_first_run():
-        second_run_has_another.wait(2)
+        second_run_has_another.wait(10)
         first_run_goes_on.set()
 
     def hold_up_second_run():
         if not first_run_goes_on.is_set():
             wait_until_fetched(TESSEL)
             second_run_has_another.set()
-            first_run_has_ended.wait(2)
+            first_run_has_ended.wait(10)
 
     # Without a length the body ends with the connection: it is on disk while the transfer lasts.
     for name, hold_up in [(FIRST, hold_up_first_run), (TESSEL, hold_up_second_run)]:

@@ -21,6 +21,7 @@ from . import log, namespace, package, trace
 
 _PATH = "/usr/sbin:/usr/bin:/sbin:/bin"
 _RUN_SECONDS = 30
+_MANY_RUNS_SECONDS = 120
 _AGENT_SECONDS = 300  # a stand-in agent that a broken test forgets does not stay for ever
 
 WORK_DIR = "update_norvak_soft"
@@ -279,7 +280,7 @@ class AgentHost:
                   "for pid in $pids; do wait $pid; echo $?; done"]
         run = self._start(
             namespace.command_line(self.mounts, self.start_dir, ["sh", "-c", "\n".join(script)]),
-            self._variables(uname)).finish()
+            self._variables(uname)).finish(_MANY_RUNS_SECONDS)
         assert run.status == 0, run
         return [int(status) for status in run.stdout.split()], run.stderr
 
@@ -301,7 +302,7 @@ class AgentHost:
         preload = [f"LD_PRELOAD={self._uname_answers()}"] if uname else []
         command = ["sh", "-c", script, "sh", "env", *preload, self._updater, *args]
         run = self._start(namespace.command_line([*self.mounts, *mounts], self.start_dir, command),
-                          self._variables(uname)).finish()
+                          self._variables(uname)).finish(_MANY_RUNS_SECONDS)
         assert run.status == 0, run
         if free_bytes:
             shutil.rmtree(seed)

@@ -28,7 +28,10 @@ if ((EUID != 0)); then
   skip "its system needs root: run 'sudo $0'."
 fi
 if ! command -v apt-get >/dev/null; then
-  skip 'its system is made of the Debian or Ubuntu packages, which this machine does not use.'
+  skip 'its system is made of Debian packages, which this machine does not use.'
+fi
+if grep -qx 'ID=ubuntu' /etc/os-release; then
+  skip 'Ubuntu no longer has all packages for it.'
 fi
 
 # The suite and server that this machine's own packages come from.

@@ -25,7 +25,7 @@ _OPERATIONS = {
     "utimensat": "touch", "utimensat_time64": "touch", "setxattr": "touch", "fsetxattr": "touch",
     "access": "stat", "faccessat": "stat", "faccessat2": "stat",
     "stat": "stat", "stat64": "stat", "lstat": "stat", "lstat64": "stat",
-    "newfstatat": "stat", "fstatat64": "stat", "statx": "stat",
+    "fstat": "stat", "fstat64": "stat", "newfstatat": "stat", "fstatat64": "stat", "statx": "stat",
     "readlink": "readlink", "readlinkat": "readlink",
     "getdents": "getdents", "getdents64": "getdents", "chdir": "chdir",
     "kill": "kill", "tgkill": "kill",

@@ -16,7 +16,6 @@ norvak_find_or_explain(pugixml_FOUND "pugixml" libpugixml-dev pugixml-devel)
 # The C++ runtime and pugixml are linked in together or not at all: pugixml's shared library would
 # bring a second runtime into the process.
 set(norvak_pugixml pugixml::pugixml)
-set(norvak_libm "")
 if(NORVAK_STATIC_RUNTIME)
   find_library(NORVAK_PUGIXML_ARCHIVE libpugixml.a)
   if(NORVAK_PUGIXML_ARCHIVE)
@@ -24,12 +23,6 @@ if(NORVAK_STATIC_RUNTIME)
     target_include_directories(norvak_options SYSTEM INTERFACE
       $<TARGET_PROPERTY:pugixml::pugixml,INTERFACE_INCLUDE_DIRECTORIES>)
     target_link_options(norvak_options INTERFACE -static-libstdc++ -static-libgcc)
-    # pugixml needs one function of the mathematics library, which nothing else loads. For the
-    # program alone: not every function of the archive can be linked into such an executable.
-    find_library(NORVAK_LIBM_ARCHIVE libm.a)
-    if(NORVAK_LIBM_ARCHIVE)
-      set(norvak_libm ${NORVAK_LIBM_ARCHIVE})
-    endif()
   else()
     message(STATUS "No static pugixml: the C++ runtime stays a shared library")
   endif()

@@ -168,7 +168,7 @@ int run_update(int type, const Arguments& arguments) {
 }
 
 /// Everything is written and closed by now. What the libraries would still do, mostly give memory
-/// back, is the kernel's work anyway and takes them one twentieth of a small run.
+/// back, is the kernel's work anyway and takes them 4 % of a small run.
 int end_process(int status) {
 #ifndef NORVAK_ORDERLY_EXIT  // defined for builds that report at exit
   ::_exit(status);

@@ -70,7 +70,8 @@ class Descriptor {
 enum class CopyResult {
   kCopied,      ///< the target holds all bytes of the source
   kReadFailed,  ///< the target holds the bytes in front of the one that could not be read
-  kFailed,      ///< there is no target, or still the old one where that could not be deleted
+  kFailed,      ///< there is no target, or still the old one: it could not be deleted, or memory
+                ///< ran out
 };
 
 /// Replaces @a target by a copy of @a source: the old target is deleted first, the new one gets the

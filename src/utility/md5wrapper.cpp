@@ -3,7 +3,7 @@
 #include <fcntl.h>
 
 #include <algorithm>
-#include <array>
+#include <memory>
 #include <new>
 
 #include "utility/file.h"
@@ -22,15 +22,15 @@ md5wrapper::md5wrapper() : md5_(new (std::nothrow) MD5) {}
 
 std::string md5wrapper::getHashFromFile(const std::string& filename) {
   const Descriptor file(::open(filename.c_str(), O_RDONLY | O_CLOEXEC));
-  if (!file || !md5_) return kNoDigest;
+  const std::unique_ptr<unsigned char[]> block(new (std::nothrow) unsigned char[kReadBytes]);
+  if (!file || !md5_ || !block) return kNoDigest;
 
   MD5_CTX context;
   md5_->MD5Init(&context);
-  std::array<unsigned char, kReadBytes> block;
   for (;;) {
-    const ssize_t count = read_some(file.get(), block.data(), block.size());
+    const ssize_t count = read_some(file.get(), block.get(), kReadBytes);
     if (count <= 0) break;
-    md5_->MD5Update(&context, block.data(), static_cast<unsigned int>(count));
+    md5_->MD5Update(&context, block.get(), static_cast<unsigned int>(count));
   }
   unsigned char digest[kDigestBytes] = {};
   md5_->MD5Final(digest, &context);

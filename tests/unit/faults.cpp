@@ -83,6 +83,15 @@ void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
   }
 }
 
+void* operator new[](std::size_t size, const std::nothrow_t&) noexcept {
+  if (active_fault == Fault::kNoMemory) return nullptr;
+  try {
+    return ::operator new[](size);
+  } catch (const std::bad_alloc&) {
+    return nullptr;
+  }
+}
+
 namespace test_support {
 
 ScopedFault::ScopedFault(Fault fault, std::size_t readable_bytes) {

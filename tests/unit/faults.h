@@ -11,7 +11,7 @@ enum class Fault {
   kCloseFails,    ///< close() of a regular file opened for writing closes it, but fails with EIO
   kNoEntryTypes,  ///< readdir() gives entries of unknown type, as some file systems do
   kAccessFails,   ///< access() fails with EIO
-  kNoMemory,      ///< new (std::nothrow) gives null
+  kNoMemory,      ///< new (std::nothrow) gives null, for arrays too
 };
 
 /// Brings a fault into this process while it lives. One at a time.

@@ -320,6 +320,17 @@ TEST_F(File, AnErrorThatOnlyTheCloseShowsEndsTheCopyToo) {
   EXPECT_EQ(copy("source", "target"), CopyResult::kCopied) << "without the fault";
 }
 
+TEST_F(File, ACopyWithoutMemoryCostsNothing) {
+  write_file(dir_ / "source", "new");
+  write_file(dir_ / "target", "old");
+  {
+    const ScopedFault fault(Fault::kNoMemory);
+    EXPECT_EQ(copy("source", "target"), CopyResult::kFailed);
+  }
+  EXPECT_EQ(read_file(dir_ / "target"), "old");
+  EXPECT_EQ(copy("source", "target"), CopyResult::kCopied) << "without the fault";
+}
+
 TEST_F(File, ACopyLeavesNoFileOpen) {
   write_file(dir_ / "source", "new");
   const Descriptor before(open_null());

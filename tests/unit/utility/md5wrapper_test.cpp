@@ -157,4 +157,15 @@ TEST(Md5Wrapper, WithoutMemoryEveryDigestIsMinusOne) {
   EXPECT_EQ(wrapper.hashit("text"), "-1");
 }
 
+TEST(Md5Wrapper, WithoutMemoryToReadInTheDigestOfAFileIsMinusOne) {
+  const ScratchDirectory dir;
+  write_file(dir / "file", "contents");
+  md5wrapper wrapper;
+  {
+    const ScopedFault fault(Fault::kNoMemory);
+    EXPECT_EQ(wrapper.getHashFromFile(dir / "file"), "-1");
+  }
+  EXPECT_NE(wrapper.getHashFromFile(dir / "file"), "-1");
+}
+
 }  // namespace

@@ -42,6 +42,8 @@ def _run_one(command, var_log, go, result):
         _call("mount", os.fsencode(var_log), b"/var/log", None, _MS_BIND, None)
         os.read(go, 1)
         os.write(result, struct.pack("d", measure.run(command).cpu))
+    except (OSError, SystemExit) as error:
+        print(error, file=sys.stderr, flush=True)
     finally:
         os._exit(0)  # whoever waits counts the results
 

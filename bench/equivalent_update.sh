@@ -1,6 +1,7 @@
 #!/bin/sh
 # An update as an administrator would script it with curl, md5sum, sed, cp and tar: what the updater
-# is measured against. The effects and the log lines of a success are the same.
+# is measured against. The effects and the log lines of a success are the same, but for the form in
+# which the kernel's release is noted.
 #
 # Usage: equivalent_update.sh TYPE [VERSION_DIR]
 set -eu

@@ -17,6 +17,7 @@ from report import Row
 from update_host import Host, Server
 
 _KB, _MB, _GB = 1 << 10, 1 << 20, 1 << 30
+_MOST_BYTES = 2 * _GB  # that the files take at a time
 _CONFIG_LINE = '      <var name="setting{}" value="some value of this setting" note="kept"/>\n'
 
 _UPDATES = [  # the type, what the table calls it, further arguments, the target of a tiny run
@@ -139,6 +140,7 @@ class Bench:
             "curl": Subject(["curl", "-s", "-4", "-o", str(file), url], prepare),
         })
         prepare()
+        self._server.publish("large", b"")  # gives its memory back
         self._add("download of 256 MB", "curl -s -4 -o", found, "ours", "curl", wall=1.35, cpu=None)
 
     def _move(self):
@@ -161,7 +163,7 @@ class Bench:
     def _memory(self):
         peaks = {}
         for size in (256 * _MB, _KB):
-            self._server.publish_updates(_noise_bytes(size))
+            self._server.publish_modules(_noise_bytes(size))
             peaks[size] = [self._peak_memory() for _ in range(5)]
         self.rows.append(Row("kernel modules, 256 MB", "the same with 1 KB", "peak memory",
                              compare(peaks[256 * _MB], peaks[_KB]), unit="MB", target=1.0,
@@ -292,8 +294,9 @@ def main():
     options = parser.parse_args()
 
     scratch = options.scratch
-    for mount in (["tmpfs", str(scratch)], ["tmpfs", "/var/log"]):
-        subprocess.run(["mount", "-t", "tmpfs", *mount], check=True)
+    for directory in (str(scratch), "/var/log"):
+        subprocess.run(["mount", "-t", "tmpfs", "-o", f"size={_MOST_BYTES}", "tmpfs", directory],
+                       check=True)
     bench = Bench(options.updater, options.subjects, scratch)
     try:
         bench.measure(options.only)

@@ -83,7 +83,7 @@ class Server:
         self._wait()
 
     def publish(self, path, content):
-        """@return the address of the file"""
+        """Publishes a file. @return its address"""
         target = self.tree / path
         target.parent.mkdir(parents=True, exist_ok=True)
         target.write_bytes(content)
@@ -94,14 +94,18 @@ class Server:
         self.publish("norvak/norvak_agent_new_version.txt", f"{_NEW_VERSION}\n".encode())
         for family in ("x64", "x86"):
             self.publish(f"norvak/{family}/nvupdate.tar", _package(payload))
-        for name in _MODULES:
-            content = payload if name == _MODULES[0] else name.encode()
-            self.publish(f"kernels/{name}/md5", f"{digest(content)}\n".encode())
-            self.publish(f"kernels/{name}/{name}.ko", content)
+        self.publish_modules(payload)
         self.publish("nginx_new/x64/1.24/md5", f"{digest(payload)}\n".encode())
         self.publish("nginx_new/x64/1.24/nginx", b"\x7fELF" + payload)
         self.publish("tarn_rule/md5", f"{digest(payload)}\n".encode())
         self.publish("tarn_rule/norvak_default_rule.xml", payload)
+
+    def publish_modules(self, payload):
+        """Publishes the kernel modules, of which the first is @a payload."""
+        for name in _MODULES:
+            content = payload if name == _MODULES[0] else name.encode()
+            self.publish(f"kernels/{name}/md5", f"{digest(content)}\n".encode())
+            self.publish(f"kernels/{name}/{name}.ko", content)
 
     def close(self):
         self._process.terminate()

@@ -105,17 +105,21 @@ class Bench:
     def _start(self):
         self._server.publish_updates(b"<rules>new</rules>")
         file = str(self._scratch / "fetched")
+        without_agent = Subject(self._update("3").command, self._host.outdate,
+                                lambda: self._host.check("3"))
         found = in_turn(400, {
-            "ours": self._update("3"),
+            "ours": without_agent,
+            "with agent": self._update("3"),
             "curl": Subject(["curl", "-s", "-4", "-o", file, f"{self._server.url}/tarn_rule/md5"]),
             "libcurl": self._subject("load_libcurl"),
             "nothing": self._subject("return_at_once"),
         })
-        self._add("rules, tiny", "one curl of one file", found, "ours", "curl", wall=1.0, cpu=1.0)
-        self._add("rules, tiny", "loading libcurl only", found, "ours", "libcurl", wall=None,
-                  cpu=None)
-        self._add("rules, tiny", "a C program that only returns", found, "ours", "nothing",
-                  wall=None, cpu=None)
+        self._add("rules, tiny, no agent to stop", "one curl of one file", found, "ours", "curl",
+                  wall=1.0, cpu=1.0)
+        for against, theirs in (("one curl of one file", "curl"),
+                                ("loading libcurl only", "libcurl"),
+                                ("a C program that only returns", "nothing")):
+            self._add("rules, tiny", against, found, "with agent", theirs, wall=None, cpu=None)
 
     def _tiny_runs(self):
         self._server.publish_updates(b"tiny")

@@ -139,7 +139,8 @@ class Host:
     def __init__(self, path, server):
         self.path = path
         self._server = server
-        self._agents = []  # the last one is the host's
+        self._agents = []  # the last one is the host's, if that runs one
+        self._runs_agent = False
         for directory in ("runlog", "template", "tool", "nginx/bin"):
             (path / directory).mkdir(parents=True)
         (path / "tool/tar").symlink_to(shutil.which("tar"))
@@ -147,7 +148,7 @@ class Host:
         (path / "startup.sh").chmod(0o755)
 
     def outdate(self):
-        """Puts the old files back in place."""
+        """Puts the old files back in place; no agent runs."""
         self._write("config.xml",
                     _CONFIG.format(url=self._server.url, version=_OLD_VERSION).encode())
         for name in _MODULES:
@@ -157,6 +158,8 @@ class Host:
         self._write("template/norvak_default_rule.xml", b"<rules/>")
         self._write("template/system_rule.dat", b"the digest of older rules\n")
         (self.path / "runlog/update.log").unlink(missing_ok=True)
+        (self.path / "norvak.pid").unlink(missing_ok=True)
+        self._runs_agent = False
 
     def run_agent(self):
         """Lets a process stand in for the agent. It lives on the server's processor."""
@@ -168,6 +171,7 @@ class Host:
                 os.sched_setaffinity(agent.pid, {self._server.cpu})
             time.sleep(_AGENTS_START_SECONDS)
         self._write("norvak.pid", f"{self._agents[-1].pid}\n".encode())
+        self._runs_agent = True
 
     def close(self):
         for agent in self._agents:
@@ -196,7 +200,7 @@ class Host:
         self._check_copy("tarn_rule/norvak_default_rule.xml", "template/norvak_default_rule.xml")
 
     def _check_agent(self):
-        assert not self._agents or self._agents[-1].wait(1) == -signal.SIGKILL
+        assert not self._runs_agent or self._agents[-1].wait(1) == -signal.SIGKILL
 
     def _check_copy(self, published, installed):
         published, installed = self._server.tree / published, self.path / installed

@@ -12,7 +12,7 @@ namespace utility {
 namespace {
 
 /// Bytes that a copy hands to one system call.
-constexpr std::size_t kCopyBlockBytes = std::size_t{64} * 1024;
+constexpr std::size_t kCopyBlockBytes = std::size_t{128} * 1024;
 
 constexpr mode_t kNewFileMode = 0666;  // less the umask, as for every file that stdio creates
 constexpr mode_t kWorkDirMode = 0644;

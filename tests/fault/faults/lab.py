@@ -61,6 +61,8 @@ class Fault:
     def injection(self, when):
         """The option of strace, for a run in which the call is the one with the number @a when."""
         action = f"error={self.error}" if self.error else "signal=KILL"
+        if self.error and self.call.syscall == "brk":
+            action = "retval=0"  # it has no error codes: a break below the wanted one says no
         return f"inject={self.call.syscall}:{action}:when={when}{'+' if self.lasting else ''}"
 
 

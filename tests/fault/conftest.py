@@ -10,12 +10,9 @@ import pytest
 pytest.register_assert_rewrite("harness", "faults")
 
 from faults import lab as fault_lab, tables  # noqa: E402
-from harness import Nginx  # noqa: E402
+from harness import Nginx, skips  # noqa: E402
 
 _PAGE = pathlib.Path(__file__).parents[2] / "docs/reliability.md"
-
-# Told to ctest as "skipped": nothing could run.
-_ALL_SKIPPED = 77
 
 _summary = []
 
@@ -40,11 +37,7 @@ def pytest_configure(config):
 
 @pytest.hookimpl(trylast=True)
 def pytest_sessionfinish(session, exitstatus):
-    reporter = session.config.pluginmanager.get_plugin("terminalreporter")
-    stats = reporter.stats if reporter else {}
-    ran = any(stats.get(outcome) for outcome in ("passed", "failed", "error"))
-    if exitstatus == 0 and stats.get("skipped") and not ran:
-        session.exitstatus = _ALL_SKIPPED
+    skips.report_all_skipped(session, exitstatus)
 
 
 def pytest_terminal_summary(terminalreporter):

@@ -10,10 +10,7 @@ import pytest
 
 pytest.register_assert_rewrite("harness")
 
-from harness import AgentHost, Nginx, ScriptedServer, namespace  # noqa: E402
-
-# Told to ctest as "skipped": a module of which nothing could run has not passed.
-_ALL_SKIPPED = 77
+from harness import AgentHost, Nginx, ScriptedServer, namespace, skips  # noqa: E402
 
 
 def pytest_addoption(parser):
@@ -47,11 +44,7 @@ def pytest_collection_modifyitems(config, items):
 
 @pytest.hookimpl(trylast=True)
 def pytest_sessionfinish(session, exitstatus):
-    reporter = session.config.pluginmanager.get_plugin("terminalreporter")
-    stats = reporter.stats if reporter else {}
-    ran = any(stats.get(outcome) for outcome in ("passed", "failed", "error"))
-    if exitstatus == 0 and stats.get("skipped") and not ran:
-        session.exitstatus = _ALL_SKIPPED
+    skips.report_all_skipped(session, exitstatus)
 
 
 @pytest.fixture(scope="session")

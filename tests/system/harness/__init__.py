@@ -10,6 +10,7 @@ scripted.py   a server that misbehaves on purpose
 transfers.py  tables of how a transfer can go
 updates.py    each update and its requests
 saves.py      counts how often a file is replaced
+skips.py      tells ctest of a module of which nothing could run
 
 Names, set-ups and log lines of one update each: software.py, kernel.py, rules.py, web_server.py.
 """

@@ -21,65 +21,60 @@ std::string repeated(const std::string& part, std::int64_t size) {
   return text;
 }
 
-void Trim(benchmark::State& state) {
-  const std::string text = "  " + repeated("word ", state.range(0)) + "\r\n";
+/// Measures @a change on copies of a text that is @a part again and again.
+template <typename Change>
+void measure(benchmark::State& state, const std::string& part, Change change) {
+  const std::string text = repeated(part, state.range(0));
   for (auto _ : state) {
     std::string copy = text;
-    CStr::trim(copy);
+    change(copy);
     benchmark::DoNotOptimize(copy);
   }
+}
+
+void Trim(benchmark::State& state) {
+  measure(state, "  words\r\n", [](std::string& text) { CStr::trim(text); });
 }
 BENCHMARK(Trim)->Arg(kShort)->Arg(kLong);
 
 void TrimRemarks(benchmark::State& state) {
-  const std::string text = repeated("text /* remark */ ", state.range(0));
-  for (auto _ : state) {
-    std::string copy = text;
-    CStr::trim_remark("/*", "*/", copy);
-    benchmark::DoNotOptimize(copy);
-  }
+  measure(state, "text /* remark */ ",
+          [](std::string& text) { CStr::trim_remark("/*", "*/", text); });
 }
 BENCHMARK(TrimRemarks)->Arg(kShort)->Arg(kLong);
 
 void SplitAtDelimiter(benchmark::State& state) {
-  const std::string text = repeated("3.14.", state.range(0));
-  for (auto _ : state) {
+  measure(state, "3.14.", [](const std::string& text) {
     string_list pieces;
     CStr::ext_line(".", pieces, text);
     benchmark::DoNotOptimize(pieces);
-  }
+  });
 }
 BENCHMARK(SplitAtDelimiter)->Arg(kShort)->Arg(kLong);
 
 void SplitWords(benchmark::State& state) {
-  const std::string text = repeated("a few words ", state.range(0));
-  for (auto _ : state) {
+  measure(state, "a few words ", [](const std::string& text) {
     string_list words;
     CStr::ext_line(words, text);
     benchmark::DoNotOptimize(words);
-  }
+  });
 }
 BENCHMARK(SplitWords)->Arg(kShort)->Arg(kLong);
 
 void Replace(benchmark::State& state) {
-  const std::string text = repeated("value=$path;", state.range(0));
-  for (auto _ : state) {
-    std::string copy = text;
-    CStr::string_replace(copy, "$path", "/usr/local/norvak_agent");
-    benchmark::DoNotOptimize(copy);
-  }
+  measure(state, "value=$path;", [](std::string& text) {
+    CStr::string_replace(text, "$path", "/usr/local/norvak_agent");
+  });
 }
 BENCHMARK(Replace)->Arg(kShort)->Arg(kLong);
 
 void ParseCommand(benchmark::State& state) {
-  const std::string command = repeated("tool -x \"a quoted text\" ", state.range(0));
-  std::vector<char*> fields(command.size() + 2);
-  for (auto _ : state) {
-    std::string copy = command;
+  std::vector<char*> fields(static_cast<std::size_t>(2 * state.range(0)));
+  measure(state, "tool -x \"a quoted text\" ", [&fields](std::string& text) {
     int count = 0;
-    utility::CUnixHelper::parse(copy.data(), " ", fields.data(), &count);
+    utility::CUnixHelper::parse(text.data(), " ", fields.data(), &count);
     benchmark::DoNotOptimize(count);
-  }
+  });
 }
 BENCHMARK(ParseCommand)->Arg(kShort)->Arg(1 << 10);
 

@@ -1,17 +1,19 @@
 """An agent's install directory, and an update server with what is new for it."""
 
-import hashlib
-import io
 import os
 import pathlib
 import shutil
 import signal
 import socket
 import subprocess
-import tarfile
+import sys
 import time
 
-_MODULES = ("norvak_ipfilter", "tessel_linux", "quorin_linux")
+sys.path.append(str(pathlib.Path(__file__).parents[1] / "tests/system"))
+
+from harness.kernel import MODULES, digest  # noqa: E402
+from harness.package import DEFAULT_UPDATE_SCRIPT, config_xml, package  # noqa: E402
+
 _NGINX_SECONDS = 10
 # Agents start many at a time: neither that nor a pause for it may come right before a run.
 _AGENTS = 50
@@ -41,26 +43,8 @@ http {{
 }}
 """
 
-_CONFIG = """\
-<?xml version="1.0" encoding="UTF-8"?>
-<norvak>
-  <Process name="agent">
-    <Data>
-      <var name="update_host" value="{url}"/>
-      <var name="kernel_update_host" value="{url}"/>
-      <var name="nginx_update_host" value="{url}"/>
-      <var name="update_type" value="0"/>
-      <var name="version" value="{version}"/>
-    </Data>
-  </Process>
-</norvak>
-"""
 _OLD_VERSION = "norvak3.1.9"
 _NEW_VERSION = "norvak3.1.10"
-
-
-def digest(content):
-    return hashlib.md5(content).hexdigest()
 
 
 class Server:
@@ -92,8 +76,9 @@ class Server:
     def publish_updates(self, payload):
         """Publishes an update of each type. In each, one file is as large as @a payload."""
         self.publish("norvak/norvak_agent_new_version.txt", f"{_NEW_VERSION}\n".encode())
+        agent = package({"update": DEFAULT_UPDATE_SCRIPT, "norvak_agent": payload})
         for family in ("x64", "x86"):
-            self.publish(f"norvak/{family}/nvupdate.tar", _package(payload))
+            self.publish(f"norvak/{family}/nvupdate.tar", agent)
         self.publish_modules(payload)
         self.publish("nginx_new/x64/1.24/md5", f"{digest(payload)}\n".encode())
         self.publish("nginx_new/x64/1.24/nginx", b"\x7fELF" + payload)
@@ -102,8 +87,8 @@ class Server:
 
     def publish_modules(self, payload):
         """Publishes the kernel modules, of which the first is @a payload."""
-        for name in _MODULES:
-            content = payload if name == _MODULES[0] else name.encode()
+        for name in MODULES:
+            content = payload if name == MODULES[0] else name.encode()
             self.publish(f"kernels/{name}/md5", f"{digest(content)}\n".encode())
             self.publish(f"kernels/{name}/{name}.ko", content)
 
@@ -123,16 +108,6 @@ class Server:
                 time.sleep(0.01)
 
 
-def _package(payload):
-    archive = io.BytesIO()
-    with tarfile.open(fileobj=archive, mode="w", format=tarfile.GNU_FORMAT) as tar:
-        for name, content in (("update", b"#!/bin/sh\nexit 0\n"), ("norvak_agent", payload)):
-            member = tarfile.TarInfo(name)
-            member.size = len(content)
-            tar.addfile(member, io.BytesIO(content))
-    return archive.getvalue()
-
-
 class Host:
     """An install directory in which every update finds something to do."""
 
@@ -149,9 +124,11 @@ class Host:
 
     def outdate(self):
         """Puts the old files back in place; no agent runs."""
-        self._write("config.xml",
-                    _CONFIG.format(url=self._server.url, version=_OLD_VERSION).encode())
-        for name in _MODULES:
+        url = self._server.url
+        self._write("config.xml", config_xml({
+            "update_host": url, "kernel_update_host": url, "nginx_update_host": url,
+            "update_type": "0", "version": _OLD_VERSION}))
+        for name in MODULES:
             self._write(f"{name}.ko", b"an older build")
         self._write("nginx/bin/nginx", b"an older build")
         self._write("nginx/md5", b"an older build\n")
@@ -188,7 +165,7 @@ class Host:
         assert f'"{_NEW_VERSION}"' in (self.path / "config.xml").read_text()
 
     def _check_modules(self):
-        for name in _MODULES:
+        for name in MODULES:
             self._check_copy(f"kernels/{name}/{name}.ko", f"{name}.ko")
 
     def _check_web_server(self):

@@ -12,7 +12,7 @@ project=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
   coverage_packages=(gcovr)
   fuzz_packages=(clang 'libclang-rt-dev?' libgtest-dev)  # elsewhere clang brings its run-time
   bench_packages=(libbenchmark-dev nginx curl openssl xmlstarlet tar time python3 python3-matplotlib
-    mount util-linux)
+    python3-pytest mount util-linux)
   lint_packages=(clang-format-14 clang-tidy-14 cppcheck shellcheck)
 }
 

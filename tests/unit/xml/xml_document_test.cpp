@@ -489,6 +489,12 @@ TEST_F(Xml, SelectsFromAnElement) {
   EXPECT_EQ(b.select_nodes("..").length(), 1);
 }
 
+TEST_F(Xml, SelectsByRemainders) {
+  ASSERT_TRUE(load("<a><b name='1'/><b name='2'/><b name='3'/><b name='4'/><b name='5'/></a>"));
+  EXPECT_EQ(names_of("//b[@name mod 2 = 1]"), "1 3 5 ");
+  EXPECT_EQ(names_of("//b[-@name mod 3 = -2]"), "2 5 ");
+}
+
 TEST_F(Xml, OnlyElementsAreListed) {
   ASSERT_TRUE(load("<a name='1'>text<b/><![CDATA[data]]></a>"));
   for (const char* xpath : {"//@name", "//text()", "/", "//comment()"}) {

@@ -139,7 +139,7 @@ class Bench:
             file.unlink(missing_ok=True)
 
         ours = self._subject("download_file", url, file).command
-        found = in_turn(25, {
+        found = in_turn(50, {
             "ours": Subject(ours, prepare),
             "curl": Subject(["curl", "-s", "-4", "-o", str(file), url], prepare),
         })

@@ -132,20 +132,15 @@ class Bench:
             self._against_script(f"{name}, 64 MB", update, arguments, 25, 1.0)
 
     def _download(self):
-        url = self._server.publish("large", _noise_bytes(256 * _MB))
-        file = self._scratch / "fetched"
-
-        def prepare():
-            file.unlink(missing_ok=True)
-
-        ours = self._subject("download_file", url, file).command
-        found = in_turn(50, {
-            "ours": Subject(ours, prepare),
-            "curl": Subject(["curl", "-s", "-4", "-o", str(file), url], prepare),
-        })
-        prepare()
-        self._server.publish("large", b"")  # gives its memory back
+        self._server.publish("large", _noise_bytes(256 * _MB))
+        found = self._fetch("large")
         self._add("download of 256 MB", "curl -s -4 -o", found, "ours", "curl", wall=1.35, cpu=None)
+        self._add("download of 256 MB", "libcurl, one open file", found, "ours", "one file", wall=None)
+        self._add("libcurl, one open file", "curl -s -4 -o", found, "one file", "curl", wall=None)
+        found = self._fetch("sendfile/large")
+        self._add("download of 256 MB, sent by sendfile", "curl -s -4 -o", found, "ours", "curl",
+                  wall=None)
+        self._server.publish("large", b"")  # gives its memory back
 
     def _move(self):
         kept, source, target = (self._scratch / name for name in ("kept", "source", "target"))
@@ -225,6 +220,20 @@ class Bench:
             "script": Subject(script, self._prepare_host, lambda: self._host.check(update)),
         })
         self._add(what, "a shell script", found, "ours", "script", wall=target, cpu=target)
+
+    def _fetch(self, path):
+        url, file = f"{self._server.url}/{path}", self._scratch / "fetched"
+
+        def prepare():
+            file.unlink(missing_ok=True)
+
+        found = in_turn(50, {
+            "ours": Subject(self._subject("download_file", url, file).command, prepare),
+            "one file": Subject(self._subject("download_one_file", url, file).command, prepare),
+            "curl": Subject(["curl", "-s", "-4", "-o", str(file), url], prepare),
+        })
+        prepare()
+        return found
 
     def _update(self, update, arguments=()):
         arguments = arguments or (["0"] if update == "0" else [])

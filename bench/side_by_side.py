@@ -133,13 +133,8 @@ class Bench:
 
     def _download(self):
         self._server.publish("large", _noise_bytes(256 * _MB))
-        found = self._fetch("large")
-        self._add("download of 256 MB", "curl -s -4 -o", found, "ours", "curl", wall=1.35, cpu=None)
-        self._add("download of 256 MB", "libcurl, one open file", found, "ours", "one file", wall=None)
-        self._add("libcurl, one open file", "curl -s -4 -o", found, "one file", "curl", wall=None)
-        found = self._fetch("sendfile/large")
-        self._add("download of 256 MB, sent by sendfile", "curl -s -4 -o", found, "ours", "curl",
-                  wall=None)
+        self._add_download("download of 256 MB", "plain/large")
+        self._add_download("download of 256 MB by sendfile", "large")
         self._server.publish("large", b"")  # gives its memory back
 
     def _move(self):
@@ -221,7 +216,7 @@ class Bench:
         })
         self._add(what, "a shell script", found, "ours", "script", wall=target, cpu=target)
 
-    def _fetch(self, path):
+    def _add_download(self, what, path):
         url, file = f"{self._server.url}/{path}", self._scratch / "fetched"
 
         def prepare():
@@ -233,7 +228,8 @@ class Bench:
             "curl": Subject(["curl", "-s", "-4", "-o", str(file), url], prepare),
         })
         prepare()
-        return found
+        self._add(what, "curl -s -4 -o", found, "ours", "curl", wall=1.35, cpu=None)
+        self._add(what, "libcurl, one open file", found, "ours", "one file", wall=None)
 
     def _update(self, update, arguments=()):
         arguments = arguments or (["0"] if update == "0" else [])

@@ -19,8 +19,8 @@ _NGINX_SECONDS = 10
 _AGENTS = 50
 _AGENTS_START_SECONDS = 0.2
 
-# nginx's defaults and, apart, what distributions often set. Modules are published once, for whatever
-# kernel this machine runs.
+# Files are sent by sendfile, as distributions have it, so that runs do not wait for the server; below
+# /plain/ nginx has its own default. Modules are published once, for whatever kernel this machine runs.
 _NGINX_CONFIG = """\
 daemon off;
 master_process off;
@@ -30,6 +30,7 @@ error_log stderr;
 events {{ worker_connections 1024; }}
 http {{
   access_log off;
+  sendfile on;
   client_body_temp_path temp;
   proxy_temp_path temp;
   fastcgi_temp_path temp;
@@ -39,7 +40,7 @@ http {{
     listen 127.0.0.1:{port} backlog=1024;
     root tree;
     rewrite ^/kernels/.*/([^/]+/[^/]+)$ /kernels/$1;
-    location /sendfile/ {{ sendfile on; alias tree/; }}
+    location /plain/ {{ sendfile off; alias tree/; }}
   }}
 }}
 """

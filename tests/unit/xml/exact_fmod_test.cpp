@@ -15,8 +15,7 @@ using Limits = std::numeric_limits<double>;
 // Wider numbers hold every double, so their remainder is exact. It is also another function, which
 // the link leaves as it is.
 double expected(double x, double y) {
-  return static_cast<double>(
-      std::fmod(static_cast<long double>(x), static_cast<long double>(y)));
+  return static_cast<double>(std::fmod(static_cast<long double>(x), static_cast<long double>(y)));
 }
 
 void expect_exact(double x, double y) {
@@ -41,11 +40,16 @@ TEST(ExactFmod, HasTheSignOfTheDividend) {
 }
 
 TEST(ExactFmod, IsExactAtTheLimitsOfDouble) {
-  const double values[] = {Limits::denorm_min(),     3 * Limits::denorm_min(),
-                           7 * Limits::denorm_min(), Limits::min(),
-                           Limits::epsilon(),        0.1,
-                           1,                        1 + Limits::epsilon(),
-                           1e17,                     Limits::max() / 2,
+  const double values[] = {Limits::denorm_min(),
+                           3 * Limits::denorm_min(),
+                           7 * Limits::denorm_min(),
+                           Limits::min(),
+                           Limits::epsilon(),
+                           0.1,
+                           1,
+                           1 + Limits::epsilon(),
+                           1e17,
+                           Limits::max() / 2,
                            Limits::max()};
   for (const double x : values) {
     for (const double y : values) {

@@ -16,10 +16,12 @@ norvak_find_or_explain(pugixml_FOUND "pugixml" libpugixml-dev pugixml-devel)
 # The C++ runtime and pugixml are linked in together or not at all: pugixml's shared library would
 # bring a second runtime into the process.
 set(norvak_pugixml pugixml::pugixml)
+set(norvak_pugixml_is_static OFF)
 if(NORVAK_STATIC_RUNTIME)
   find_library(NORVAK_PUGIXML_ARCHIVE libpugixml.a)
   if(NORVAK_PUGIXML_ARCHIVE)
     set(norvak_pugixml ${NORVAK_PUGIXML_ARCHIVE})
+    set(norvak_pugixml_is_static ON)
     target_include_directories(norvak_options SYSTEM INTERFACE
       $<TARGET_PROPERTY:pugixml::pugixml,INTERFACE_INCLUDE_DIRECTORIES>)
     target_link_options(norvak_options INTERFACE -static-libstdc++ -static-libgcc)

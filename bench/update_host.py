@@ -19,8 +19,9 @@ _NGINX_SECONDS = 10
 _AGENTS = 50
 _AGENTS_START_SECONDS = 0.2
 
-# Files are sent by sendfile, as distributions have it, so that runs do not wait for the server; below
-# /plain/ nginx has its own default. Modules are published once, for whatever kernel this machine runs.
+# Files are sent by sendfile, as distributions have it, so that runs do not wait for the server;
+# below /plain/ nginx has its own default. Modules are published once, for whatever kernel this
+# machine runs.
 _NGINX_CONFIG = """\
 daemon off;
 master_process off;

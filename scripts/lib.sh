@@ -6,7 +6,8 @@ project=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 # The packages that each purpose needs beyond a minimal Debian or Ubuntu system.
 # shellcheck disable=SC2034  # read by the scripts that source this file
 {
-  build_packages=(g++ cmake ninja-build libcurl4-openssl-dev libpugixml-dev)
+  build_packages=(g++ cmake ninja-build libcurl4-openssl-dev libpugixml-dev libcli11-dev
+    nlohmann-json3-dev libarchive-dev libssl-dev libelf-dev)
   demo_packages=(nginx tar mount util-linux)
   test_packages=(libgtest-dev python3 python3-pytest nginx strace tar mount util-linux)
   coverage_packages=(gcovr)

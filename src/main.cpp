@@ -1,6 +1,7 @@
 // The entry point: chooses the update by the command line and drives its updater.
 #include <unistd.h>
 
+#include <csignal>
 #include <cstdlib>
 #include <string>
 #include <string_view>
@@ -8,6 +9,7 @@
 #include "agent_files.h"
 #include "help.h"
 #include "log.h"
+#include "log_messages.h"
 #include "update_kernel.h"
 #include "update_nginx.h"
 #include "update_rule.h"
@@ -25,26 +27,6 @@ constexpr char kLibraryPath[] = "LD_LIBRARY_PATH";
 constexpr int kAutomaticRun = 0;
 constexpr int kManualUpdating = 1;
 
-constexpr char kUnknownType[] = "Unknow update type.";  // sic: readers of the log match it
-
-constexpr char kSoftConfigUnreadable[] = "[SOFT] read config.xml fail";
-constexpr char kSoftManual[] = "[SOFT] update type is manual, but this is autoupdate subroutine";
-constexpr char kSoftNotNeeded[] = "[SOFT] norvak is not need to update, or check new version fail";
-constexpr char kSoftUpdated[] = "[SOFT] update norvak agent success";
-constexpr char kSoftFailed[] = "[SOFT] update norvak agent failed";
-
-constexpr char kKernelCurrent[] = "[KERNEL] don't need to download %s";
-constexpr char kKernelUpdated[] = "[KERNEL] download kernel %s success";
-constexpr char kKernelFailed[] = "[KERNEL] download kernel %s failed";
-constexpr char kKernelCheckFailed[] = "[KERNEL] check kernel %s MD5 failed";
-
-constexpr char kNginxUpdated[] = "[NGINX] download nginx success";
-constexpr char kNginxFailed[] = "[NGINX] download nginx failed";
-
-constexpr char kRulesCurrent[] = "[RULES] don't need to update";
-constexpr char kRulesUpdated[] = "[RULES] update tarn rules success";
-constexpr char kRulesFailed[] = "[RULES] update tarn rules failed";
-
 /// The arguments behind the update type; null where they were not given.
 struct Arguments {
   const char* second;
@@ -55,17 +37,17 @@ struct Arguments {
 bool automatic_update_wanted(CUpdateSoftImpl& updater) {
   int update_type = 0;
   if (updater.get_update_method(update_type) != 0) {
-    CUpdateLog::write_log(kSoftConfigUnreadable);
+    CUpdateLog::write_log(log_messages::kSoftConfigUnreadable);
     return false;
   }
   if (update_type == kManualUpdating) {
-    CUpdateLog::write_log(kSoftManual);
+    CUpdateLog::write_log(log_messages::kSoftManual);
     return false;
   }
   std::string old_version;
   std::string new_version;
   if (!updater.check_norvak_new_version_exist(old_version, new_version)) {
-    CUpdateLog::write_log(kSoftNotNeeded);
+    CUpdateLog::write_log(log_messages::kSoftNotNeeded);
     return false;
   }
   return true;
@@ -76,10 +58,10 @@ int update_soft(CUpdateSoftImpl& updater, const Arguments& arguments) {
       arguments.second == nullptr ? kAutomaticRun : utility::CStr::to_int(arguments.second);
   if (run_mode == kAutomaticRun && !automatic_update_wanted(updater)) return kFailure;
   if (updater.run_update_norvak_agent() != 0) {
-    CUpdateLog::write_log(kSoftFailed);
+    CUpdateLog::write_log(log_messages::kSoftFailed);
     return kFailure;
   }
-  CUpdateLog::write_log(kSoftUpdated);
+  CUpdateLog::write_log(log_messages::kSoftUpdated);
   return kSuccess;
 }
 
@@ -87,19 +69,19 @@ int update_soft(CUpdateSoftImpl& updater, const Arguments& arguments) {
 bool update_module(CUpdateKernelImpl& updater, const char* name) {
   switch (updater.check_update_kernel(name)) {
     case CUpdateKernelImpl::kNothingToDo:
-      CUpdateLog::write_log(kKernelCurrent, name);
+      CUpdateLog::write_log(log_messages::kKernelCurrent, name);
       return true;
     case CUpdateKernelImpl::kMustDownload:
       break;
     default:
-      CUpdateLog::write_log(kKernelCheckFailed, name);
+      CUpdateLog::write_log(log_messages::kKernelCheckFailed, name);
       return false;
   }
   if (updater.download_kernel(name) == 0) {
-    CUpdateLog::write_log(kKernelUpdated, name);
+    CUpdateLog::write_log(log_messages::kKernelUpdated, name);
     return true;
   }
-  CUpdateLog::write_log(kKernelFailed, name);
+  CUpdateLog::write_log(log_messages::kKernelFailed, name);
   // The first module stands alone; the other two must not be left one without the other.
   if (name != std::string_view(agent_files::kIpfilterModule)) updater.clear_tarn_kernel();
   return false;
@@ -116,24 +98,24 @@ int update_kernel(CUpdateKernelImpl& updater, const Arguments&) {
 int update_nginx(CUpdateNginxImpl& updater, const Arguments& arguments) {
   const bool complete = arguments.second != nullptr && arguments.third != nullptr;
   if (!complete || updater.download_nginx(arguments.second, arguments.third) != 0) {
-    CUpdateLog::write_log(kNginxFailed);
+    CUpdateLog::write_log(log_messages::kNginxFailed);
     return kFailure;
   }
-  CUpdateLog::write_log(kNginxUpdated);
+  CUpdateLog::write_log(log_messages::kNginxUpdated);
   return kSuccess;
 }
 
 int update_rules(CUpdateRuleImpl& updater, const Arguments&) {
   if (!updater.check_tarn_rules_md5()) {
-    CUpdateLog::write_log(kRulesCurrent);
+    CUpdateLog::write_log(log_messages::kRulesCurrent);
     return kFailure;  // rules that are current count as a failed run
   }
   if (updater.download_tarn_rules_file() != 0) {
-    CUpdateLog::write_log(kRulesFailed);
+    CUpdateLog::write_log(log_messages::kRulesFailed);
     return kFailure;
   }
   (void)CHelper::stop_norvak_agent();  // starting it again is not this program's work
-  CUpdateLog::write_log(kRulesUpdated);
+  CUpdateLog::write_log(log_messages::kRulesUpdated);
   return kSuccess;
 }
 
@@ -163,7 +145,7 @@ int run_update(int type, const Arguments& arguments) {
   for (const UpdateKind& kind : kUpdateKinds) {
     if (kind.type == type) return kind.run(arguments);
   }
-  CUpdateLog::write_log(kUnknownType);
+  CUpdateLog::write_log(log_messages::kUnknownType);
   return kFailure;
 }
 
@@ -181,6 +163,8 @@ int end_process(int status) {
 int main(int argc, char* argv[]) {
   if (argc < 2) return kFailure;
 
+  // A caller may ignore SIGCHLD, as daemons do; system() then cannot get a child's exit status.
+  (void)std::signal(SIGCHLD, SIG_DFL);
   // The programs that an update starts find the agent's own libraries there.
   (void)::setenv(kLibraryPath, utility::CUnixHelper::get_norvak_path().c_str(), 1);
 

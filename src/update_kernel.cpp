@@ -14,6 +14,7 @@
 #include "agent_files.h"
 #include "help.h"
 #include "log.h"
+#include "log_messages.h"
 #include "url_op.h"
 #include "utility/cstr.h"
 #include "utility/file.h"
@@ -50,13 +51,6 @@ constexpr int kListLimit = 1024;
 constexpr std::size_t kTooManyLines = 2;
 constexpr std::size_t kRecordPathLimit = 128;
 constexpr mode_t kRecordMode = 0666;  // less the umask
-
-constexpr char kListDownloadFailed[] = "[KERNEL] download %s MD5 failed";
-constexpr char kListUnreadable[] = "[KERNEL] open MD5 template file failed";
-constexpr char kListAbnormal[] = "[KERNEL] download MD5 file is abnormal";
-constexpr char kModuleDownloadFailed[] = "[KERNEL] download %s kernel failed";
-constexpr char kModuleRefused[] = "[KERNEL] check download %s kernel MD5 false";
-constexpr char kModuleVerified[] = "[KERNEL] check download %s kernel MD5 success";
 
 std::string upper_case(std::string text) {
   std::transform(text.begin(), text.end(), text.begin(),
@@ -188,16 +182,16 @@ int CUpdateKernelImpl::check_update_kernel(const char* name) {
   const std::string url =
       build_url_string(kMd5ListUrl, host.server, host.os_type, host.arch, host.kernel, name);
   if (CUrlOp::url_down_file(url.c_str(), md5_path.c_str()) != 0) {
-    CUpdateLog::write_log(kListDownloadFailed, name);
+    CUpdateLog::write_log(log_messages::kKernelListDownloadFailed, name);
     return -1;
   }
   string_list lines;
   if (!utility::read_lines(md5_path, kListLimit, kTooManyLines, lines)) {
-    CUpdateLog::write_log(kListUnreadable);
+    CUpdateLog::write_log(log_messages::kKernelListUnreadable);
     return -1;
   }
   if (lines.size() == kTooManyLines) {
-    CUpdateLog::write_log(kListAbnormal);
+    CUpdateLog::write_log(log_messages::kKernelListAbnormal);
     return -1;
   }
   const std::string installed = get_kernel_full_path(name);
@@ -213,14 +207,14 @@ int CUpdateKernelImpl::download_kernel(const char* name) {
   const std::string url =
       build_url_string(kModuleUrl, host.server, host.os_type, host.arch, host.kernel, name);
   if (CUrlOp::url_down_file(url.c_str(), kernel_path.c_str()) != 0) {
-    CUpdateLog::write_log(kModuleDownloadFailed, name);
+    CUpdateLog::write_log(log_messages::kKernelModuleDownloadFailed, name);
     return -1;
   }
   if (!check_download_kernel_md5()) {
-    CUpdateLog::write_log(kModuleRefused, name);
+    CUpdateLog::write_log(log_messages::kKernelModuleRefused, name);
     return -1;
   }
-  CUpdateLog::write_log(kModuleVerified, name);
+  CUpdateLog::write_log(log_messages::kKernelModuleVerified, name);
   (void)CHelper::rename_file(kernel_path, get_kernel_full_path(name));
   return 0;
 }

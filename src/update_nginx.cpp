@@ -7,6 +7,7 @@
 #include "agent_files.h"
 #include "help.h"
 #include "log.h"
+#include "log_messages.h"
 #include "url_op.h"
 #include "utility/file.h"
 #include "utility/unix_helper.h"
@@ -28,9 +29,6 @@ constexpr char kWordSize64[] = "64-bit";
 constexpr int kIdentificationLimit = 128;
 constexpr char kElfMark[] = "elf";
 constexpr std::size_t kElfHeadBytes = 4;  // one byte that is not looked at, and the mark
-
-constexpr char kNotNew[] = "[NGINX]is not new version";
-constexpr char kDownloading[] = "[NGINX]new version is exist, download now";
 
 std::string read_identification(const std::string& path) {
   return utility::read_first_line(path, kIdentificationLimit).value_or("");
@@ -80,10 +78,10 @@ int CUpdateNginxImpl::download_nginx(const char* version_dir, const char* word_s
   if (CUrlOp::url_down_file((build + agent_files::kMd5).c_str(), md5_download_path.c_str()) != 0)
     return -1;
   if (check_file_md5()) {
-    CUpdateLog::write_log(kNotNew);
+    CUpdateLog::write_log(log_messages::kNginxNotNew);
     return -1;
   }
-  CUpdateLog::write_log(kDownloading);
+  CUpdateLog::write_log(log_messages::kNginxDownloading);
   if (CUrlOp::url_down_file((build + kNginx).c_str(), nginx_download_path.c_str()) != 0) return -1;
   if (!is_elf(nginx_download_path.c_str())) return -1;
 

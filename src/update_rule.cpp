@@ -5,6 +5,7 @@
 #include "agent_files.h"
 #include "help.h"
 #include "log.h"
+#include "log_messages.h"
 #include "url_op.h"
 #include "utility/file.h"
 #include "utility/md5wrapper.h"
@@ -28,9 +29,6 @@ constexpr char kServerRules[] = "/tarn_rule/norvak_default_rule.xml";
 constexpr int kListLimit = 1024;
 constexpr std::size_t kTooManyLines = 2;
 constexpr int kDigestLimit = 128;
-
-constexpr char kRulesRefused[] = "download_tarn_rules_file: check download rule MD5 false";
-constexpr char kRulesVerified[] = "download_tarn_rules_file: check download rule MD5 success";
 
 }  // namespace
 
@@ -73,10 +71,10 @@ int CUpdateRuleImpl::download_tarn_rules_file() {
   const std::string url = get_url_from_xml() + kServerRules;
   if (CUrlOp::url_down_file(url.c_str(), rule_path.c_str()) != 0) return -1;
   if (!check_download_rule_md5()) {
-    CUpdateLog::write_log(kRulesRefused);
+    CUpdateLog::write_log(log_messages::kRulesRefused);
     return -1;
   }
-  CUpdateLog::write_log(kRulesVerified);
+  CUpdateLog::write_log(log_messages::kRulesVerified);
   (void)CHelper::rename_file(rule_path, install_path + kInstalledRules);
   return 0;
 }

@@ -16,6 +16,7 @@
 #include "agent_files.h"
 #include "help.h"
 #include "log.h"
+#include "log_messages.h"
 #include "url_op.h"
 #include "utility/cstr.h"
 #include "utility/file.h"
@@ -50,18 +51,6 @@ constexpr int kVersionLimit = 64;
 constexpr std::size_t kVersionPrefix = 6;
 constexpr char kFieldSeparator[] = ".";
 constexpr int kMostChanges = 2;
-
-constexpr char kConfigUnreadable[] =
-    "[SOFT] call get_update_method function failed, config path: %s";
-constexpr char kVersionDownloadFailed[] = "[SOFT] download file failed [url: %s] [file: %s]";
-constexpr char kVersionUnknown[] =
-    "[SOFT] call check_norvak_new_version_exist->download_norvak_version_file faild";
-constexpr char kPackageDownloadFailed[] =
-    "[SOFT] call run_update_norvak_agent->download_norvak_update_package failed";
-constexpr char kUpdateFailed[] = "[SOFT] call run_update_norvak_agent->update_now failed";
-constexpr char kConfigUpdateFailed[] = "[SOFT] call run_update_norvak_agent->update_config failed";
-constexpr char kUnpackFailed[] = "call decompress_package failed";
-constexpr char kScriptFailed[] = "call exec_script failed";
 
 /// Runs a command line through the shell.
 /// @return 0; -1 when it could not be started, was ended by a signal or exited nonzero
@@ -129,7 +118,7 @@ std::string CUpdateSoftImpl::get_download_url() {
 int CUpdateSoftImpl::get_update_method(int& update_type) {
   std::string text = std::to_string(update_type);  // stays when the setting is missing
   if (config::get_config_var(config_path, config::kUpdateType, text) != 0) {
-    CUpdateLog::write_log(kConfigUnreadable, config_path.c_str());
+    CUpdateLog::write_log(log_messages::kSoftMethodUnreadable, config_path.c_str());
     return -1;
   }
   update_type = utility::CStr::to_int(text.c_str());
@@ -145,7 +134,8 @@ int CUpdateSoftImpl::download_norvak_version_file() {
   if (url.empty()) return -1;
   url += kServerVersion;
   if (CUrlOp::url_down_file(url.c_str(), version_file_path.c_str()) != 0) {
-    CUpdateLog::write_log(kVersionDownloadFailed, url.c_str(), version_file_path.c_str());
+    CUpdateLog::write_log(log_messages::kSoftVersionDownloadFailed, url.c_str(),
+                          version_file_path.c_str());
     return -1;
   }
   int lines_with_text = 0;
@@ -178,7 +168,7 @@ void CUpdateSoftImpl::parse_version(const std::string& version, const std::strin
 
 bool CUpdateSoftImpl::check_norvak_new_version_exist(std::string& installed, std::string& offered) {
   if (download_norvak_version_file() != 0) {
-    CUpdateLog::write_log(kVersionUnknown);
+    CUpdateLog::write_log(log_messages::kSoftVersionUnknown);
     return false;
   }
   offered = get_norvak_new_version();
@@ -189,7 +179,7 @@ bool CUpdateSoftImpl::check_norvak_new_version_exist(std::string& installed, std
 int CUpdateSoftImpl::run_update_norvak_agent() {
   std::optional<UpdateMarker> marker(std::in_place, install_path);
   if (download_norvak_update_package() != 0) {
-    CUpdateLog::write_log(kPackageDownloadFailed);
+    CUpdateLog::write_log(log_messages::kSoftPackageDownloadFailed);
     return -1;
   }
   (void)CHelper::stop_norvak_agent();
@@ -201,11 +191,11 @@ int CUpdateSoftImpl::run_update_norvak_agent() {
 
 int CUpdateSoftImpl::install_package() {
   if (update_now() != 0) {
-    CUpdateLog::write_log(kUpdateFailed);
+    CUpdateLog::write_log(log_messages::kSoftInstallFailed);
     return -1;
   }
   if (update_config() != 0) {
-    CUpdateLog::write_log(kConfigUpdateFailed);
+    CUpdateLog::write_log(log_messages::kSoftCarryOverFailed);
     return -1;
   }
   return 0;
@@ -223,11 +213,11 @@ int CUpdateSoftImpl::download_norvak_update_package() {
 int CUpdateSoftImpl::update_now() {
   if (config::get_config_var(config_path, config::kUpdateType, saved_update_type) != 0) return -1;
   if (decompress_package() != 0) {
-    CUpdateLog::write_log(kUnpackFailed);
+    CUpdateLog::write_log(log_messages::kSoftUnpackFailed);
     return -1;
   }
   if (exec_script() != 0) {
-    CUpdateLog::write_log(kScriptFailed);
+    CUpdateLog::write_log(log_messages::kSoftScriptFailed);
     return -1;
   }
   return 0;

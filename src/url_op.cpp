@@ -7,12 +7,11 @@
 #include <memory>
 
 #include "log.h"
+#include "log_messages.h"
 #include "utility/file.h"
 
 namespace {
 
-constexpr char kInitFailed[] = "CUrlOp::url_down_file: init easy_handle failed";
-constexpr char kPerformFailed[] = "CUrlOp::url_down_file: curl_easy_perform failed[%d]";
 constexpr mode_t kFileMode = 0666;  // less the umask
 
 struct CurlCleanup {
@@ -27,7 +26,7 @@ int CUrlOp::url_down_file(const char* url, const char* path) {
 
   const CurlPtr curl(curl_easy_init());
   if (!curl) {
-    CUpdateLog::write_log(kInitFailed);
+    CUpdateLog::write_log(log_messages::kTransferInitFailed);
     return -1;
   }
   // An option that cannot be set (memory ran out) shows in the transfer, which then lacks it.
@@ -38,7 +37,7 @@ int CUrlOp::url_down_file(const char* url, const char* path) {
 
   const CURLcode code = curl_easy_perform(curl.get());
   if (code != CURLE_OK) {
-    CUpdateLog::write_log(kPerformFailed, static_cast<int>(code));
+    CUpdateLog::write_log(log_messages::kTransferFailed, static_cast<int>(code));
     return -1;
   }
   return 0;

@@ -8,25 +8,12 @@ SOURCES = sorted((PROJECT / "src").rglob("*.cpp")) + sorted((PROJECT / "src").rg
 DOCUMENTS = sorted(PROJECT.glob("*.md")) + sorted((PROJECT / "docs").glob("*.md"))
 
 
-def constants():
-    """The texts of all constants in the sources, by file and name."""
-    declaration = re.compile(r'constexpr char (k\w+)\[[^]]*\] =\s*((?:"(?:[^"\\]|\\.)*"\s*)+);')
-    found = {}
-    for source in SOURCES:
-        for name, pieces in declaration.findall(source.read_text()):
-            text = "".join(re.findall(r'"((?:[^"\\]|\\.)*)"', pieces))
-            found[source.name, name] = text
-    return found
-
-
-def logged_texts():
-    """The texts that the sources hand to the log, each with the place where it stands."""
-    texts = {}
-    known = constants()
-    for source in SOURCES:
-        for format_argument in re.findall(r"CUpdateLog::write_log\(\s*(k\w+)", source.read_text()):
-            texts.setdefault(known[source.name, format_argument], []).append(source.name)
-    return texts
+def log_messages():
+    """The texts of the log messages, by the names of their constants."""
+    declaration = re.compile(r'constexpr char (k\w+)\[\] =\s*((?:"(?:[^"\\]|\\.)*"\s*)+);')
+    header = (PROJECT / "src/log_messages.h").read_text()
+    return {name: "".join(re.findall(r'"((?:[^"\\]|\\.)*)"', pieces))
+            for name, pieces in declaration.findall(header)}
 
 
 def documented_texts():
@@ -35,22 +22,27 @@ def documented_texts():
     return re.findall(r"^\| `([^`]+)` \|", document, re.MULTILINE)
 
 
-def test_every_call_of_the_log_has_a_named_text():
-    calls = sum(source.read_text().count("CUpdateLog::write_log(") for source in SOURCES)
-    named = sum(len(re.findall(r"CUpdateLog::write_log\(\s*k\w+[,)]", source.read_text()))
-                for source in SOURCES)
+def test_the_program_logs_these_messages_and_no_others():
+    logged = set()
+    calls = 0
+    for source in SOURCES:
+        text = source.read_text()
+        calls += text.count("CUpdateLog::write_log(")
+        names = re.findall(r"CUpdateLog::write_log\(\s*log_messages::(k\w+)[,)]", text)
+        calls -= len(names)
+        logged.update(names)
     definitions = 1
-    assert calls == named + definitions and named > 0
+    assert calls == definitions
+    assert logged == set(log_messages())
 
 
 def test_the_documented_log_lines_are_those_of_the_program():
-    assert sorted(documented_texts()) == sorted(logged_texts())
+    assert sorted(documented_texts()) == sorted(log_messages().values())
 
 
-def test_each_text_stands_in_the_sources_once():
-    log_texts = set(logged_texts())
-    values = [value for value in constants().values() if value in log_texts]
-    assert sorted(values) == sorted(log_texts)
+def test_no_two_messages_are_the_same():
+    texts = list(log_messages().values())
+    assert len(set(texts)) == len(texts)
 
 
 def test_the_readme_names_every_setting():

@@ -7,7 +7,7 @@ project=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 # shellcheck disable=SC2034  # read by the scripts that source this file
 {
   build_packages=(g++ cmake ninja-build libcurl4-openssl-dev libpugixml-dev libcli11-dev
-    nlohmann-json3-dev libarchive-dev libssl-dev libelf-dev)
+    nlohmann-json3-dev libarchive-dev libssl-dev libelf-dev zlib1g-dev)
   demo_packages=(nginx tar mount util-linux)
   test_packages=(libgtest-dev python3 python3-pytest nginx strace tar mount util-linux)
   coverage_packages=(gcovr)

@@ -1,23 +1,32 @@
-// What the tools report about a host or a server tree.
+// Findings: what a tool has to say about a host or a server tree, in the manner of a linter.
 #pragma once
 
+#include <iosfwd>
+#include <nlohmann/json_fwd.hpp>
 #include <string>
+
+#include "common/terminal.h"
 
 namespace tools {
 
-enum class Severity {
-  kNote,
-  kWarning,  ///< some host could be hurt
-  kError,    ///< some host would be hurt
+/// In ascending order, so that findings can be compared.
+enum class Severity { kNote, kWarning, kError };
+
+struct Finding {
+  std::string code;  ///< stable, for scripts: lower-case words joined by "-"
+  Severity severity = Severity::kNote;
+  std::string file;  ///< the file or address concerned; may be empty
+  std::string text;  ///< what is wrong and why it matters, as a sentence
+  std::string fix;   ///< what to do about it, as a sentence; may be empty
 };
 
-/// One observation. Codes are stable: scripts may rely on them.
-struct Finding {
-  std::string code;
-  Severity severity = Severity::kNote;
-  std::string file;  ///< the path or URL concerned
-  std::string why;   ///< what is wrong and why it matters
-  std::string fix;
-};
+/// "note", "warning" or "error".
+[[nodiscard]] const char* severity_name(Severity severity);
+
+/// An object with the members code, severity, file, text and fix.
+void to_json(nlohmann::json& json, const Finding& finding);
+
+/// Prints a finding for people: "severity: file: text [code]", and the fix in a second line.
+void print_finding(std::ostream& out, const Painter& paint, const Finding& finding);
 
 }  // namespace tools

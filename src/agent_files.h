@@ -1,5 +1,5 @@
-// The names in the agent's install directory and on the update server that more than one source
-// file uses. A name that only one file uses stands in that file.
+// The files of the agent that the updater reads and writes. Suffixes begin with "/" and follow the
+// install directory unless a comment says otherwise.
 #pragma once
 
 #include <string>
@@ -7,20 +7,50 @@
 namespace agent_files {
 
 inline constexpr char kConfig[] = "/config.xml";
+inline constexpr char kLog[] = "/runlog/update.log";
+inline constexpr char kPid[] = "/norvak.pid";
+inline constexpr char kStartupScript[] = "/startup.sh";
+inline constexpr char kTar[] = "/tool/tar";
 
-// The agent's kernel modules, in the order in which they are updated.
+/// Exists while a type 0 run installs.
+inline constexpr char kUpdateMarker[] = "/update";
+
+// Work directories, and what is downloaded into them.
+inline constexpr char kSoftWorkDir[] = "/update_norvak_soft";
+inline constexpr char kSoftDataDir[] = "/update_norvak_soft/data";
+inline constexpr char kSoftPackage[] = "/update_norvak_soft/norvak_update_package.tar";
+inline constexpr char kSoftVersionFile[] = "/update_norvak_soft/new_version";
+inline constexpr char kKernelWorkDir[] = "/update_norvak_kernel";
+inline constexpr char kKernelDigestList[] = "/update_norvak_kernel/md5";
+inline constexpr char kKernelDownload[] = "/update_norvak_kernel/kernel";
+inline constexpr char kNginxWorkDir[] = "/update_norvak_nginx";
+inline constexpr char kNginxDownload[] = "/update_norvak_nginx/nginx";
+inline constexpr char kNginxMd5Download[] = "/update_norvak_nginx/md5";
+inline constexpr char kRuleWorkDir[] = "/update_norvak_rule";
+inline constexpr char kRuleMd5Download[] = "/update_norvak_rule/rule_md5";
+inline constexpr char kRuleDownload[] = "/update_norvak_rule/rule";
+
+/// The script that installs an agent package, below the unpacked package.
+inline constexpr char kPackageScript[] = "/update";
+
+inline constexpr char kKernelVersionRecord[] = "/runlog/kernel_version";
+
+inline constexpr char kInstalledRules[] = "/template/norvak_default_rule.xml";
+/// Its first line is the digest of the rules that the agent runs. The updater never writes it.
+inline constexpr char kCurrentRulesDigest[] = "/template/system_rule.dat";
+
+inline constexpr char kInstalledNginx[] = "/nginx/bin/nginx";
+inline constexpr char kInstalledNginxMd5[] = "/nginx/md5";
+
+// The agent's kernel modules. The last two, the engine modules, are installed together or not at
+// all.
 inline constexpr char kIpfilterModule[] = "norvak_ipfilter";
 inline constexpr char kTesselModule[] = "tessel_linux";
 inline constexpr char kQuorinModule[] = "quorin_linux";
+/// All of them, in the order in which they are updated.
+inline constexpr const char* kModules[] = {kIpfilterModule, kTesselModule, kQuorinModule};
 
-// Directories of the update server, by processor family.
-inline constexpr char kX64[] = "x64";
-inline constexpr char kX86[] = "x86";
-
-/// Name of the file that identifies a build, on the update server and here.
-inline constexpr char kMd5[] = "/md5";
-
-/// File name ending of a kernel module, installed or on the update server.
+/// File name extension of a kernel module, installed or on the update server.
 inline constexpr char kModuleSuffix[] = ".ko";
 
 /// Path of the installed kernel module @a name: modules lie directly in @a install_path.

@@ -10,14 +10,13 @@
 #include <string_view>
 #include <vector>
 
+#include "agent_files.h"
 #include "utility/cstr.h"
 #include "utility/file.h"
 #include "utility/unix_helper.h"
 
 namespace {
 
-constexpr char kPidSuffix[] = "/norvak.pid";
-constexpr char kStartupSuffix[] = "/startup.sh";
 constexpr int kPidLimit = 32;
 
 /// Tested as a bit, not compared: entry types that contain it, such as sockets, count as
@@ -46,7 +45,7 @@ std::optional<std::vector<Entry>> list_directory(const std::string& path) {
 }  // namespace
 
 int CHelper::stop_norvak_agent() {
-  const std::string pid_path = utility::CUnixHelper::get_norvak_path() + kPidSuffix;
+  const std::string pid_path = utility::CUnixHelper::get_norvak_path() + agent_files::kPid;
   const std::optional<std::string> line = utility::read_first_line(pid_path, kPidLimit);
   if (!line) return -1;
   const pid_t pid = utility::CStr::to_int(line->c_str());
@@ -55,7 +54,7 @@ int CHelper::stop_norvak_agent() {
 }
 
 int CHelper::start_norvak_agent() {
-  const std::string script = utility::CUnixHelper::get_norvak_path() + kStartupSuffix;
+  const std::string script = utility::CUnixHelper::get_norvak_path() + agent_files::kStartupScript;
   [[maybe_unused]] const int ignored = std::system(script.c_str());
   return 0;
 }

@@ -9,21 +9,20 @@
 #include <ctime>
 #include <string>
 
+#include "agent_files.h"
 #include "utility/file.h"
 #include "utility/unix_helper.h"
 
 namespace {
 
-constexpr char kLogSuffix[] = "/runlog/update.log";
 constexpr char kTimeFormat[] = "%F %T";
 constexpr std::size_t kMessageLimit = 2048;  // bytes, terminating zero included
 constexpr std::size_t kTimeLimit = 64;
-constexpr mode_t kLogMode = 0666;  // less the umask
 
 utility::Descriptor open_log() {
-  const std::string path = utility::CUnixHelper::get_norvak_path() + kLogSuffix;
+  const std::string path = utility::CUnixHelper::get_norvak_path() + agent_files::kLog;
   return utility::Descriptor(
-      ::open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, kLogMode));
+      ::open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, utility::kNewFileMode));
 }
 
 std::string time_stamp() {

@@ -1,4 +1,4 @@
-// The entry point: chooses the update by the command line and drives its updater.
+// Entry point: selects the update from the command line and runs its updater.
 #include <unistd.h>
 
 #include <csignal>
@@ -27,13 +27,13 @@ constexpr char kLibraryPath[] = "LD_LIBRARY_PATH";
 constexpr int kAutomaticRun = 0;
 constexpr int kManualUpdating = 1;
 
-/// The arguments behind the update type; null where they were not given.
+/// The arguments after the update type; null if they were not given.
 struct Arguments {
-  const char* second;
-  const char* third;
+  const char* run_mode_or_version;  ///< type 0: run mode; type 2: version directory
+  const char* word_size;            ///< type 2
 };
 
-/// An automatic run goes on only when the configuration allows it and the server has something new.
+/// An automatic run continues only if the configuration allows it and the server has a newer agent.
 bool automatic_update_wanted(CUpdateSoftImpl& updater) {
   int update_type = 0;
   if (updater.get_update_method(update_type) != 0) {
@@ -54,8 +54,9 @@ bool automatic_update_wanted(CUpdateSoftImpl& updater) {
 }
 
 int update_soft(CUpdateSoftImpl& updater, const Arguments& arguments) {
-  const int run_mode =
-      arguments.second == nullptr ? kAutomaticRun : utility::CStr::to_int(arguments.second);
+  const int run_mode = arguments.run_mode_or_version == nullptr
+                           ? kAutomaticRun
+                           : utility::CStr::to_int(arguments.run_mode_or_version);
   if (run_mode == kAutomaticRun && !automatic_update_wanted(updater)) return kFailure;
   if (updater.run_update_norvak_agent() != 0) {
     CUpdateLog::write_log(log_messages::kSoftFailed);
@@ -65,7 +66,7 @@ int update_soft(CUpdateSoftImpl& updater, const Arguments& arguments) {
   return kSuccess;
 }
 
-/// @return false when the modules behind this one must not be looked at
+/// @return false if the remaining modules must not be checked
 bool update_module(CUpdateKernelImpl& updater, const char* name) {
   switch (updater.check_update_kernel(name)) {
     case CUpdateKernelImpl::kNothingToDo:
@@ -82,22 +83,22 @@ bool update_module(CUpdateKernelImpl& updater, const char* name) {
     return true;
   }
   CUpdateLog::write_log(log_messages::kKernelFailed, name);
-  // The first module stands alone; the other two must not be left one without the other.
+  // The first module is independent; of the other two, one must not be installed without the other.
   if (name != std::string_view(agent_files::kIpfilterModule)) updater.clear_tarn_kernel();
   return false;
 }
 
 int update_kernel(CUpdateKernelImpl& updater, const Arguments&) {
-  for (const char* name :
-       {agent_files::kIpfilterModule, agent_files::kTesselModule, agent_files::kQuorinModule}) {
+  for (const char* name : agent_files::kModules) {
     if (!update_module(updater, name)) return kFailure;
   }
   return kSuccess;
 }
 
 int update_nginx(CUpdateNginxImpl& updater, const Arguments& arguments) {
-  const bool complete = arguments.second != nullptr && arguments.third != nullptr;
-  if (!complete || updater.download_nginx(arguments.second, arguments.third) != 0) {
+  const auto& [version, word_size] = arguments;
+  const bool complete = version != nullptr && word_size != nullptr;
+  if (!complete || updater.download_nginx(version, word_size) != 0) {
     CUpdateLog::write_log(log_messages::kNginxFailed);
     return kFailure;
   }
@@ -108,22 +109,22 @@ int update_nginx(CUpdateNginxImpl& updater, const Arguments& arguments) {
 int update_rules(CUpdateRuleImpl& updater, const Arguments&) {
   if (!updater.check_tarn_rules_md5()) {
     CUpdateLog::write_log(log_messages::kRulesCurrent);
-    return kFailure;  // rules that are current count as a failed run
+    return kFailure;  // a run without new rules counts as failed
   }
   if (updater.download_tarn_rules_file() != 0) {
     CUpdateLog::write_log(log_messages::kRulesFailed);
     return kFailure;
   }
-  (void)CHelper::stop_norvak_agent();  // starting it again is not this program's work
+  (void)CHelper::stop_norvak_agent();  // this program does not start it again
   CUpdateLog::write_log(log_messages::kRulesUpdated);
   return kSuccess;
 }
 
-/// The life of an updater: whatever its work comes to, its work directory is removed at the end.
+/// Runs an updater. Whatever the result, its work directory is removed at the end.
 template <typename Updater, int (*kWork)(Updater&, const Arguments&)>
 int run(const Arguments& arguments) {
   Updater updater;
-  (void)updater.init();  // what a failure leaves undone shows in the work
+  (void)updater.init();  // a failed init() surfaces in the steps that need it
   const int result = kWork(updater, arguments);
   updater.release();
   return result;
@@ -149,10 +150,10 @@ int run_update(int type, const Arguments& arguments) {
   return kFailure;
 }
 
-/// Everything is written and closed by now. What the libraries would still do, mostly give memory
-/// back, is the kernel's work anyway and takes them 4 % of a small run.
+/// Skips the exit handlers: everything is written and closed, they only free memory, and they take
+/// 4 % of a small run.
 int end_process(int status) {
-#ifndef NORVAK_ORDERLY_EXIT  // defined for builds that report at exit
+#ifndef NORVAK_ORDERLY_EXIT  // set for builds that report leaks or coverage at exit
   ::_exit(status);
 #endif
   return status;
@@ -165,7 +166,7 @@ int main(int argc, char* argv[]) {
 
   // A caller may ignore SIGCHLD, as daemons do; system() then cannot get a child's exit status.
   (void)std::signal(SIGCHLD, SIG_DFL);
-  // The programs that an update starts find the agent's own libraries there.
+  // So that the programs an update starts find the agent's own libraries.
   (void)::setenv(kLibraryPath, utility::CUnixHelper::get_norvak_path().c_str(), 1);
 
   const Arguments arguments = {argc > 2 ? argv[2] : nullptr, argc > 3 ? argv[3] : nullptr};

@@ -3,17 +3,15 @@
 
 #include <string>
 
+#include "host_identity.h"
+
 /// Keeps the agent's kernel modules in step with the builds that the update server offers for the
 /// host's distribution, kernel flavour, processor family and kernel version.
 ///
 /// Call init() first and release() last.
 class CUpdateKernelImpl {
  public:
-  /// The running kernel, in the words of the update server's directories.
-  struct KernelInfo {
-    std::string version;  ///< release in upper case, shortened, such as "2.6.18-164"
-    std::string flavour;  ///< "xen", "pae", "default", "desktop", "server", "generic" or empty
-  };
+  using KernelInfo = host_identity::KernelInfo;
 
   static constexpr int kMustDownload = 0;
   static constexpr int kNothingToDo = 1;

@@ -1,13 +1,11 @@
 #include "update_soft.h"
 
 #include <fcntl.h>
-#include <strings.h>
 #include <sys/stat.h>
 #include <sys/utsname.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
@@ -15,42 +13,25 @@
 
 #include "agent_files.h"
 #include "help.h"
+#include "host_identity.h"
 #include "log.h"
 #include "log_messages.h"
+#include "server_paths.h"
 #include "url_op.h"
 #include "utility/cstr.h"
 #include "utility/file.h"
 #include "utility/unix_helper.h"
+#include "version.h"
 #include "xml/config.h"
 #include "xml/xml_document.h"
 
 namespace {
 
-// Below the install directory.
-constexpr char kWorkDir[] = "/update_norvak_soft";
-constexpr char kTar[] = "/tool/tar";
-constexpr char kMarker[] = "/update";
-// Below the work directory.
-constexpr char kDataDir[] = "/data";
-constexpr char kPackage[] = "/norvak_update_package.tar";
-constexpr char kVersionFile[] = "/new_version";
-// Below the unpacked package.
-constexpr char kScript[] = "/update";
-// Below the update server's address.
-constexpr char kServerVersion[] = "/norvak/norvak_agent_new_version.txt";
-constexpr char kServerPackage64[] = "/norvak/x64/nvupdate.tar";
-constexpr char kServerPackage32[] = "/norvak/x86/nvupdate.tar";
-
-constexpr char kMachine64[] = "x86_64";
 constexpr char kDiscardOutput[] = " > /dev/null";
-
-constexpr mode_t kMarkerMode = 0666;  // less the umask
 constexpr mode_t kScriptMode = 0544;
-constexpr int kLineLimit = 1024;
-constexpr int kVersionLimit = 64;
-constexpr std::size_t kVersionPrefix = 6;
-constexpr char kFieldSeparator[] = ".";
-constexpr int kMostChanges = 2;
+
+/// update_config stops at its second change, of either setting.
+constexpr int kMaxSettingChanges = 2;
 
 /// Runs a command line through the shell.
 /// @return 0; -1 when it could not be started, was ended by a signal or exited nonzero
@@ -63,9 +44,10 @@ int run_command(const std::string& command) {
 /// cannot be created the update goes on without it.
 class UpdateMarker {
  public:
-  explicit UpdateMarker(const std::string& agent) : path_(agent + kMarker) {
+  explicit UpdateMarker(const std::string& install_path)
+      : path_(install_path + agent_files::kUpdateMarker) {
     const utility::Descriptor file(
-        ::open(path_.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, kMarkerMode));
+        ::open(path_.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, utility::kNewFileMode));
   }
   UpdateMarker(const UpdateMarker&) = delete;
   UpdateMarker& operator=(const UpdateMarker&) = delete;
@@ -75,34 +57,14 @@ class UpdateMarker {
   std::string path_;
 };
 
-/// The numeric fields of a version text, which follow its prefix.
-/// @throws std::out_of_range  the text is shorter than the prefix
-string_list version_fields(const std::string& version) {
-  string_list fields;
-  CUpdateSoftImpl::parse_version(version.substr(kVersionPrefix), kFieldSeparator, fields);
-  return fields;
-}
-
-bool is_newer(const std::string& offered, const std::string& installed) {
-  const string_list offered_fields = version_fields(offered);
-  const string_list installed_fields = version_fields(installed);
-  const std::size_t common = std::min(offered_fields.size(), installed_fields.size());
-  for (std::size_t i = 0; i < common; ++i) {
-    const int offered_number = utility::CStr::to_int(offered_fields[i].c_str());
-    const int installed_number = utility::CStr::to_int(installed_fields[i].c_str());
-    if (offered_number != installed_number) return offered_number > installed_number;
-  }
-  return false;
-}
-
 }  // namespace
 
 int CUpdateSoftImpl::init() {
   install_path = utility::CUnixHelper::get_norvak_path();
-  work_dir = install_path + kWorkDir;
-  data_dir = work_dir + kDataDir;
-  package_path = work_dir + kPackage;
-  version_file_path = work_dir + kVersionFile;
+  work_dir = install_path + agent_files::kSoftWorkDir;
+  data_dir = install_path + agent_files::kSoftDataDir;
+  package_path = install_path + agent_files::kSoftPackage;
+  version_file_path = install_path + agent_files::kSoftVersionFile;
   config_path = install_path + agent_files::kConfig;
   utility::make_work_dir(work_dir);
   utility::make_work_dir(data_dir);
@@ -132,38 +94,24 @@ std::string CUpdateSoftImpl::get_norvak_old_version() {
 int CUpdateSoftImpl::download_norvak_version_file() {
   std::string url = get_download_url();
   if (url.empty()) return -1;
-  url += kServerVersion;
+  url += server_paths::kAgentVersion;
   if (CUrlOp::url_down_file(url.c_str(), version_file_path.c_str()) != 0) {
     CUpdateLog::write_log(log_messages::kSoftVersionDownloadFailed, url.c_str(),
                           version_file_path.c_str());
     return -1;
   }
-  int lines_with_text = 0;
-  const bool readable =
-      utility::visit_lines(version_file_path, kLineLimit, [&](const std::string& line) {
-        if (!line.empty()) ++lines_with_text;
-        return lines_with_text < 2;
-      });
-  return readable && lines_with_text == 1 ? 0 : -1;
+  return version::is_version_file(version_file_path) ? 0 : -1;
 }
 
 std::string CUpdateSoftImpl::get_norvak_new_version() {
   if (!new_version.empty()) return new_version;
-  const auto line = utility::read_first_line(version_file_path, kVersionLimit);
-  if (!line) return "";
-  new_version = *line;
-  utility::remove_line_feed(new_version);
+  new_version = version::read_version_file(version_file_path).value_or("");
   return new_version;
 }
 
 void CUpdateSoftImpl::parse_version(const std::string& version, const std::string& separators,
                                     string_list& parts) {
-  std::string::size_type begin = version.find_first_not_of(separators);
-  while (begin != std::string::npos) {
-    const std::string::size_type end = version.find_first_of(separators, begin);
-    parts.push_back(version.substr(begin, end - begin));
-    begin = version.find_first_not_of(separators, end);
-  }
+  version::split(version, separators, parts);
 }
 
 bool CUpdateSoftImpl::check_norvak_new_version_exist(std::string& installed, std::string& offered) {
@@ -173,7 +121,7 @@ bool CUpdateSoftImpl::check_norvak_new_version_exist(std::string& installed, std
   }
   offered = get_norvak_new_version();
   installed = get_norvak_old_version();
-  return is_newer(offered, installed);
+  return version::is_newer(offered, installed);
 }
 
 int CUpdateSoftImpl::run_update_norvak_agent() {
@@ -206,7 +154,7 @@ int CUpdateSoftImpl::download_norvak_update_package() {
   if (url.empty()) return -1;
   struct utsname host = {};
   (void)::uname(&host);  // a failure leaves the machine name empty
-  url += ::strcasecmp(host.machine, kMachine64) == 0 ? kServerPackage64 : kServerPackage32;
+  url += server_paths::agent_package(host_identity::package_arch(host.machine));
   return CUrlOp::url_down_file(url.c_str(), package_path.c_str());
 }
 
@@ -224,14 +172,14 @@ int CUpdateSoftImpl::update_now() {
 }
 
 int CUpdateSoftImpl::decompress_package() {
-  return run_command(install_path + kTar + " xvf " + package_path + " -C " + data_dir +
+  return run_command(install_path + agent_files::kTar + " xvf " + package_path + " -C " + data_dir +
                      kDiscardOutput);
 }
 
 int CUpdateSoftImpl::exec_script() {
   [[maybe_unused]] const int ignored = ::chdir(data_dir.c_str());
-  (void)::chmod((data_dir + kScript).c_str(), kScriptMode);
-  return run_command(std::string(".") + kScript + kDiscardOutput);
+  (void)::chmod((data_dir + agent_files::kPackageScript).c_str(), kScriptMode);
+  return run_command(std::string(".") + agent_files::kPackageScript + kDiscardOutput);
 }
 
 int CUpdateSoftImpl::update_config() {
@@ -239,7 +187,7 @@ int CUpdateSoftImpl::update_config() {
   if (document->load(config_path.c_str()) == 0) return -1;
   const XmlNodeList settings = document->root().select_nodes(config::kSettings);
   int changes = 0;
-  for (int i = 0; i < settings.length() && changes < kMostChanges; ++i) {
+  for (int i = 0; i < settings.length() && changes < kMaxSettingChanges; ++i) {
     XmlNode setting = settings.item(i);
     const std::string name = setting.get_attribute(config::kName);
     std::string value;

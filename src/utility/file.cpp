@@ -14,7 +14,6 @@ namespace {
 /// Bytes that a copy hands to one system call.
 constexpr std::size_t kCopyBlockBytes = std::size_t{128} * 1024;
 
-constexpr mode_t kNewFileMode = 0666;  // less the umask, as for every file that stdio creates
 constexpr mode_t kWorkDirMode = 0644;
 
 /// @param block  room for kCopyBlockBytes
@@ -93,23 +92,15 @@ std::optional<std::string> read_first_line(const std::string& path, int limit) {
   return found ? buffer.substr(0, buffer.find('\0')) : std::string();
 }
 
-bool visit_lines(const std::string& path, int limit, const LineVisitor& visit) {
-  const FilePtr file(std::fopen(path.c_str(), "re"));
-  if (!file) return false;
-  std::string buffer(static_cast<std::size_t>(limit) + 1, '\0');
-  while (std::fgets(buffer.data(), limit, file.get()) != nullptr) {
-    std::string line = buffer.substr(0, buffer.find('\0'));
-    remove_line_feed(line);
-    if (!visit(line)) break;
-  }
-  return true;
-}
+LineReader::LineReader(const std::string& path, int limit)
+    : file_(std::fopen(path.c_str(), "re")), buffer_(static_cast<std::size_t>(limit) + 1, '\0') {}
 
-bool read_lines(const std::string& path, int limit, std::size_t most, string_list& lines) {
-  return visit_lines(path, limit, [&](const std::string& line) {
-    lines.push_back(line);
-    return lines.size() < most;
-  });
+bool LineReader::next(std::string& line) {
+  const int limit = static_cast<int>(buffer_.size()) - 1;
+  if (!file_ || std::fgets(buffer_.data(), limit, file_.get()) == nullptr) return false;
+  line = buffer_.c_str();
+  remove_line_feed(line);
+  return true;
 }
 
 void remove_line_feed(std::string& text) {

@@ -3,18 +3,19 @@
 #pragma once
 
 #include <dirent.h>
+#include <sys/types.h>
 #include <unistd.h>
 
 #include <cstddef>
 #include <cstdio>
-#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
 
-#include "utility/string_list.h"
-
 namespace utility {
+
+/// The mode of every new file, less the umask, as stdio creates them.
+inline constexpr mode_t kNewFileMode = 0666;
 
 struct FileCloser {
   void operator()(std::FILE* file) const noexcept { (void)std::fclose(file); }
@@ -88,20 +89,23 @@ enum class CopyResult {
 ///         the file cannot be opened or read
 [[nodiscard]] std::optional<std::string> read_first_line(const std::string& path, int limit);
 
-/// Is told a line without its line feed.
-/// @return false to be told no more
-using LineVisitor = std::function<bool(const std::string& line)>;
+/// Reads a text file line by line.
+class LineReader {
+ public:
+  /// @param limit  as in read_first_line; a longer line is read in several pieces
+  LineReader(const std::string& path, int limit);
 
-/// Reads a text file line by line, with no more than one line in memory.
-///
-/// @param limit  as in read_first_line; a longer line is told in several pieces
-/// @return false when the file cannot be opened; a read error counts as its end
-[[nodiscard]] bool visit_lines(const std::string& path, int limit, const LineVisitor& visit);
+  /// Whether the file could be opened.
+  explicit operator bool() const noexcept { return file_ != nullptr; }
 
-/// visit_lines that appends to @a lines until there are @a most, so that a file of any size costs
-/// no more memory than its caller has use for.
-[[nodiscard]] bool read_lines(const std::string& path, int limit, std::size_t most,
-                              string_list& lines);
+  /// @param[out] line  the next line without its line feed
+  /// @return false at the end of the file; a read error counts as its end
+  [[nodiscard]] bool next(std::string& line);
+
+ private:
+  FilePtr file_;
+  std::string buffer_;
+};
 
 /// Removes one line feed from the end of @a text, if one stands there.
 void remove_line_feed(std::string& text);

@@ -1,5 +1,5 @@
 // The readers of text files, and the install path, which is the first line of one.
-// Input: limit|most lines|bytes of the file
+// Input: limit|bytes of the file
 #include <algorithm>
 #include <cstddef>
 #include <optional>
@@ -7,6 +7,7 @@
 #include "models.h"
 #include "support.h"
 #include "utility/file.h"
+#include "utility/string_list.h"
 #include "utility/unix_helper.h"
 
 namespace {
@@ -24,22 +25,12 @@ void check_first_line(const string_list& pieces, int limit) {
 }
 
 void check_lines(const string_list& expected, int limit) {
-  string_list visited;
-  const auto visit = [&](const std::string& line) {
-    visited.push_back(line);
-    return true;
-  };
-  fuzz::check(utility::visit_lines(fuzz::kInstallPathFile, limit, visit),
-              "a file that is there can be read");
-  fuzz::check_equal(visited, expected, "every piece of every line is told");
-}
-
-void check_first_lines(string_list expected, int limit, std::size_t most) {
+  utility::LineReader reader(fuzz::kInstallPathFile, limit);
+  fuzz::check(static_cast<bool>(reader), "an existing file can be opened");
   string_list lines;
-  fuzz::check(utility::read_lines(fuzz::kInstallPathFile, limit, most, lines),
-              "a file that is there can be read");
-  expected.resize(std::min(expected.size(), most));
-  fuzz::check_equal(lines, expected, "read_lines keeps its number of lines");
+  std::string line;
+  while (reader.next(line)) lines.push_back(line);
+  fuzz::check_equal(lines, expected, "every piece of every line is read");
 }
 
 }  // namespace
@@ -52,7 +43,6 @@ extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   fuzz::Fields fields(data, size);
   const int limit = limit_from(fields.next());
-  const auto most = static_cast<std::size_t>(std::max(fuzz::leading_int(fields.next()), 1));
   const std::string bytes = fields.rest();
   fuzz::write_file(fuzz::kInstallPathFile, bytes);
 
@@ -60,7 +50,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   check_first_line(pieces, limit);
   for (std::string& piece : pieces) piece = piece.substr(0, piece.find('\n'));
   check_lines(pieces, limit);
-  check_first_lines(pieces, limit, most);
   fuzz::check_equal(utility::CUnixHelper::get_norvak_path(),
                     fuzz::first_line(bytes, kInstallPathLimit),
                     "the install directory is the first line");

@@ -17,6 +17,7 @@
 
 #include "faults.h"
 #include "test_support.h"
+#include "utility/string_list.h"
 
 namespace {
 
@@ -395,52 +396,49 @@ TEST_F(File, OnlyAFileThatCannotBeReadHasNoFirstLine) {
   EXPECT_EQ(utility::read_first_line(dir_.path(), 100), std::nullopt) << "opens, but is no file";
 }
 
-TEST_F(File, LinesAreAppendedWithoutTheirLineFeeds) {
+string_list read_all_lines(const std::string& path, int limit) {
+  utility::LineReader reader(path, limit);
+  EXPECT_TRUE(reader);
+  string_list lines;
+  std::string line;
+  while (reader.next(line)) lines.push_back(line);
+  return lines;
+}
+
+TEST_F(File, LinesAreReadWithoutTheirLineFeeds) {
   write_file(dir_ / "file", "first\n\n third \r\nlast");
-  string_list lines = {"before"};
-  EXPECT_TRUE(utility::read_lines(dir_ / "file", 100, SIZE_MAX, lines));
-  EXPECT_EQ(lines, (string_list{"before", "first", "", " third \r", "last"}));
+  EXPECT_EQ(read_all_lines(dir_ / "file", 100), (string_list{"first", "", " third \r", "last"}));
 }
 
-TEST_F(File, ALineBeyondTheLimitComesInPieces) {
+TEST_F(File, ALineBeyondTheLimitIsReadInPieces) {
   write_file(dir_ / "file", "1234567\n12345678\n");
-  string_list lines;
-  EXPECT_TRUE(utility::read_lines(dir_ / "file", 5, SIZE_MAX, lines));
-  EXPECT_EQ(lines, (string_list{"1234", "567", "1234", "5678", ""}));
+  EXPECT_EQ(read_all_lines(dir_ / "file", 5), (string_list{"1234", "567", "1234", "5678", ""}));
 }
 
-TEST_F(File, ReadingEndsWithTheMostLinesThatAreWanted) {
-  write_file(dir_ / "file", "1\n2\n3\n");
-  string_list lines;
-  EXPECT_TRUE(utility::read_lines(dir_ / "file", 100, 2, lines));
-  EXPECT_EQ(lines, (string_list{"1", "2"}));
+TEST_F(File, ALineEndsAtAZeroByte) {
+  write_file(dir_ / "file", std::string("ab\0cd\nef\n", 9));
+  EXPECT_EQ(read_all_lines(dir_ / "file", 100), (string_list{"ab", "ef"}));
 }
 
 TEST_F(File, AFileOver2GibHasLines) {
   write_file(dir_ / "file", "first\nsecond\n");
   grow_file(dir_ / "file", kTwoGib);
   EXPECT_EQ(utility::read_first_line(dir_ / "file", 100), "first\n");
-  string_list lines;
-  EXPECT_TRUE(utility::read_lines(dir_ / "file", 100, 2, lines));
-  EXPECT_EQ(lines, (string_list{"first", "second"}));
+  utility::LineReader reader(dir_ / "file", 100);
+  std::string line;
+  EXPECT_TRUE(reader.next(line));
+  EXPECT_TRUE(reader.next(line));
+  EXPECT_EQ(line, "second");
 }
 
-TEST_F(File, AVisitorIsToldNoMoreOnceItSaysSo) {
-  write_file(dir_ / "file", "1\n\n3\n4\n");
-  string_list told;
-  EXPECT_TRUE(utility::visit_lines(dir_ / "file", 100, [&](const std::string& line) {
-    told.push_back(line);
-    return line != "3";
-  }));
-  EXPECT_EQ(told, (string_list{"1", "", "3"}));
-}
-
-TEST_F(File, AnEmptyFileHasNoLinesAndAMissingOneFails) {
+TEST_F(File, AnEmptyFileHasNoLinesAndAMissingOneCannotBeOpened) {
   write_file(dir_ / "file", "");
-  string_list lines = {"before"};
-  EXPECT_TRUE(utility::read_lines(dir_ / "file", 100, SIZE_MAX, lines));
-  EXPECT_FALSE(utility::read_lines(dir_ / "missing", 100, SIZE_MAX, lines));
-  EXPECT_EQ(lines, (string_list{"before"}));
+  EXPECT_EQ(read_all_lines(dir_ / "file", 100), string_list());
+  utility::LineReader missing(dir_ / "missing", 100);
+  EXPECT_FALSE(missing);
+  std::string line = "unchanged";
+  EXPECT_FALSE(missing.next(line));
+  EXPECT_EQ(line, "unchanged");
 }
 
 TEST(LineFeed, OneIsRemovedFromTheEnd) {

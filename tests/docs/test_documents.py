@@ -68,15 +68,12 @@ def test_the_configuration_page_names_the_paths_on_a_host():
     host = text_constants("utility/unix_helper.cpp")
     for path in (host["kInstallPathFile"], host["kDefaultInstallPath"]):
         assert f"`{path}`" in page
-    kernel = text_constants("update_kernel.cpp")
+    identity = text_constants("host_identity.h")
     files = text_constants("agent_files.h")
-    expected = {kernel["kUbuntu"], kernel["kSuse"]}
+    expected = {identity["kUbuntu"], identity["kSuse"]}
     expected |= {files[name] + files["kModuleSuffix"] for name in files if name.endswith("Module")}
-    rule = text_constants("update_rule.cpp")
-    help_ = text_constants("help.cpp")
-    expected |= {path.lstrip("/") for path in (
-        files["kConfig"], rule["kCurrentMd5"], help_["kPidSuffix"], help_["kStartupSuffix"],
-        text_constants("update_soft.cpp")["kTar"], text_constants("update_nginx.cpp")["kInstalledMd5"])}
+    expected |= {files[name].lstrip("/") for name in (
+        "kConfig", "kCurrentRulesDigest", "kPid", "kStartupScript", "kTar", "kInstalledNginxMd5")}
     table = page.split("| Path |")[1].split("\n\n")[0]
     named = {path for row in table.splitlines() for path in re.findall(r"`([^`]+)`", row.split("|")[1])}
     assert sorted(expected - named) == []
@@ -85,7 +82,7 @@ def test_the_configuration_page_names_the_paths_on_a_host():
 def test_the_configuration_page_states_the_longest_install_path():
     source = (PROJECT / "src/update_kernel.cpp").read_text()
     limit = int(re.search(r"kRecordPathLimit = (\d+);", source)[1])
-    record = text_constants("update_kernel.cpp")["kVersionRecord"]
+    record = text_constants("agent_files.h")["kKernelVersionRecord"]
     longest = limit - 1 - len("/" + record)
     page = (PROJECT / "docs/configuration.md").read_text()
     assert f"**Use at most {longest} characters.**" in page

@@ -44,7 +44,7 @@ std::string md5wrapper::hashit(const std::string& text) {
   MD5_CTX context;
   md5_->MD5Init(&context);
   // A string may be longer than one update can take.
-  constexpr std::size_t kLongestUpdate = std::size_t{1} << 30;
+  constexpr std::size_t kLongestUpdate = std::size_t{1} << 29;
   const auto* const bytes = reinterpret_cast<const unsigned char*>(text.data());
   for (std::size_t done = 0; done < text.size();) {
     const std::size_t length = std::min(kLongestUpdate, text.size() - done);

@@ -142,6 +142,14 @@ def test_the_library_path_of_the_scripts_is_the_install_directory_alone(host, of
     assert host.read("seen").decode() == f"{host.path}\n" * 3
 
 
+def test_a_caller_that_ignores_the_end_of_its_children_does_not_matter(host, server, offer):
+    offer(update=host.script("update"))
+    assert host.update("0", "0", through=["env", "--ignore-signal=CHLD"]) == OK
+    assert host.log_texts() == UPDATED
+    assert who(host) == ["tool/tar", "update", "startup.sh"]
+    assert host.config_values() == list(settings(server.url, version=NEW_VERSION).items())
+
+
 def test_a_marker_that_was_left_over_is_removed_at_the_end(host, offer):
     offer(update="#!/bin/sh\ncat ../../update >../../marker\n")
     host.write("update", "left over")

@@ -1,6 +1,7 @@
 """The tests' own tools: a test that cannot fail proves nothing."""
 
 import pathlib
+import signal
 import socket
 import time
 import urllib.error
@@ -37,6 +38,17 @@ def test_a_run_reports_status_and_output(make_host_with):
 
 def test_a_run_reports_the_signal_that_ended_it(make_host_with):
     assert make_host_with("kill -9 $$").update() == Run(KILLED)
+
+
+@pytest.mark.parametrize("name", ["SIGINT", "SIGQUIT"])
+def test_a_run_does_not_inherit_that_a_signal_is_ignored(make_host_with, name):
+    number = signal.Signals[name]
+    host = make_host_with(f"kill -{number.value} $$")
+    before = signal.signal(number, signal.SIG_IGN)
+    try:
+        assert host.update() == Run(-number)
+    finally:
+        signal.signal(number, before)
 
 
 def test_runs_in_turn_see_what_the_earlier_ones_left(make_host_with):

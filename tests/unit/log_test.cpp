@@ -273,9 +273,10 @@ TEST_F(UpdateLog, FiftyProcessesTearNoLine) {
   for (const auto& [process, lines] : next_line) EXPECT_EQ(lines, kLines) << process;
 }
 
-TEST_F(UpdateLog, OnlyTheSeparatorWaitsForTheLock) {
+// A request for an exclusive lock waits for a shared one too.
+TEST_F(UpdateLog, OnlyTheSeparatorWaitsForAnExclusiveLock) {
   const utility::Descriptor file(::open(log_path().c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644));
-  ASSERT_EQ(::flock(file.get(), LOCK_EX), 0);
+  ASSERT_EQ(::flock(file.get(), LOCK_SH), 0);
   const Writer message([] { CUpdateLog::write_log("message"); });
   EXPECT_TRUE(message.is_done_within(5000));
 

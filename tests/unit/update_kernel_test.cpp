@@ -6,6 +6,7 @@
 #include <fstream>
 #include <sstream>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "fake_uname.h"
@@ -14,6 +15,7 @@
 #include "updater_support.h"
 
 using test_support::case_name;
+using test_support::DirectoryWatch;
 using test_support::exists;
 using test_support::FakeUname;
 using test_support::FileMount;
@@ -23,7 +25,7 @@ using test_support::make_full_directory;
 using test_support::mode_of;
 using test_support::names_in;
 using test_support::read_file;
-using test_support::Umask;
+using test_support::ScopedUmask;
 using test_support::UpdaterTest;
 using test_support::write_file;
 using testing::TestWithParam;
@@ -595,6 +597,15 @@ TEST_F(UpdateKernel, TheRecordIsReplacedByANewFile) {
   EXPECT_EQ(read_file(agent("old_record")), "a longer text than a version\n");
 }
 
+TEST_F(UpdateKernel, TheRecordGetsThePermissionsOfANewFile) {
+  server_.reply(kTesselList, kMd5);
+  for (const auto& [mask, mode] : {std::pair(0U, 0666U), std::pair(002U, 0664U)}) {
+    const ScopedUmask umask(mask);
+    EXPECT_EQ(updater_.check_update_kernel("tessel_linux"), 0);
+    EXPECT_EQ(mode_of(record()), mode);
+  }
+}
+
 TEST_F(UpdateKernel, ARecordThatCannotBeDeletedIsOverwritten) {
   write_file(record(), "a longer text than a version\n");
   const FileMount mount(record(), record());
@@ -675,8 +686,18 @@ TEST_F(UpdateKernel, ADownloadReplacesTheInstalledModule) {
   EXPECT_EQ(updater_.check_update_kernel("tessel_linux"), 1);
 }
 
+TEST_F(UpdateKernel, TheSuccessIsLoggedBeforeTheModuleIsMoved) {
+  write_file(list_path(), kMd5);
+  server_.reply(kTesselFile, kModule);
+  const DirectoryWatch watch({install_path(), agent("runlog")});
+  EXPECT_EQ(updater_.download_kernel("tessel_linux"), 0);
+  EXPECT_EQ(log_messages(), Lines({kTesselVerified}));
+  EXPECT_EQ(watch.events({"update.log", "tessel_linux.ko"}),
+            Lines({"create update.log", "create tessel_linux.ko"}));
+}
+
 TEST_F(UpdateKernel, AModuleThatIsNotInstalledYetIsInstalledWithDefaultPermissions) {
-  const Umask umask(027);
+  const ScopedUmask umask(027);
   write_file(list_path(), kMd5);
   server_.reply(kTesselFile, kModule);
   EXPECT_EQ(updater_.download_kernel("tessel_linux"), 0);

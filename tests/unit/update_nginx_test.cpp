@@ -20,7 +20,7 @@ using test_support::make_unopenable;
 using test_support::mode_of;
 using test_support::names_in;
 using test_support::read_file;
-using test_support::Umask;
+using test_support::ScopedUmask;
 using test_support::UpdaterTest;
 using test_support::write_file;
 using testing::Values;
@@ -260,7 +260,7 @@ TEST_F(UpdateNginx, ALineFeedOnOneSideOnlyInstallsTheSameBuildAgain) {
 }
 
 TEST_F(UpdateNginx, BothFilesGetThePermissionsOfNewOnes) {
-  const Umask umask(027);
+  const ScopedUmask umask(027);
   ASSERT_EQ(::chmod(program().c_str(), 0755), 0);
   EXPECT_EQ(download(), 0);
   EXPECT_EQ(mode_of(program()), 0640U);

@@ -11,6 +11,7 @@
 #include "updater_support.h"
 
 using test_support::case_name;
+using test_support::DirectoryWatch;
 using test_support::exists;
 using test_support::gets;
 using test_support::kCutShort;
@@ -19,7 +20,7 @@ using test_support::make_unopenable;
 using test_support::mode_of;
 using test_support::names_in;
 using test_support::read_file;
-using test_support::Umask;
+using test_support::ScopedUmask;
 using test_support::UpdaterTest;
 using test_support::write_file;
 using testing::ValuesIn;
@@ -228,6 +229,16 @@ TEST_F(UpdateRule, VerifiedRulesReplaceTheInstalledOnes) {
   EXPECT_EQ(names_in(agent("update_norvak_rule")), Lines({"rule_md5"}));
 }
 
+TEST_F(UpdateRule, TheSuccessIsLoggedBeforeTheRulesAreMoved) {
+  write_file(downloaded_md5(), kMd5);
+  const DirectoryWatch watch({agent("template"), agent("runlog")});
+  EXPECT_EQ(updater_.download_tarn_rules_file(), 0);
+  EXPECT_EQ(log_messages(), Lines({kVerified}));
+  EXPECT_EQ(watch.events({"update.log", "norvak_default_rule.xml"}),
+            Lines({"create update.log", "delete norvak_default_rule.xml",
+                   "create norvak_default_rule.xml"}));
+}
+
 TEST_F(UpdateRule, TheRecordedDigestIsLeftAlone) {
   struct stat before = {};
   ASSERT_EQ(::stat(current().c_str(), &before), 0);
@@ -242,7 +253,7 @@ TEST_F(UpdateRule, TheRecordedDigestIsLeftAlone) {
 }
 
 TEST_F(UpdateRule, TheRulesGetThePermissionsOfANewFile) {
-  const Umask umask(027);
+  const ScopedUmask umask(027);
   ASSERT_EQ(::unlink(rules().c_str()), 0);
   write_file(downloaded_md5(), kMd5);
   EXPECT_EQ(updater_.download_tarn_rules_file(), 0);

@@ -32,8 +32,8 @@ using test_support::mode_of;
 using test_support::names_in;
 using test_support::read_file;
 using test_support::run_in_child;
+using test_support::ScopedUmask;
 using test_support::SmallDisk;
-using test_support::Umask;
 using test_support::UpdaterTest;
 using test_support::write_file;
 using test_support::write_script;
@@ -99,7 +99,7 @@ class UpdateSoft : public UpdaterTest {
 };
 
 TEST_F(UpdateSoft, InitMakesBothDirectoriesWithoutASearchBit) {
-  const Umask umask(0);
+  const ScopedUmask umask(0);
   updater_.release();
   EXPECT_EQ(updater_.init(), 0);
   EXPECT_EQ(mode_of(agent("update_norvak_soft")), 0644U);
@@ -810,6 +810,22 @@ TEST_F(UpdateSoftInstallation, KeepsTheContentsOfAMarkerThatExistsAndDeletesItAt
   EXPECT_FALSE(exists(agent("update")));
 }
 
+TEST_F(UpdateSoftInstallation, GivesTheMarkerThePermissionsOfANewFile) {
+  publish("stat -c %a ../../update >> ../../modes");
+  for (const mode_t mask : {0U, 002U}) {
+    const ScopedUmask umask(mask);
+    EXPECT_EQ(updater_.run_update_norvak_agent(), 0);
+  }
+  EXPECT_EQ(read_file(agent("modes")), "666\n664\n");
+}
+
+TEST_F(UpdateSoftInstallation, DeletesAnEmptyDirectoryInThePlaceOfTheMarker) {
+  ASSERT_EQ(::mkdir(agent("update").c_str(), 0755), 0);
+  publish("");
+  EXPECT_EQ(updater_.run_update_norvak_agent(), 0);
+  EXPECT_FALSE(exists(agent("update")));
+}
+
 TEST_F(UpdateSoftInstallation, GoesOnWithoutAMarker) {
   make_full_directory(agent("update"));
   publish("");
@@ -938,6 +954,12 @@ TEST_F(UpdateSoftCarryOver, TakesTheFirstUpdateMethod) {
 TEST_F(UpdateSoftCarryOver, OfAManualRunEmptiesTheVersion) {
   EXPECT_EQ(carry_over(settings(), {{"version", "?"}, {"update_type", "1"}}), 2U);
   expect_settings({{"version", ""}, {"update_type", "0"}});
+}
+
+TEST_F(UpdateSoftCarryOver, CountsAnEmptyValueAsAChange) {
+  const Settings installed = {{"version", "?"}, {"update_type", "1"}, {"version", "!"}};
+  EXPECT_EQ(carry_over(settings(), installed), 2U);  // of a manual run, which knows no version
+  expect_settings({{"version", ""}, {"update_type", "0"}, {"version", "!"}});
 }
 
 TEST_F(UpdateSoftCarryOver, OfAManualRunTakesTheVersionFileThatIsLeftOver) {

@@ -2,7 +2,6 @@
 
 #include <sys/inotify.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <sys/un.h>
 
 #include <array>
@@ -23,10 +22,6 @@ void UpdaterTest::write_config(const Settings& settings) const {
 void UpdaterTest::reply_cut_short(const std::string& path) {
   server_.reply_raw(path, "HTTP/1.1 200 OK\r\nContent-Length: 100\r\n\r\ncut short");
 }
-
-Umask::Umask(mode_t mask) : old_(::umask(mask)) {}
-
-Umask::~Umask() { (void)::umask(old_); }
 
 DirectoryWatch::DirectoryWatch(const std::vector<std::string>& directories)
     : inotify_(::inotify_init1(IN_NONBLOCK | IN_CLOEXEC)) {

@@ -2,7 +2,6 @@
 #pragma once
 
 #include <gtest/gtest.h>
-#include <sys/types.h>
 
 #include <set>
 #include <string>
@@ -37,18 +36,6 @@ class UpdaterTest : public AgentTest {
   void reply_empty(const std::string& path) { server_.reply(path, ""); }
 
   HttpServer server_;
-};
-
-/// The umask of this process, put back at the end.
-class Umask {
- public:
-  explicit Umask(mode_t mask);
-  ~Umask();
-  Umask(const Umask&) = delete;
-  Umask& operator=(const Umask&) = delete;
-
- private:
-  mode_t old_;
 };
 
 /// Notes what happens to the names in some directories.

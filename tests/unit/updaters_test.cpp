@@ -17,7 +17,7 @@ using test_support::exists;
 using test_support::mode_of;
 using test_support::names_in;
 using test_support::read_file;
-using test_support::Umask;
+using test_support::ScopedUmask;
 using test_support::write_file;
 using Lines = std::vector<std::string>;
 
@@ -54,7 +54,7 @@ using AllUpdaters =
 TYPED_TEST_SUITE(Updaters, AllUpdaters, UpdaterNames);
 
 TYPED_TEST(Updaters, InitMakesTheWorkDirectoryWithoutASearchBit) {
-  const Umask umask(0);
+  const ScopedUmask umask(0);
   EXPECT_EQ(this->updater_.init(), 0);
   EXPECT_EQ(mode_of(this->work_dir()), 0644U);
   EXPECT_EQ(names_in(this->install_path()), Lines({"runlog", kWorkDir<TypeParam>}));

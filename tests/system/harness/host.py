@@ -65,6 +65,8 @@ class RunningUpdater:
         self._expired = False
         if not with_streams:
             command = ["sh", "-c", 'exec "$@" <&- >&- 2>&-', "sh", *command]
+        # A runner in the background may ignore these signals, and its children inherit that.
+        command = ["env", "--default-signal=INT,QUIT", *command]
         # Files and not pipes: a child that outlives the run does not hold up the reading.
         self._process = subprocess.Popen(command, env=environment, stdin=subprocess.DEVNULL,
                                          stdout=self._output, stderr=self._errors,

@@ -66,6 +66,12 @@ TEST(Md5Wrapper, FilesAroundTheBlockSizesAreDigestedWhole) {
   }
 }
 
+// Its length in bits needs more than 32 bits, and it takes more than one update of the state.
+TEST(Md5Wrapper, AStringOfMoreThan512MibIsDigestedWhole) {
+  const std::string text((std::size_t{1} << 29) + 1, 'a');
+  EXPECT_EQ(md5wrapper().getHashFromString(text), "078bda7798db94df0cbf9700c4029912");
+}
+
 TEST(Md5Wrapper, FilesAndStringsOfAnyBytesHaveTheSameDigest) {
   const ScratchDirectory dir;
   for (const std::size_t size : {0U, 1U, 63U, 64U, 65U, 1023U, 1024U, 1025U, 65537U, 200000U}) {

@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <array>
 #include <cstddef>
+#include <cstdio>
 #include <string>
 
 #include "faults.h"
@@ -172,6 +173,7 @@ TEST(Parse, SplitsAtEachDelimiterAndTrimsWhatFollows) {
       {"outer white space", " \t a b \n", " ", {"a", "b"}},
       {"white space behind a blank", "a \t\r b", " ", {"a", "b"}},
       {"a tab alone is no delimiter", "a\tb c", " ", {"a\tb", "c"}},
+      {"nor is one between quotes", "\"a\tb\" c", " ", {"\"a\tb\"", "c"}},
       {"empty fields", ",a,,b,", ",", {"", "a", "", "b", ""}},
       {"a blank in front of a delimiter stays", "a , b", ",", {"a ", "b"}},
       {"several delimiters", "a,b;c", ",;", {"a", "b", "c"}},
@@ -192,6 +194,7 @@ TEST(Parse, QuotesAndLineFeedsBecomeBlanksInFieldsWithALineFeed) {
   EXPECT_EQ(parsed("a 'b\n\nc\"d\n'", " "), (string_list{"a", "b  c d"}));
   EXPECT_EQ(parsed("\"a\nb\" c", " "), (string_list{"a b", "c"}));
   EXPECT_EQ(parsed("\"a\nb\"", ",;"), (string_list{"a b"}));
+  EXPECT_EQ(parsed("a 'b\nc\td'", " "), (string_list{"a", "b c\td"})) << "a tab stays";
 }
 
 TEST(Parse, ATextWithoutItsOnlyDelimiterIsLeftAsItIs) {
@@ -354,6 +357,7 @@ TEST_F(Command, ArgumentsFollowTheQuotingRules) {
       {"runs of blanks", "  a   b  ", {"a", "b"}},
       {"a tab alone does not split", "a\tb", {"a\tb"}},
       {"single quotes", "'two words' last", {"two words", "last"}},
+      {"a tab between quotes stays, and so do they", "\"a\tb\" last", {"\"a\tb\"", "last"}},
       {"a quoted single word keeps its quotes", "\"word\" 'word'", {"\"word\"", "'word'"}},
       {"empty arguments", "\"\" '' last", {"", "", "last"}},
       {"two quotes hide what stands behind them", "\"\"word last", {"", "last"}},
@@ -427,6 +431,15 @@ TEST_F(Command, AFileThatIsNoProgramExitsWith127) {
   EXPECT_EQ(exit_code(CUnixHelper::keld_system(dir_.path().c_str())), kCannotExecute);
   EXPECT_EQ(exit_code(CUnixHelper::keld_system("")), kCannotExecute);
   EXPECT_EQ(exit_code(CUnixHelper::keld_system("\"\" a")), kCannotExecute);
+}
+
+TEST_F(Command, WhatTheCallerHasBufferedIsWrittenOnce) {
+  std::FILE* const output = std::fopen((dir_ / "output").c_str(), "w");
+  ASSERT_NE(output, nullptr);
+  EXPECT_GE(std::fputs("buffered", output), 0);
+  EXPECT_EQ(exit_code(CUnixHelper::keld_system((dir_ / "missing").c_str())), kCannotExecute);
+  EXPECT_EQ(std::fclose(output), 0);
+  EXPECT_EQ(read_file(dir_ / "output"), "buffered");
 }
 
 TEST_F(Command, NullGivesMinusOne) { EXPECT_EQ(CUnixHelper::keld_system(nullptr), -1); }

@@ -1,0 +1,39 @@
+// What an agent package holds, as far as it decides what happens on a host.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace publish {
+
+struct AgentPackage {
+  /// Why the file cannot be unpacked; empty if it can. The other members then tell of what was read
+  /// before.
+  std::string damage;
+  /// The mark that ends a tar archive is there. tar does not miss it: a package that was cut between
+  /// two members unpacks without an error.
+  bool has_end = false;
+  /// A regular file "update" at the top level.
+  bool has_script = false;
+  /// The first line of the script names an interpreter and ends with a carriage return.
+  bool script_has_carriage_return = false;
+  /// The version that the script records; nothing for packages that norvak_publish did not make.
+  std::optional<std::string> version;
+  /// Members whose own path, or whose link target, lies outside the package.
+  std::vector<std::string> outside;
+
+  /// A file config.xml in the package.
+  struct Config {
+    std::string member;
+    bool is_readable = false;                   ///< well-formed, of a sensible size
+    std::vector<std::string> missing_settings;  ///< names of those that the updater reads
+  };
+  std::vector<Config> configs;
+};
+
+/// Reads the tar archive @a path to its end, in blocks: memory does not grow with its size. Archives
+/// that are compressed count as damaged, because unpacking them needs more than tar on the host.
+[[nodiscard]] AgentPackage read_agent_package(const std::string& path);
+
+}  // namespace publish

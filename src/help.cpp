@@ -19,8 +19,8 @@ namespace {
 
 constexpr int kPidLimit = 32;
 
-/// Tested as a bit, not compared: entry types that contain it, such as sockets, count as
-/// directories and end the removal, because they cannot be opened as one.
+/// Tested as a bit, not compared: entry types that contain it, such as sockets, are treated as
+/// directories. They cannot be opened as one, which stops the removal.
 constexpr unsigned kDirectoryBit = DT_DIR;
 
 struct Entry {
@@ -28,8 +28,8 @@ struct Entry {
   bool is_directory;
 };
 
-/// Lists the directory and closes it again, so that the depth of a tree is not bounded by the
-/// number of files that a process may have open.
+/// Lists the directory and closes it, so that the limit of open files does not limit the depth of
+/// a tree.
 std::optional<std::vector<Entry>> list_directory(const std::string& path) {
   const utility::DirPtr dir(::opendir(path.c_str()));
   if (!dir) return std::nullopt;
@@ -46,11 +46,15 @@ std::optional<std::vector<Entry>> list_directory(const std::string& path) {
 
 int CHelper::stop_norvak_agent() {
   const std::string pid_path = utility::CUnixHelper::get_norvak_path() + agent_files::kPid;
-  const std::optional<std::string> line = utility::read_first_line(pid_path, kPidLimit);
-  if (!line) return -1;
-  const pid_t pid = utility::CStr::to_int(line->c_str());
-  if (::kill(pid, SIGKILL) != 0) return -1;
+  const std::optional<pid_t> pid = read_pid(pid_path);
+  if (!pid || ::kill(*pid, SIGKILL) != 0) return -1;
   return ::unlink(pid_path.c_str());
+}
+
+std::optional<pid_t> CHelper::read_pid(const std::string& pid_path) {
+  const std::optional<std::string> line = utility::read_first_line(pid_path, kPidLimit);
+  if (!line) return std::nullopt;
+  return utility::CStr::to_int(line->c_str());
 }
 
 int CHelper::start_norvak_agent() {
@@ -65,7 +69,7 @@ int CHelper::rename_file(const std::string& source, const std::string& target) {
       (void)::unlink(source.c_str());
       return 0;
     case utility::CopyResult::kReadFailed:
-      (void)::unlink(target.c_str());  // nothing may take the part that could be read for the file
+      (void)::unlink(target.c_str());  // a partial copy must not pass for the file
       return -1;
     case utility::CopyResult::kFailed:
       break;

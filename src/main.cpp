@@ -25,7 +25,6 @@ constexpr int kFailure = -1;  // exit status 255
 constexpr char kLibraryPath[] = "LD_LIBRARY_PATH";
 
 constexpr int kAutomaticRun = 0;
-constexpr int kManualUpdating = 1;
 
 /// The arguments after the update type; null if they were not given.
 struct Arguments {
@@ -40,7 +39,7 @@ bool automatic_update_wanted(CUpdateSoftImpl& updater) {
     CUpdateLog::write_log(log_messages::kSoftConfigUnreadable);
     return false;
   }
-  if (update_type == kManualUpdating) {
+  if (update_type == CUpdateSoftImpl::kManualUpdating) {
     CUpdateLog::write_log(log_messages::kSoftManual);
     return false;
   }

@@ -31,7 +31,7 @@ constexpr std::size_t kRecordPathLimit = 128;
 
 }  // namespace
 
-/// What the update server has to be told about the host, and where the server is.
+/// What identifies the host to the update server, and the server's address.
 struct CUpdateKernelImpl::Host {
   std::string server;
   std::string os_type;
@@ -150,7 +150,7 @@ bool CUpdateKernelImpl::identify(Host& host) {
 }
 
 void CUpdateKernelImpl::record_kernel_version(const std::string& version) {
-  // The doubled slash and the cut of a long path are kept.
+  // Deliberate: the doubled slash, and the truncation of a long path.
   char path[kRecordPathLimit + 1] = {};
   (void)std::snprintf(path, kRecordPathLimit, "%s/%s", install_path.c_str(),
                       agent_files::kKernelVersionRecord);

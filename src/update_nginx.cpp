@@ -20,7 +20,7 @@ namespace {
 constexpr char kWordSize64[] = "64-bit";
 
 constexpr char kElfMark[] = "elf";
-constexpr std::size_t kElfHeadBytes = 4;  // one byte that is not looked at, and the mark
+constexpr std::size_t kElfHeadBytes = 4;  // an unchecked byte, and the mark
 
 }  // namespace
 
@@ -49,7 +49,7 @@ bool CUpdateNginxImpl::is_elf(const char* path) {
   const utility::FilePtr file(std::fopen(path, "rbe"));
   if (!file) return false;
   char head[kElfHeadBytes + 1] = {};
-  // What a short file lacks stays zero.
+  // The missing bytes of a short file stay zero.
   [[maybe_unused]] const std::size_t ignored = std::fread(head, 1, kElfHeadBytes, file.get());
   return ::strcasecmp(head + 1, kElfMark) == 0;
 }
@@ -78,7 +78,7 @@ int CUpdateNginxImpl::download_nginx(const char* version_dir, const char* word_s
     return -1;
   if (!is_elf(nginx_download_path.c_str())) return -1;
 
-  // The program goes first: should the second move fail, the next run installs the build again.
+  // The program first: if the second move fails, the next run installs the build again.
   (void)CHelper::rename_file(nginx_download_path, install_path + agent_files::kInstalledNginx);
   (void)CHelper::rename_file(md5_download_path, install_path + agent_files::kInstalledNginxMd5);
   return 0;

@@ -31,7 +31,7 @@ std::string CUpdateRuleImpl::get_url_from_xml() {
 }
 
 bool CUpdateRuleImpl::check_tarn_rules_md5() {
-  // Rules are for the engine modules: a host without both of them gets none.
+  // The engine modules apply the rules: a host without both of them gets none.
   for (const char* module : {agent_files::kQuorinModule, agent_files::kTesselModule}) {
     if (!utility::exists(agent_files::module_path(install_path, module))) return false;
   }

@@ -3,39 +3,37 @@
 
 #include <string>
 
-/// Replaces the agent's default rule file by the one that the update server publishes, when the
-/// digest announced there is not the one recorded on the host.
+/// Replaces the agent's default rule file with the one that the update server publishes, if the
+/// published digest differs from the one recorded on the host.
 ///
 /// Call init() first and release() last.
 class CUpdateRuleImpl {
  public:
   /// Sets the paths and creates the work directory.
-  /// @return always 0: a directory that cannot be created shows in the steps that need it
+  /// @return always 0: if the directory cannot be created, the steps that need it fail
   int init();
 
   /// Removes the work directory with everything in it.
   void release();
 
-  /// The base address of the update server, as it is stored: rules come from the kernel modules'
-  /// server. Empty when the configuration cannot be loaded or does not hold it.
+  /// The base address of the update server, exactly as configured: that of the kernel modules
+  /// serves the rules too. Empty if the configuration cannot be loaded or lacks it.
   std::string get_url_from_xml();
 
-  /// Whether the server announces other rules than those the host runs: fetches their digest and
-  /// compares it with the first line of template/system_rule.dat, byte for byte. Where that file is
-  /// missing, any announced digest is new.
+  /// Whether the server publishes rules other than those the agent runs: downloads their digest and
+  /// compares it with the first line of template/system_rule.dat, byte for byte. If that file does
+  /// not exist, any digest is new.
   ///
-  /// False as well when one of the two engine modules is not installed, when a digest cannot be
-  /// had, and when the server's text is not exactly one line.
+  /// Also false if an engine module is not installed, if either digest cannot be read, or if the
+  /// downloaded file does not have exactly one line.
   [[nodiscard]] bool check_tarn_rules_md5();
 
-  /// Fetches, verifies and installs the rule file. template/system_rule.dat is left alone.
-  /// @return 0 when the verified file was handed to the installation, whose result is not looked
-  /// at;
-  ///         -1, after a line in the log, when the installed file is untouched
+  /// Downloads, verifies and installs the rule file. template/system_rule.dat is not changed.
+  /// @return 0 if the file was verified and moved; the result of the move is ignored. -1 if the
+  ///         installed file is unchanged: logged.
   [[nodiscard]] int download_tarn_rules_file();
 
-  /// Whether the downloaded rule file has the digest that the downloaded first line holds, exactly:
-  /// white space or capitals never match.
+  /// Whether the downloaded rules match the downloaded digest: see published_digest::verify_rules.
   [[nodiscard]] bool check_download_rule_md5();
 
  private:

@@ -34,14 +34,14 @@ constexpr mode_t kScriptMode = 0544;
 constexpr int kMaxSettingChanges = 2;
 
 /// Runs a command line through the shell.
-/// @return 0; -1 when it could not be started, was ended by a signal or exited nonzero
+/// @return 0; -1 if it could not be started, was ended by a signal or exited nonzero
 int run_command(const std::string& command) {
   const int status = std::system(command.c_str());
   return status != -1 && WIFEXITED(status) && WEXITSTATUS(status) == 0 ? 0 : -1;
 }
 
-/// A file that exists while an update is going on. Nothing in this program reads it, and where it
-/// cannot be created the update goes on without it.
+/// A file that exists during the installation. Nothing in this program reads it; if it cannot be
+/// created, the update continues without it.
 class UpdateMarker {
  public:
   explicit UpdateMarker(const std::string& install_path)
@@ -78,7 +78,7 @@ std::string CUpdateSoftImpl::get_download_url() {
 }
 
 int CUpdateSoftImpl::get_update_method(int& update_type) {
-  std::string text = std::to_string(update_type);  // stays when the setting is missing
+  std::string text = std::to_string(update_type);  // kept if the setting is missing
   if (config::get_config_var(config_path, config::kUpdateType, text) != 0) {
     CUpdateLog::write_log(log_messages::kSoftMethodUnreadable, config_path.c_str());
     return -1;
@@ -132,7 +132,7 @@ int CUpdateSoftImpl::run_update_norvak_agent() {
   }
   (void)CHelper::stop_norvak_agent();
   const int result = install_package();
-  marker.reset();  // gone before the agent starts
+  marker.reset();  // removed before the agent starts
   (void)CHelper::start_norvak_agent();
   return result;
 }
@@ -199,7 +199,7 @@ int CUpdateSoftImpl::update_config() {
       continue;
     }
     setting.set_attribute(config::kValue, value.c_str());
-    (void)document->save(config_path.c_str());  // one save for each change
+    (void)document->save(config_path.c_str());  // saved after each change
     ++changes;
   }
   return 0;

@@ -19,7 +19,7 @@ void CStr::trim(std::string& s) {
 
 void CStr::left_trim(std::string& s) { s.erase(0, s.find_first_not_of(kWhiteSpace)); }
 
-// find_last_not_of gives npos when nothing is to be kept, and npos + 1 is 0.
+// find_last_not_of returns npos if nothing is to be kept, and npos + 1 is 0.
 void CStr::right_trim(std::string& s) { s.erase(s.find_last_not_of(kWhiteSpace) + 1); }
 
 void CStr::trim_byte(char c, std::string& s) {
@@ -37,7 +37,7 @@ void CStr::trim_remark(const std::string& marker, std::string& s) {
 }
 
 void CStr::trim_remark(const std::string& open, const std::string& close, std::string& s) {
-  if (close.empty()) return;  // an empty span would be removed for ever
+  if (close.empty()) return;  // would remove empty spans forever
   for (;;) {
     const std::string::size_type begin = s.find(open);
     if (begin == std::string::npos) return;

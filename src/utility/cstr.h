@@ -7,17 +7,19 @@
 
 namespace utility {
 
-/// Static helpers over std::string. A string passed by non-const reference is changed in place.
+/// Static helpers over std::string. A string passed by non-const reference is changed in place. In
+/// the trim operations white space means exactly blank, tab, carriage return and line feed.
 ///
-/// White space means exactly blank, tab, carriage return and line feed in the trim operations.
+/// The program calls only trim and to_int. The other operations complete the interface that the
+/// agent's components share.
 class CStr {
  public:
   static void trim(std::string& s);
   static void left_trim(std::string& s);
   static void right_trim(std::string& s);
 
-  /// Erases the leading and the trailing run of @a c. The _byte variants of left and right trimming
-  /// erase one of the two.
+  /// Erases the leading and the trailing run of @a c; the left and right variants erase one of
+  /// them.
   static void trim_byte(char c, std::string& s);
   static void left_trim_byte(char c, std::string& s);
   static void right_trim_byte(char c, std::string& s);
@@ -25,8 +27,8 @@ class CStr {
   /// Cuts @a s at the first @a marker, if it occurs.
   static void trim_remark(const std::string& marker, std::string& s);
 
-  /// Removes every span from an @a open to the next @a close, both included. An @a open that is not
-  /// closed stays, with what follows it. An empty @a close changes nothing.
+  /// Removes every span from an @a open to the next @a close, both included. An unclosed @a open is
+  /// kept with everything after it. An empty @a close changes nothing.
   static void trim_remark(const std::string& open, const std::string& close, std::string& s);
 
   /// Appends the words of @a text, separated by any white space of the "C" locale, to @a words.
@@ -36,11 +38,13 @@ class CStr {
   /// With an empty delimiter the whole text is one piece.
   static void ext_line(const std::string& delimiter, string_list& pieces, const std::string& text);
 
-  /// Replaces every @a from by @a to, left to right; what was inserted is not searched again.
+  /// Replaces every @a from with @a to, left to right. Inserted text is not searched again. An
+  /// empty
+  /// @a from changes nothing.
   static void string_replace(std::string& s, const std::string& from, const std::string& to);
 
-  /// The decimal number at the start of @a s, after white space. 0 when there is none; the nearest
-  /// representable number when it is out of range.
+  /// The decimal number at the start of @a s, after white space: 0 if there is none, the nearest
+  /// representable number if it is out of range.
   static unsigned long long atoull(const std::string& s);
   static long long atoll(const std::string& s);
   static long atol(const std::string& s);
@@ -48,8 +52,8 @@ class CStr {
   static std::string ulltoa(unsigned long long n);
   static std::string lltoa(long long n);
 
-  /// `strtol` to the base 10, narrowed to the low 32 bits: leading blanks and a sign are allowed,
-  /// conversion stops at the first character that is no digit, text without a number gives 0.
+  /// Base-10 `strtol`, narrowed to the low 32 bits: leading blanks and a sign are allowed,
+  /// conversion stops at the first character that is not a digit, text without a number gives 0.
   static int to_int(const char* text);
 };
 

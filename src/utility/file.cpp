@@ -11,7 +11,7 @@ namespace utility {
 
 namespace {
 
-/// Bytes that a copy hands to one system call.
+/// Bytes per system call of a copy.
 constexpr std::size_t kCopyBlockBytes = std::size_t{128} * 1024;
 
 constexpr mode_t kWorkDirMode = 0644;
@@ -27,9 +27,9 @@ CopyResult copy_contents(int source, int target, char* block) {
   }
 }
 
-/// Creates the file that is not there. One that is there all the same belongs to another run, whose
-/// bytes must not mix with these, or was hidden by an error: neither is written to. A dangling
-/// symbolic link is no file, and the new one is made where it leads.
+/// Creates the file exclusively. If it already exists, another run created it (or the existence
+/// check failed), so it is left alone. A dangling symbolic link is followed: the file is created
+/// where it points.
 Descriptor create_target(const char* path) {
   constexpr int kFlags = O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC;
   const int fd = ::open(path, kFlags | O_EXCL, kNewFileMode);
@@ -67,8 +67,8 @@ std::size_t write_all(int fd, const void* data, std::size_t size) {
 }
 
 CopyResult copy_file(const char* source, const char* target) {
-  // First, so that a lack of memory costs no file. Not on the stack: a program that is hardened
-  // against clashes of it touches every page of such a block, which takes 2 % of a small run.
+  // Allocated first, so that a lack of memory costs no file. On the heap: -fstack-clash-protection
+  // probes every page of a large stack buffer, which takes 2 % of a small run.
   const std::unique_ptr<char[]> block(new (std::nothrow) char[kCopyBlockBytes]);
   if (!block) return CopyResult::kFailed;
   if (exists(target) && ::unlink(target) != 0) return CopyResult::kFailed;
@@ -79,7 +79,7 @@ CopyResult copy_file(const char* source, const char* target) {
 
   CopyResult result = copy_contents(in.get(), out.get(), block.get());
   if (!out.close()) result = CopyResult::kFailed;
-  if (result == CopyResult::kFailed) (void)::unlink(target);  // a part of a file is worse than none
+  if (result == CopyResult::kFailed) (void)::unlink(target);  // a partial file is worse than none
   return result;
 }
 

@@ -1,5 +1,4 @@
-// The file operations that several parts of the program share, and the owners of the handles they
-// use. Nothing here writes to the update log.
+// Shared file operations and RAII wrappers for handles. Nothing here writes to the update log.
 #pragma once
 
 #include <dirent.h>
@@ -20,8 +19,8 @@ inline constexpr mode_t kNewFileMode = 0666;
 struct FileCloser {
   void operator()(std::FILE* file) const noexcept { (void)std::fclose(file); }
 };
-/// A stdio stream opened for reading: closed on destruction. Streams that are written are not used
-/// in this program, because their errors may show only at a close whose result is lost.
+/// A stdio stream opened for reading. Files are not written through streams: an error may surface
+/// only in the close, whose result a destructor loses.
 using FilePtr = std::unique_ptr<std::FILE, FileCloser>;
 
 struct DirCloser {
@@ -29,7 +28,7 @@ struct DirCloser {
 };
 using DirPtr = std::unique_ptr<DIR, DirCloser>;
 
-/// Owner of a file descriptor; -1 stands for none.
+/// Owns a file descriptor; -1 means none.
 class Descriptor {
  public:
   explicit Descriptor(int fd) noexcept : fd_(fd) {}
@@ -42,9 +41,9 @@ class Descriptor {
   explicit operator bool() const noexcept { return fd_ >= 0; }
   [[nodiscard]] int get() const noexcept { return fd_; }
 
-  /// Closes now, for callers to whom the result matters: a network file system may report a failed
-  /// write only here.
-  /// @return false when the close failed; true when there was nothing to close
+  /// Closes the descriptor, for callers that need the result: a network file system may report a
+  /// failed write only here.
+  /// @return false if the close failed; true if there was nothing to close
   [[nodiscard]] bool close() noexcept { return fd_ < 0 || ::close(release()) == 0; }
 
  private:
@@ -57,36 +56,33 @@ class Descriptor {
   int fd_;
 };
 
-/// Whether something exists at @a path. A symbolic link counts as what it points to.
+/// Whether something exists at @a path. Symbolic links are followed.
 [[nodiscard]] bool exists(const std::string& path);
 
-/// `read` that goes on after interruptions.
+/// `read`, repeated after interruptions.
 /// @return the number of bytes read, 0 at the end of the file, -1 on an error
 [[nodiscard]] ssize_t read_some(int fd, void* block, std::size_t size);
 
-/// Writes all of @a size bytes, going on after short writes and interruptions.
-/// @return the number of bytes written: less than @a size when a write failed
+/// Writes all @a size bytes, continuing after short writes and interruptions.
+/// @return the number of bytes written: less than @a size if a write failed
 [[nodiscard]] std::size_t write_all(int fd, const void* data, std::size_t size);
 
 enum class CopyResult {
   kCopied,      ///< the target holds all bytes of the source
-  kReadFailed,  ///< the target holds the bytes in front of the one that could not be read
-  kFailed,      ///< there is no target, or still the old one: it could not be deleted, or memory
-                ///< ran out
+  kReadFailed,  ///< the target holds everything before the read error
+  kFailed,      ///< no target, or still the old one if it could not be deleted or memory ran out
 };
 
-/// Replaces @a target by a copy of @a source: the old target is deleted first, the new one gets the
-/// permissions of a newly created file. The source is kept.
-///
-/// When the source cannot be opened, the old target is gone all the same.
+/// Replaces @a target with a copy of @a source. The old target is deleted first, even if the source
+/// then cannot be opened. The new target gets the permissions of a newly created file.
 [[nodiscard]] CopyResult copy_file(const char* source, const char* target);
 
 /// Reads the first line of a text file.
 ///
-/// @param limit  as that of `fgets`: at most limit - 1 bytes are read; the rest of a longer line is
-///               ignored. The text ends at the first zero byte, if there is one.
-/// @return the line with its line feed, if one was read, and empty for an empty file; nothing when
-///         the file cannot be opened or read
+/// @param limit  as for `fgets`: at most limit - 1 bytes are read; the rest of a longer line is
+///               ignored. The text ends at the first zero byte, if any.
+/// @return the line, with its line feed if it was read; empty for an empty file; nothing if the
+///         file cannot be opened or read
 [[nodiscard]] std::optional<std::string> read_first_line(const std::string& path, int limit);
 
 /// Reads a text file line by line.
@@ -107,12 +103,12 @@ class LineReader {
   std::string buffer_;
 };
 
-/// Removes one line feed from the end of @a text, if one stands there.
+/// Removes one line feed from the end of @a text, if there is one.
 void remove_line_feed(std::string& text);
 
-/// Creates the work directory of an updater with the permission bits 0644: without a search bit,
-/// so that nobody but root reaches into it. Failures are ignored, and an existing directory is
-/// none: what needs the directory fails later and says so.
+/// Creates the work directory of an updater with mode 0644: without search permission, so that only
+/// root can access its files. Failures are ignored, as is an existing directory: the steps that
+/// need it fail and report it.
 void make_work_dir(const std::string& path);
 
 }  // namespace utility

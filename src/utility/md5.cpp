@@ -19,7 +19,7 @@ inline Word rotate_left(Word x) {
   return (x << kBits) | (x >> (32 - kBits));
 }
 
-/// Ends a part of a sum that compilers may not mix with the rest of it. Emits no instruction.
+/// Optimisation barrier: prevents the compiler from reassociating the sum. Emits no instruction.
 inline void keep_apart(Word& sum) {
 #ifdef __GNUC__  // clang as well
   asm("" : "+r"(sum));
@@ -28,8 +28,8 @@ inline void keep_apart(Word& sum) {
 #endif
 }
 
-// One operation of each round: RFC 1321, section 3.4. Speed is a matter of how long each waits for
-// `b`, the result of the one before it: what needs `b` is added last.
+// One operation of each round: RFC 1321, section 3.4. `b` is the result of the previous operation,
+// so it limits the speed: terms that need `b` are added last.
 template <int kBits>
 inline void FF(Word& a, Word b, Word c, Word d, Word x, Word t) {
   a += x + t;
@@ -38,8 +38,8 @@ inline void FF(Word& a, Word b, Word c, Word d, Word x, Word t) {
   a = rotate_left<kBits>(a) + b;
 }
 
-// The two halves of G have no bit in common, so that they can be added one after the other: only
-// the second has to wait for `b`.
+// The two halves of G have no bit in common, so they can be added separately: only the second waits
+// for `b`.
 template <int kBits>
 inline void GG(Word& a, Word b, Word c, Word d, Word x, Word t) {
   a += x + t;
@@ -112,7 +112,7 @@ void MD5::MD5Transform(Word state[4], const unsigned char* input, std::size_t bl
   Word c = state[2];
   Word d = state[3];
   for (; blocks != 0; --blocks, input += kBlockBytes) {
-    // Decoded where they are used: in an array of words, compilers shuffle the bytes about.
+    // Decoded at each use: with an array of words, compilers generate slower code.
     const auto x = [input](std::size_t word) { return Decode(input + 4 * word); };
     const Word before[] = {a, b, c, d};
 
@@ -195,8 +195,8 @@ void MD5::MD5Transform(Word state[4], const unsigned char* input, std::size_t bl
   state[3] = d;
 }
 
-// Encode and Decode spell out the little-endian byte order of the algorithm, so that they are right
-// on every host; compilers turn them into plain moves where the host's order is the same.
+// Encode and Decode spell out the algorithm's little-endian byte order, so they work on every host.
+// On little-endian hosts compilers turn them into plain moves.
 void MD5::Encode(unsigned char* output, const Word* input, std::size_t words) {
   for (std::size_t i = 0; i < words; ++i) {
     for (std::size_t byte = 0; byte < 4; ++byte) {

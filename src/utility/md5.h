@@ -6,23 +6,23 @@
 
 namespace utility {
 
-/// State of one digest in progress.
+/// State of a digest in progress.
 struct MD5_CTX {
   std::uint32_t state[4];    ///< the words A, B, C, D
-  std::uint64_t count;       ///< bits taken so far, modulo 2^64
+  std::uint64_t count;       ///< bits processed so far, modulo 2^64
   unsigned char buffer[64];  ///< input that does not fill a block yet
 };
 
-/// The digest primitive. It has no data of its own: the state is the caller's MD5_CTX.
+/// The digest primitive. Stateless: the caller's MD5_CTX holds the state.
 class MD5 {
  public:
   /// Begins a new digest.
   void MD5Init(MD5_CTX* context);
 
-  /// Takes @a length bytes of the message; may be called any number of times.
+  /// Adds @a length bytes to the message. May be called any number of times.
   void MD5Update(MD5_CTX* context, const unsigned char* input, unsigned int length);
 
-  /// Ends the digest, writes its 16 bytes and clears @a context.
+  /// Writes the digest's 16 bytes and clears @a context.
   void MD5Final(unsigned char digest[16], MD5_CTX* context);
 
  private:

@@ -43,7 +43,7 @@ std::string md5wrapper::hashit(const std::string& text) {
   if (!md5_) return kNoDigest;
   MD5_CTX context;
   md5_->MD5Init(&context);
-  // A string may be longer than one update can take.
+  // A string may be longer than one update accepts.
   constexpr std::size_t kLongestUpdate = std::size_t{1} << 29;
   const auto* const bytes = reinterpret_cast<const unsigned char*>(text.data());
   for (std::size_t done = 0; done < text.size();) {

@@ -8,27 +8,26 @@
 
 namespace utility {
 
-/// Digests of files and strings. A digest text is 32 lower-case hexadecimal digits and nothing
-/// else.
+/// Digests of files and strings. A digest text is exactly 32 lower-case hexadecimal digits.
 class md5wrapper {
  public:
   md5wrapper();
 
-  /// Digest text of the whole file; "-1", which equals no digest, when it cannot be opened. A read
-  /// error ends the digest like the end of the file does: the caller's comparison then fails.
+  /// Digest text of the whole file; "-1", which equals no digest, if it cannot be opened. A read
+  /// error counts as the end of the file: the caller's comparison then fails.
   std::string getHashFromFile(const std::string& filename);
 
   /// Digest text of all bytes of @a text, zero bytes included.
   std::string getHashFromString(const std::string& text);
 
-  /// The worker behind getHashFromString.
+  /// Implements getHashFromString.
   std::string hashit(const std::string& text);
 
   /// The digest text of 16 digest bytes.
   std::string convToString(const unsigned char* digest);
 
  private:
-  std::unique_ptr<MD5> md5_;  ///< null when memory ran out: every digest is then "-1"
+  std::unique_ptr<MD5> md5_;  ///< null if memory ran out: every digest is then "-1"
 };
 
 }  // namespace utility

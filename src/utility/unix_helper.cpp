@@ -25,13 +25,13 @@ constexpr int kCannotExecute = 127;
 
 bool is_space(char c) { return std::isspace(static_cast<unsigned char>(c)) != 0; }
 
-/// Whether @a text begins with two double or two single quotes: an argument given as empty.
+/// Whether @a text begins with two double or two single quotes: an empty argument.
 bool is_empty_argument(const char* text) {
   return std::strncmp(text, "\"\"", 2) == 0 || std::strncmp(text, "''", 2) == 0;
 }
 
-/// Marks the blanks between quotes, so that splitting at blanks leaves them alone. Both kinds of
-/// quotes switch the same flag.
+/// Replaces blanks between quotes with line feeds, so that splitting at blanks keeps them. Both
+/// kinds of quotes toggle the same flag.
 void protect_quoted_blanks(std::string& command) {
   bool quoted = false;
   for (char& c : command) {
@@ -40,7 +40,7 @@ void protect_quoted_blanks(std::string& command) {
   }
 }
 
-/// Turns a field with protected blanks back into its text, without its quotes.
+/// Restores a field that has protected blanks and removes its quotes.
 void restore_quoted_blanks(char* field) {
   if (std::strchr(field, '\n') == nullptr) return;
   for (char* c = field; *c != '\0'; ++c) {
@@ -49,7 +49,7 @@ void restore_quoted_blanks(char* field) {
   (void)CUnixHelper::trim_space(field);
 }
 
-/// Splits @a text, which is changed, and returns its fields with a null pointer behind them.
+/// Splits @a text in place and returns its fields, followed by a null pointer.
 std::vector<char*> split(std::string& text, char delimiter) {
   const auto most_fields = std::count(text.begin(), text.end(), delimiter) + 1;
   std::vector<char*> fields(static_cast<std::size_t>(most_fields) + 1, nullptr);
@@ -104,7 +104,7 @@ bool CUnixHelper::parse(char* text, const char* delimiters, char** fields, int* 
   while (char* const end = std::strpbrk(rest, delimiters)) {
     *end = '\0';
     rest = trim_space(end + 1);
-    fields[*count] = is_empty_argument(rest) ? end : rest;  // at `end` stands an empty text
+    fields[*count] = is_empty_argument(rest) ? end : rest;  // `end` points to an empty text
     ++*count;
   }
   std::for_each(fields, fields + *count, restore_quoted_blanks);

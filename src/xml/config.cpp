@@ -22,7 +22,7 @@ int get_config_var(const std::string& config_path, const char* name, std::string
 
 std::string get_config_var(const std::string& config_path, const char* name) {
   std::string value;
-  (void)get_config_var(config_path, name, value);  // value stays empty when the file is missing
+  (void)get_config_var(config_path, name, value);  // value stays empty if the file is missing
   return value;
 }
 

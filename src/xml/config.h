@@ -17,16 +17,16 @@ inline constexpr char kSettings[] = "//norvak/Process/Data/var";
 inline constexpr char kName[] = "name";
 inline constexpr char kValue[] = "value";
 
-/// Looks up the first setting called @a name (case-sensitive) in document order. The file is read
-/// afresh at every call.
+/// Looks up the first setting called @a name (case-sensitive) in document order. Every call reads
+/// the file.
 ///
-/// @param[out] value  changed only when the setting exists; without a "value" attribute it is empty
-/// @return 0 when the file could be loaded, whether or not it holds the setting; -1 otherwise
+/// @param[out] value  changed only if the setting exists; empty if it has no "value" attribute
+/// @return 0 if the file could be loaded, whether or not it contains the setting; -1 otherwise
 [[nodiscard]] int get_config_var(const std::string& config_path, const char* name,
                                  std::string& value);
 
-/// As above, for callers to whom a missing setting and a missing file are the same.
-/// @return the value; empty when the file cannot be loaded or does not hold the setting
+/// The same for callers that treat a missing setting and a missing file alike.
+/// @return the value; empty if the file cannot be loaded or lacks the setting
 [[nodiscard]] std::string get_config_var(const std::string& config_path, const char* name);
 
 }  // namespace config

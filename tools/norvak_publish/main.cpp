@@ -2,33 +2,164 @@
 #include <CLI/CLI.hpp>
 #include <cstdio>
 #include <exception>
+#include <functional>
+#include <map>
 
-#include "failure.h"
+#include "commands.h"
+#include "common/command_line.h"
+#include "host_identity.h"
 
 namespace {
 
 using publish::ExitStatus;
+using publish::PublishOptions;
 
-/// The parser's own messages and texts.
-int end_parsing(const CLI::App& app, const CLI::ParseError& error) {
-  const bool asked_for = error.get_exit_code() == static_cast<int>(CLI::ExitCodes::Success);
-  (void)app.exit(error);
-  return asked_for ? ExitStatus::kDone : ExitStatus::kUsage;
+/// What the command line asks for: run() is set by the callback of the chosen command.
+struct Invocation {
+  PublishOptions options;
+  publish::SoftCommand soft;
+  publish::KernelCommand kernel;
+  std::filesystem::path rules;
+  publish::NginxCommand nginx;
+  publish::RollbackCommand rollback{std::nullopt, std::chrono::minutes(15)};
+  std::function<ExitStatus()> run;
+};
+
+CLI::App* add_command(CLI::App& app, const char* name, const char* description,
+                      Invocation& invocation, std::function<ExitStatus()> run) {
+  CLI::App* command = app.add_subcommand(name, description);
+  command->fallthrough();
+  command->footer("The common options of `norvak_publish --help` apply.");
+  command->callback([&invocation, run = std::move(run)] { invocation.run = run; });
+  return command;
 }
 
-int run(int argc, char** argv) {
-  CLI::App app("Publishes updates for the fleet's hosts, and checks what is published.",
-               "norvak_publish");
-  app.set_version_flag("--version", "norvak_publish " NORVAK_VERSION);
-  app.require_subcommand(1);
-  app.fallthrough();
+CLI::App* add_tree_command(CLI::App& app, const char* name, const char* description,
+                           Invocation& invocation, std::function<ExitStatus()> run) {
+  CLI::App* command = add_command(app, name, description, invocation, std::move(run));
+  command->add_option("TREE", invocation.options.tree, "The server tree")->required();
+  return command;
+}
 
-  try {
-    app.parse(argc, argv);
-  } catch (const CLI::ParseError& error) {
-    return end_parsing(app, error);
+void add_common_options(CLI::App& app, PublishOptions& options) {
+  app.add_flag("--dry-run", options.dry_run, "Put the release together and check it, then stop");
+  app.add_option_function<int>(
+         "--wait", [&options](int seconds) { options.wait = std::chrono::seconds(seconds); },
+         "Wait so long for another publisher to end (default: 0)")
+      ->check(CLI::NonNegativeNumber)
+      ->type_name("SECONDS");
+  app.add_option("--keep", options.keep, "Keep at most N old releases")
+      ->check(CLI::NonNegativeNumber)
+      ->type_name("N")
+      ->capture_default_str();
+  app.add_flag("--quiet", options.quiet, "Print findings and failures only");
+  app.add_flag("--in-place", options.in_place, "Change the files of a tree without releases");
+  app.add_flag("--import", options.import,
+               "First turn the files of a tree without releases into its first release");
+  tools::add_color_option(app, options.color);
+}
+
+void add_soft(CLI::App& app, Invocation& invocation) {
+  publish::SoftCommand& soft = invocation.soft;
+  CLI::App* command = add_tree_command(app, "soft", "Publish the agent software", invocation,
+                                       [&] { return run_soft(invocation.options, soft); });
+  command->add_option("--version", soft.version, "The version that the packages install")
+      ->required()
+      ->type_name("TEXT");
+  command->add_option("--x64", soft.package_x64, "The package for x86-64")
+      ->required()
+      ->type_name("PACKAGE");
+  command->add_option("--x86", soft.package_x86, "The package for x86")
+      ->required()
+      ->type_name("PACKAGE");
+}
+
+void add_kernel(CLI::App& app, Invocation& invocation) {
+  publish::KernelCommand& kernel = invocation.kernel;
+  CLI::App* command = add_tree_command(app, "kernel", "Publish kernel modules", invocation,
+                                       [&] { return run_kernel(invocation.options, kernel); });
+  command
+      ->add_option("--distribution", kernel.distribution,
+                   "The distribution family of the hosts: centos, suse or ubuntu")
+      ->required()
+      ->check(CLI::IsMember({host_identity::kCentos, host_identity::kSuse, host_identity::kUbuntu}))
+      ->type_name("NAME");
+  command
+      ->add_option("--kernel", kernel.kernel_release,
+                   "The kernel of the hosts, as `uname -r` prints it there (default: the one that "
+                   "each module was built for)")
+      ->type_name("RELEASE");
+  command->add_flag("--replace", kernel.replace,
+                    "Replace modules that were built for another kernel, too");
+  command->add_option("MODULE", kernel.modules, "Modules, called as on the server")->required();
+}
+
+void add_rules(CLI::App& app, Invocation& invocation) {
+  CLI::App* command =
+      add_tree_command(app, "rules", "Publish the protection rules", invocation,
+                       [&] { return run_rules(invocation.options, invocation.rules); });
+  command->add_option("FILE", invocation.rules, "The rule file")->required();
+}
+
+void add_nginx(CLI::App& app, Invocation& invocation) {
+  publish::NginxCommand& nginx = invocation.nginx;
+  CLI::App* command =
+      add_tree_command(app, "nginx", "Publish a build of the web server program", invocation,
+                       [&] { return run_nginx(invocation.options, nginx); });
+  command->add_option("--version", nginx.version_dir, "The build's directory on the server")
+      ->required()
+      ->type_name("DIR");
+  command->add_option("--word-size", nginx.word_size, "64 or 32")
+      ->required()
+      ->check(CLI::IsMember({64, 32}))
+      ->type_name("BITS");
+  command->add_option("PROGRAM", nginx.program, "The program")->required();
+  command
+      ->add_option("--identification", nginx.identification,
+                   "The line by which hosts tell builds apart (default: the MD5 digest)")
+      ->type_name("TEXT");
+}
+
+void add_releases(CLI::App& app, Invocation& invocation) {
+  (void)add_tree_command(app, "releases", "List the releases", invocation,
+                         [&] { return run_releases(invocation.options); });
+}
+
+void add_rollback(CLI::App& app, Invocation& invocation) {
+  publish::RollbackCommand& rollback = invocation.rollback;
+  CLI::App* command =
+      add_tree_command(app, "rollback", "Serve an earlier release again", invocation,
+                       [&] { return run_rollback(invocation.options, rollback); });
+  command->add_option("RELEASE", rollback.release,
+                      "Its number (default: the one that was served before)");
+  command
+      ->add_option_function<int>(
+          "--grace", [&rollback](int seconds) { rollback.grace = std::chrono::seconds(seconds); },
+          "If the agent version decreases, switch the packages so much later (default: 15m)")
+      ->transform(
+          CLI::AsNumberWithUnit(std::map<std::string, int>{{"s", 1}, {"m", 60}, {"h", 3600}}))
+      ->type_name("DURATION");
+}
+
+ExitStatus run(int argc, char** argv) {
+  CLI::App app("Publishes updates for the hosts of a fleet, and checks what is published.",
+               "norvak_publish");
+  Invocation invocation;
+  tools::add_version_option(app);
+  add_common_options(app, invocation.options);
+  add_soft(app, invocation);
+  add_kernel(app, invocation);
+  add_rules(app, invocation);
+  add_nginx(app, invocation);
+  add_releases(app, invocation);
+  add_rollback(app, invocation);
+  app.require_subcommand(1);
+  app.footer("Exit status: 0 done, 1 errors found, 2 could not do it, 64 usage.");
+
+  if (const std::optional<int> status = tools::parse_command_line(app, argc, argv)) {
+    return static_cast<ExitStatus>(*status);
   }
-  return ExitStatus::kDone;
+  return invocation.run();
 }
 
 }  // namespace

@@ -1,0 +1,69 @@
+// Putting files into a server tree so that no reader and no crash meets half of one.
+#pragma once
+
+#include <sys/types.h>
+
+#include <ctime>
+#include <filesystem>
+#include <string>
+
+namespace publish {
+
+/// Ending of a file's name until it is complete. check reports what a crash left of them.
+inline constexpr char kTemporarySuffix[] = ".norvak_publish";
+
+/// Creates a directory that everyone may read, whatever the umask; one that exists is left alone.
+/// @throws Failure
+void make_directory(const std::filesystem::path& path);
+
+/// make_directory for @a path and for what is missing above it.
+void make_directories(const std::filesystem::path& path);
+
+/// Replaces @a target by a copy of @a source: written under a temporary name, flushed to disk and
+/// renamed. Everyone may read the new file and nobody write it, because releases share it.
+/// @param changed  its modification time, in seconds since 1970
+/// @throws Failure  @a target is unchanged then
+void install_copy(const std::filesystem::path& source, const std::filesystem::path& target,
+                  std::time_t changed);
+
+/// install_copy with @a text as the source.
+void install_text(const std::string& text, const std::filesystem::path& target,
+                  std::time_t changed);
+
+/// Modification time in whole seconds, as a web server sees it; 0 if there is no file @a path.
+[[nodiscard]] std::time_t modification_time(const std::filesystem::path& path);
+
+/// Whether the regular file @a path holds exactly @a text; false if there is none.
+[[nodiscard]] bool holds_text(const std::filesystem::path& path, const std::string& text);
+
+/// Whether @a path is a regular file with the contents of @a source.
+/// @throws Failure  @a source cannot be read
+[[nodiscard]] bool holds_copy(const std::filesystem::path& path,
+                              const std::filesystem::path& source);
+
+/// Creates @a to as a hard link to @a from. Where the file system refuses (another device, a file
+/// of somebody else, too many links), as a copy with the same mode and times.
+/// @throws Failure
+void link_or_copy(const std::filesystem::path& from, const std::filesystem::path& to);
+
+/// Makes @a to a second version of the directory @a from, which has only directories and regular
+/// files: directories are new, files are shared by link_or_copy.
+/// @throws Failure
+void link_tree(const std::filesystem::path& from, const std::filesystem::path& to);
+
+/// Deletes @a path with everything in it, if it exists.
+/// @throws Failure
+void remove_tree(const std::filesystem::path& path);
+
+/// @throws Failure
+void rename_path(const std::filesystem::path& from, const std::filesystem::path& to);
+
+/// Waits until the entries of the directory @a path are on disk.
+/// @throws Failure
+void flush_directory(const std::filesystem::path& path);
+
+/// Waits until everything on the file system of @a path is on disk.
+/// @throws Failure
+void flush_file_system(const std::filesystem::path& path);
+
+}  // namespace publish

@@ -1,7 +1,6 @@
-# The options every target of this project is compiled and linked with, as one INTERFACE target.
+# Options of all targets of this project, as one INTERFACE target.
 include(CheckCXXCompilerFlag)
 include(CheckPIESupported)
-include(CheckLinkerFlag)
 
 check_pie_supported(LANGUAGES CXX)
 set(CMAKE_POSITION_INDEPENDENT_CODE ON)  # executables are PIE
@@ -18,7 +17,7 @@ target_compile_options(norvak_options INTERFACE
   $<$<CXX_COMPILER_ID:GNU>:-Wduplicated-cond -Wduplicated-branches -Wlogical-op>
   $<$<BOOL:${NORVAK_WERROR}>:-Werror>)
 
-# Hardening, as the distributions build their own packages.
+# Hardening options that distributions use for their own packages.
 foreach(flag IN ITEMS -fstack-protector-strong -fstack-clash-protection -fcf-protection)
   string(MAKE_C_IDENTIFIER "norvak_has${flag}" has_flag)
   check_cxx_compiler_flag("-Werror ${flag}" ${has_flag})
@@ -32,22 +31,16 @@ if(NORVAK_SANITIZE)
   target_link_options(norvak_options INTERFACE -fsanitize=address,undefined)
 else()
   target_compile_definitions(norvak_options INTERFACE _GLIBCXX_ASSERTIONS)
-  target_compile_options(norvak_options INTERFACE  # some compilers define another level themselves
+  target_compile_options(norvak_options INTERFACE  # some compilers predefine another level
     $<$<NOT:$<CONFIG:Debug>>:-U_FORTIFY_SOURCE> $<$<NOT:$<CONFIG:Debug>>:-D_FORTIFY_SOURCE=2>)
 endif()
-option(NORVAK_COVERAGE "Count the lines and branches that run" OFF)
+option(NORVAK_COVERAGE "Count the executed lines and branches" OFF)
 if(NORVAK_COVERAGE)
   target_compile_options(norvak_options INTERFACE --coverage)
   target_link_options(norvak_options INTERFACE --coverage)
 endif()
-# Leaks and counts are reported when a process ends the long way.
+# Leaks and coverage counts are reported by exit handlers, which _exit() would skip.
 if(NORVAK_SANITIZE OR NORVAK_COVERAGE)
   target_compile_definitions(norvak_options INTERFACE NORVAK_ORDERLY_EXIT)
 endif()
 target_link_options(norvak_options INTERFACE -Wl,-z,relro -Wl,-z,now -Wl,-z,noexecstack -Wl,--as-needed)
-
-# A run is so short that loading and binding libraries is most of it: what is not used is left out,
-# and with NORVAK_STATIC_RUNTIME the C++ runtime and pugixml are part of the program.
-target_compile_options(norvak_options INTERFACE
-  $<$<NOT:$<CONFIG:Debug>>:-ffunction-sections> $<$<NOT:$<CONFIG:Debug>>:-fdata-sections>)
-target_link_options(norvak_options INTERFACE $<$<NOT:$<CONFIG:Debug>>:-Wl,--gc-sections>)

@@ -1,5 +1,5 @@
-# What the updater itself needs. A missing library ends the configuration with the name of its
-# package rather than with a list of unset variables.
+# The libraries. If one is missing, the configuration ends with the name of its package instead of a
+# list of unset variables.
 function(norvak_find_or_explain found_variable what debian_package rpm_package)
   if(NOT ${found_variable})
     message(FATAL_ERROR
@@ -13,8 +13,8 @@ find_package(CURL QUIET)
 norvak_find_or_explain(CURL_FOUND "libcurl" libcurl4-openssl-dev libcurl-devel)
 find_package(pugixml QUIET)
 norvak_find_or_explain(pugixml_FOUND "pugixml" libpugixml-dev pugixml-devel)
-# The C++ runtime and pugixml are linked in together or not at all: pugixml's shared library would
-# bring a second runtime into the process.
+# The C++ runtime and pugixml are linked statically together or not at all: pugixml's shared library
+# would load a second runtime into the process.
 set(norvak_pugixml pugixml::pugixml)
 set(norvak_pugixml_is_static OFF)
 if(NORVAK_STATIC_RUNTIME)
@@ -24,7 +24,6 @@ if(NORVAK_STATIC_RUNTIME)
     set(norvak_pugixml_is_static ON)
     target_include_directories(norvak_options SYSTEM INTERFACE
       $<TARGET_PROPERTY:pugixml::pugixml,INTERFACE_INCLUDE_DIRECTORIES>)
-    target_link_options(norvak_options INTERFACE -static-libstdc++ -static-libgcc)
   else()
     message(STATUS "No static pugixml: the C++ runtime stays a shared library")
   endif()

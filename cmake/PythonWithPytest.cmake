@@ -1,8 +1,11 @@
-# Sets `python` to a Python 3 that can import pytest.
-foreach(candidate IN ITEMS /usr/bin/python3 python3)
+# Sets `python` to a Python 3 that can import pytest. Scripts read it from the cache.
+#
+# The python3 on the path can be one without the distribution's pytest, so /usr/bin goes first.
+foreach(candidate IN ITEMS ${NORVAK_PYTHON} /usr/bin/python3 python3)
   execute_process(COMMAND ${candidate} -c "import pytest" RESULT_VARIABLE status
                   OUTPUT_QUIET ERROR_QUIET)
   if(status EQUAL 0)
+    set(NORVAK_PYTHON ${candidate} CACHE FILEPATH "Python 3 that can import pytest" FORCE)
     set(python ${candidate})
     return()
   endif()

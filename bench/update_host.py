@@ -4,7 +4,6 @@ import os
 import pathlib
 import shutil
 import signal
-import socket
 import subprocess
 import sys
 import time
@@ -12,38 +11,21 @@ import time
 sys.path.append(str(pathlib.Path(__file__).parents[1] / "tests/system"))
 
 from harness.kernel import MODULES, digest  # noqa: E402
+from harness.nginx import Nginx  # noqa: E402
 from harness.package import DEFAULT_UPDATE_SCRIPT, config_xml, package  # noqa: E402
 
-_NGINX_SECONDS = 10
 # Agents start many at a time: neither that nor a pause for it may come right before a run.
 _AGENTS = 50
 _AGENTS_START_SECONDS = 0.2
 
-# Files are sent by sendfile, as distributions have it, so that runs do not wait for the server;
-# below /plain/ nginx has its own default. Modules are published once, for whatever kernel this
-# machine runs.
+# Files are sent with sendfile, as distributions configure nginx, so that runs do not wait for the
+# server; below /plain/ nginx uses its own default. Modules are published once, for whatever kernel
+# this machine runs.
 _NGINX_CONFIG = """\
-daemon off;
-master_process off;
-user root root;
-pid nginx.pid;
-error_log stderr;
-events {{ worker_connections 1024; }}
-http {{
-  access_log off;
-  sendfile on;
-  client_body_temp_path temp;
-  proxy_temp_path temp;
-  fastcgi_temp_path temp;
-  uwsgi_temp_path temp;
-  scgi_temp_path temp;
-  server {{
-    listen 127.0.0.1:{port} backlog=1024;
-    root tree;
-    rewrite ^/kernels/.*/([^/]+/[^/]+)$ /kernels/$1;
-    location /plain/ {{ sendfile off; alias tree/; }}
-  }}
-}}
+access_log off;
+sendfile on;
+rewrite ^/kernels/.*/([^/]+/[^/]+)$ /kernels/$1;
+location /plain/ { sendfile off; alias published/; }
 """
 
 _OLD_VERSION = "norvak3.1.9"
@@ -51,29 +33,23 @@ _NEW_VERSION = "norvak3.1.10"
 
 
 class Server:
-    """nginx on loopback, in one process."""
+    """nginx on loopback, on one processor."""
 
     def __init__(self, scratch, cpu):
         self.cpu = cpu
-        self._prefix = scratch / "server"
-        self.tree = self._prefix / "tree"
-        self.tree.mkdir(parents=True)
-        with socket.socket() as probe:
-            probe.bind(("127.0.0.1", 0))
-            self._port = probe.getsockname()[1]
-        self.url = f"http://127.0.0.1:{self._port}"
-        (self._prefix / "nginx.conf").write_text(_NGINX_CONFIG.format(port=self._port))
-        with open(self._prefix / "output", "wb") as output:
-            self._process = subprocess.Popen(
-                ["taskset", "--cpu-list", str(cpu), "nginx", "-p", f"{self._prefix}/",
-                 "-c", "nginx.conf"], stdin=subprocess.DEVNULL, stdout=output, stderr=output)
-        self._wait()
+        prefix = scratch / "server"
+        (prefix / "more").mkdir(parents=True)
+        (prefix / "more/bench.conf").write_text(_NGINX_CONFIG)
+        all_cpus = os.sched_getaffinity(0)
+        os.sched_setaffinity(0, {cpu})  # nginx inherits it
+        self._nginx = Nginx(prefix)
+        os.sched_setaffinity(0, all_cpus)
+        self.url = self._nginx.url
+        self.tree = self._nginx.published
 
     def publish(self, path, content):
         """Publishes a file. @return its address"""
-        target = self.tree / path
-        target.parent.mkdir(parents=True, exist_ok=True)
-        target.write_bytes(content)
+        self._nginx.publish({path: content})
         return f"{self.url}/{path}"
 
     def publish_updates(self, payload):
@@ -96,19 +72,7 @@ class Server:
             self.publish(f"kernels/{name}/{name}.ko", content)
 
     def close(self):
-        self._process.terminate()
-        self._process.wait(_NGINX_SECONDS)
-
-    def _wait(self):
-        deadline = time.monotonic() + _NGINX_SECONDS
-        while True:
-            try:
-                socket.create_connection(("127.0.0.1", self._port)).close()
-                return
-            except ConnectionRefusedError:
-                if self._process.poll() is not None or time.monotonic() > deadline:
-                    raise RuntimeError((self._prefix / "output").read_text()) from None
-                time.sleep(0.01)
+        self._nginx.close()
 
 
 class Host:

@@ -14,32 +14,13 @@ _SEARCH_PATH = os.pathsep.join([os.environ.get("PATH", os.defpath), "/usr/sbin",
 
 _START_SECONDS = 10
 
-# It stays in the foreground, so its id is the one to stop. A host setting that ends in one of the
-# prefixes /broken and /moved gets that prefix's behaviour.
-_CONFIG = """\
-daemon off;
-worker_processes 1;
-{user}
-pid {prefix}/nginx.pid;
-error_log {prefix}/error.log;
-events {{ worker_connections 512; }}
-http {{
-  log_format request '$request_method $request_uri';
-  access_log {prefix}/access.log request;
-  client_body_temp_path {prefix}/body;
-  proxy_temp_path {prefix}/proxy;
-  fastcgi_temp_path {prefix}/fastcgi;
-  uwsgi_temp_path {prefix}/uwsgi;
-  scgi_temp_path {prefix}/scgi;
-  server {{
-    listen 127.0.0.1:{port};
-    root {prefix}/published;
-    location /broken/ {{ return 500 "the server is broken\\n"; }}
-    location ~ ^/moved(/.*)$ {{ return 302 {url}$1; }}
-    location = /ready {{ access_log off; return 204; }}
-    location /flush/ {{ return 204; }}
-  }}
-}}
+_CONFIG = pathlib.Path(__file__).with_name("nginx.conf")
+# A host setting that ends in one of the prefixes /broken and /moved gets that prefix's behaviour.
+_LOCATIONS = """\
+location /broken/ {{ return 500 "the server is broken\\n"; }}
+location ~ ^/moved(/.*)$ {{ return 302 {url}$1; }}
+location = /ready {{ access_log off; return 204; }}
+location /flush/ {{ return 204; }}
 """
 
 
@@ -48,8 +29,8 @@ class Nginx:
 
     def __init__(self, prefix):
         self._prefix = pathlib.Path(prefix)
-        self._published = self._prefix / "published"
-        self._published.mkdir()
+        self.published = self._prefix / "published"
+        self.published.mkdir()
         self._log_offset = 0
         self._flushes = 0
         self._start()
@@ -57,7 +38,7 @@ class Nginx:
     def publish(self, files):
         """Publishes @a files: path on the server (without the leading slash) to content."""
         for path, content in files.items():
-            target = self._published / path
+            target = self.published / path
             target.parent.mkdir(parents=True, exist_ok=True)
             target.write_bytes(content)
 
@@ -77,8 +58,8 @@ class Nginx:
 
     def reset(self):
         """Forgets what was published and requested."""
-        shutil.rmtree(self._published)
-        self._published.mkdir()
+        shutil.rmtree(self.published)
+        self.published.mkdir()
         self.requests()
         self._log_offset = (self._prefix / "access.log").stat().st_size
 
@@ -101,10 +82,10 @@ class Nginx:
             self.port = listener.getsockname()[1]
             self.url = f"http://127.0.0.1:{self.port}"
             config = self._prefix / "nginx.conf"
-            # The worker of root's nginx would become somebody who may not read the files.
-            user = "user root;" if os.getuid() == 0 else ""
-            config.write_text(_CONFIG.format(prefix=self._prefix, port=self.port, url=self.url,
-                                             user=user))
+            config.write_text(_CONFIG.read_text().replace("@PORT@", str(self.port)))
+            more = self._prefix / "more"
+            more.mkdir(exist_ok=True)
+            (more / "locations.conf").write_text(_LOCATIONS.format(url=self.url))
             # nginx takes over the listening socket, so nobody can take the port in between.
             with open(self._prefix / "output", "wb") as output:
                 self._process = subprocess.Popen(

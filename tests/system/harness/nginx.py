@@ -44,8 +44,8 @@ class Nginx:
 
     def requests(self):
         """The requests since the last reset(), as "GET /path"."""
-        # A request is logged after its answer has gone out. The one worker answers requests one
-        # after the other, so when the line of this one is there, all earlier ones are.
+        # A request is logged after it has been answered, and requests are answered one by one: when
+        # this one has been logged, so have all earlier ones.
         self._flushes += 1
         self._get(f"/flush/{self._flushes}")
         log = self._prefix / "access.log"
@@ -75,29 +75,38 @@ class Nginx:
     def _start(self):
         program = shutil.which("nginx", path=_SEARCH_PATH)
         assert program, "nginx was not found: 'apt-get install nginx-light'"
-        with socket.socket() as listener:
-            listener.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
-            listener.bind(("127.0.0.1", 0))
-            listener.listen(64)
-            self.port = listener.getsockname()[1]
+        with socket.socket() as reservation:
+            # nginx sets this option too, so both can have the port and nobody else takes it.
+            reservation.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEPORT, 1)
+            reservation.bind(("127.0.0.1", 0))
+            self.port = reservation.getsockname()[1]
             self.url = f"http://127.0.0.1:{self.port}"
             config = self._prefix / "nginx.conf"
             config.write_text(_CONFIG.read_text().replace("@PORT@", str(self.port)))
             more = self._prefix / "more"
             more.mkdir(exist_ok=True)
             (more / "locations.conf").write_text(_LOCATIONS.format(url=self.url))
-            # nginx takes over the listening socket, so nobody can take the port in between.
             with open(self._prefix / "output", "wb") as output:
                 self._process = subprocess.Popen(
                     namespace.ending_with_us([program, "-p", str(self._prefix), "-c", str(config)]),
-                    env={"PATH": _SEARCH_PATH, "NGINX": f"{listener.fileno()};"},
-                    pass_fds=[listener.fileno()], stdin=subprocess.DEVNULL, stdout=output,
+                    env={"PATH": _SEARCH_PATH}, stdin=subprocess.DEVNULL, stdout=output,
                     stderr=output, start_new_session=True)
-        try:
-            assert self._get("/ready") == 204
-        except (OSError, AssertionError) as error:
-            self.close()
-            raise AssertionError((self._prefix / "output").read_text()) from error
+            try:
+                self._wait_until_ready()
+            except (OSError, AssertionError) as error:
+                self.close()
+                raise AssertionError((self._prefix / "output").read_text()) from error
+
+    def _wait_until_ready(self):
+        deadline = time.monotonic() + _START_SECONDS
+        while True:
+            try:
+                assert self._get("/ready") == 204
+                return
+            except ConnectionRefusedError:
+                if self._process.poll() is not None or time.monotonic() > deadline:
+                    raise
+                time.sleep(0.01)
 
     def _get(self, path):
         connection = http.client.HTTPConnection("127.0.0.1", self.port, timeout=_START_SECONDS)

@@ -4,7 +4,7 @@
 kernel_modules=(norvak_ipfilter tessel_linux quorin_linux)
 
 # $1: the installed version
-lay_out_agent() {
+create_agent() {
   local module
   mkdir -p "$install"/{runlog,template,tool,nginx/bin}
   cp "$demo"/agent/{startup.sh,norvak_agent} "$install"
@@ -18,17 +18,14 @@ lay_out_agent() {
   install -m 0755 "$(command -v nginx)" "$install/nginx/bin/nginx"
   printf 'older build\n' >>"$install/nginx/bin/nginx"
   printf '1.22.1\n' >"$install/nginx/md5"
-  if [[ $(host_family) != centos ]]; then
-    : >"$install/$(host_family)"
-  fi
+  mark_distribution
 }
 
-# The distribution family, which the agent's set-up marks with an empty file; CentOS has no marker.
-host_family() {
+# The agent's installer marks the distribution family with an empty file; CentOS has no marker.
+mark_distribution() {
   case $(grep -sE '^ID(_LIKE)?=' /etc/os-release) in
-    *ubuntu*) printf 'ubuntu\n' ;;
-    *suse*) printf 'suse\n' ;;
-    *) printf 'centos\n' ;;
+    *ubuntu*) : >"$install/ubuntu" ;;
+    *suse*) : >"$install/suse" ;;
   esac
 }
 
@@ -39,7 +36,7 @@ write_config() {
 <norvak>
   <Process>
     <Data>
-      <!-- 0: updates are installed by themselves; 1: by hand only -->
+      <!-- 0: automatic and manual updates; 1: manual updates only -->
       <var name="update_type" value="$3"/>
       <var name="version" value="$2"/>
       <var name="update_host" value="$server_url"/>
@@ -63,11 +60,7 @@ start_agent() {
   "$install/startup.sh"
 }
 
-stop_agent() {
-  kill -KILL "$(agent_pid)"
-}
-
-# The agent's process id, or nothing when there is no pid file.
+# The agent's process id, or nothing if there is no pid file.
 agent_pid() {
   if [[ -e $install/norvak.pid ]]; then
     cat "$install/norvak.pid"

@@ -1,121 +1,80 @@
 # shellcheck shell=bash
-# The update server: an nginx of its own on 127.0.0.1, and the tree that it serves. Sourced by
-# scenes.sh.
+# The update server: nginx on 127.0.0.1, and the tree that it serves. Sourced by scenes.sh.
 
-server_root=
+server_root=$scratch/server/published
+server_package=$scratch/package  # the unpacked form of the published agent package
 server_url=
-server_pid=
-server_package=   # the unpacked form of the published agent package
+server_requests=0  # how many lines of its log earlier runs have added
 
 start_server() {
-  local port tries
-  server_root=$scratch/server/tree
-  server_package=$scratch/package
+  local port tries pid
   mkdir -p "$server_root" "$server_package"
   printf '%s\n' "$scratch" >"$server_root/owner"
-  # Below the range that the kernel gives to outgoing connections.
   for ((tries = 0; tries < 10; ++tries)); do
-    port=$((20000 + RANDOM % 12000))
-    write_nginx_conf "$port"
+    port=$((20000 + RANDOM % 12000))  # below the range of outgoing connections
+    sed "s/@PORT@/$port/" "$project/tests/system/harness/nginx.conf" >"$scratch/server/nginx.conf"
     nginx -p "$scratch/server/" -c nginx.conf >>"$scratch/server/output" 2>&1 &
-    server_pid=$!
-    if wait_until server_settled "$port" && server_is_ours "$port"; then
+    pid=$!
+    if wait_until server_settled "$pid" "$port" && server_is_ours "$port"; then
       server_url=http://127.0.0.1:$port
       return
     fi
-    stop_server
+    kill "$pid" 2>/dev/null || true  # it may have failed by itself
   done
   cat "$scratch/server/output" >&2
   fail 'nginx does not start'
 }
 
-# nginx stays in the foreground as one process: its id is the one to stop. Started as root, also of
-# a user namespace, it would give its folders to a user that may not exist there.
-write_nginx_conf() {
-  cat >"$scratch/server/nginx.conf" <<END
-daemon off;
-master_process off;
-user root root;
-pid nginx.pid;
-error_log stderr;
-events {}
-http {
-  access_log off;
-  client_body_temp_path temp;
-  proxy_temp_path temp;
-  fastcgi_temp_path temp;
-  uwsgi_temp_path temp;
-  scgi_temp_path temp;
-  server {
-    listen 127.0.0.1:$1;
-    root tree;
-  }
-}
-END
-}
-
+# $1: process id; $2: port
 server_settled() {
-  process_is_gone "$server_pid" || server_is_ours "$1"
+  process_is_gone "$1" || server_is_ours "$2"
 }
 
 # Another program may have taken the port.
 server_is_ours() {
+  request "$1" /owner | grep -qx "$scratch"
+}
+
+# $1: port; $2: path
+request() {
   (
     exec 3<>"/dev/tcp/127.0.0.1/$1"
-    printf 'GET /owner HTTP/1.0\r\n\r\n' >&3
-    grep -qx "$scratch" <&3
+    printf 'GET %s HTTP/1.0\r\n\r\n' "$2" >&3
+    cat <&3
   ) 2>/dev/null
 }
 
-stop_server() {
-  kill "$server_pid" 2>/dev/null || true  # it may have failed by itself
-  wait "$server_pid" || true
+# Prints the requests since the last call.
+new_requests() {
+  local log=$scratch/server/access.log last=/requests-before-line-$server_requests
+  # nginx logs a request after it has been answered, one by one: this one comes last.
+  request "${server_url##*:}" "$last" >/dev/null
+  wait_until grep -qx "GET $last" "$log"
+  tail -n "+$((server_requests + 1))" "$log" | grep -vx "GET $last" || true
+}
+
+forget_requests() {
+  new_requests >/dev/null
+  server_requests=$(wc -l <"$scratch/server/access.log")
 }
 
 # $1: version. The package's own config.xml asks for automatic updates.
 publish_agent() {
-  local folder=$server_root/norvak/x86
-  if [[ $(uname -m) == x86_64 ]]; then
-    folder=$server_root/norvak/x64
-  fi
+  local processor
   cp "$demo/package/update" "$demo/agent/norvak_agent" "$server_package"
   printf '# %s\n' "$1" >>"$server_package/norvak_agent"
   write_config "$server_package/config.xml" '' 0
-  mkdir -p "$folder"
-  tar -C "$server_package" -cf "$folder/nvupdate.tar" update norvak_agent config.xml
+  for processor in x64 x86; do
+    mkdir -p "$server_root/norvak/$processor"
+    tar -C "$server_package" -cf "$server_root/norvak/$processor/nvupdate.tar" \
+      update norvak_agent config.xml
+  done
   printf '%s\n' "$1" >"$server_root/norvak/norvak_agent_new_version.txt"
 }
 
-# The server's folder for the modules of this host: distribution family with the kernel's flavour,
-# processor family, and the leading part of the kernel release in capitals.
-kernel_directory() {
-  local family flavour='' arch=x64 release version
-  family=$(host_family)
-  release=$(uname -r | tr '[:lower:]' '[:upper:]')
-  version=$release
-  case $family/$release in
-    centos/*XEN*) flavour=xen ;;
-    centos/*PAE*) flavour=pae ;;
-    suse/*DEFAULT*) flavour=default ;;
-    suse/*DESKTOP*) flavour=desktop ;;
-    suse/*PAE*) flavour=pae ;;
-    ubuntu/*SERVER*) flavour=server ;;
-    ubuntu/*) flavour=generic ;;
-  esac
-  if [[ $family == suse && -n $flavour ]]; then
-    version=${release%%"-${flavour^^}"*}
-  elif [[ $family != suse && $release =~ ^([0-9]*[^0-9]){3}[0-9]* ]]; then
-    version=${BASH_REMATCH[0]}
-  fi
-  case $(uname -m) in
-    i386 | i686) arch=x86 ;;
-  esac
-  printf '/kernels/%s/%s/%s\n' "$family${flavour:+-$flavour}" "$arch" "$version"
-}
-
-# $1: module
+# $1: module; needs kernel_folder
 published_module() {
-  printf '%s/%s/%s.ko\n' "$server_root$(kernel_directory)" "$1" "$1"
+  printf '%s/%s/%s.ko\n' "$server_root$kernel_folder" "$1" "$1"
 }
 
 # $1: module; $2: build; $3: digest to publish, by default the right one

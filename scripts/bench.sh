@@ -1,12 +1,12 @@
 #!/usr/bin/env bash
-# Measures the program against those that do the same, and writes docs/performance.md.
+# Compares the program with other programs that do the same work, and writes docs/performance.md.
 #
 # Usage: bench.sh [MEASUREMENT...]
 #
 # Installs the packages it needs, builds the presets release and bench, and runs bench/side_by_side.py
-# in a sandbox. With names of measurements (those of that script) it runs only these and leaves
-# docs/performance.md alone; "micro" runs the micro-benchmarks. Takes four minutes on a quiet machine,
-# and 4 GB of memory, and says so where the machine was too busy to tell.
+# in a sandbox. If measurements are named (see that script), it runs only these and does not write the
+# page; "micro" runs the micro-benchmarks. Needs four minutes on a quiet machine and 4 GB of memory.
+# Reports results that are uncertain because the machine was too busy.
 set -euo pipefail
 . "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
 cd "$project"
@@ -16,10 +16,11 @@ for measurement in "$@"; do
     fail "usage: bench.sh [MEASUREMENT...]; the measurements are those of bench/side_by_side.py"
   fi
 done
-install_packages "${build_packages[@]}" "${bench_packages[@]}"
+scripts/sandbox.sh true
+prepare "${build_packages[@]}" "${bench_packages[@]}"
 heading 'building the presets release and bench'
 for preset in release bench; do
-  quietly cmake --preset "$preset"
+  configure "$preset"
   quietly cmake --build --preset "$preset"
 done
 

@@ -1,12 +1,12 @@
 #!/usr/bin/env bash
-# Looks for inputs that break a fuzz target, beginning with the inputs in tests/fuzz/corpus.
+# Searches for inputs that break a fuzz target, starting with those in tests/fuzz/corpus.
 #
 # Usage: fuzz.sh TARGET SECONDS
 #
-# Installs the packages it needs and builds the preset asan. Below build/fuzz stay, for TARGET,
-# inputs that reached new code (inputs/TARGET, where the next run goes on), the input that broke the
-# target (findings/TARGET) and the log of the run (fuzz-TARGET.log). The exit status is 0 when
-# nothing was found.
+# Installs the packages it needs and builds the preset asan. Leaves in build/fuzz the inputs that
+# reached new code (inputs/TARGET, from which the next run continues), the input that broke the target
+# (findings/TARGET) and the log of the run (fuzz-TARGET.log). The exit status is 0 if nothing was
+# found.
 set -euo pipefail
 . "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
 cd "$project"
@@ -26,7 +26,7 @@ count_files() {
   find "$1" -type f | wc -l
 }
 
-# The last numbers that libFuzzer printed: of executions, of edges and of features covered.
+# The last counts that libFuzzer printed: executions, covered edges and features.
 summary() {
   sed -n -E 's/^#([0-9]+).* cov: ([0-9]+) ft: ([0-9]+).*/\1 executions, \2 edges, \3 features/p' \
     "$log" | tail -n 1
@@ -39,8 +39,8 @@ inputs=build/fuzz/inputs/$1
 findings=build/fuzz/findings/$1
 log=build/fuzz/fuzz-$1.log
 
-install_packages "${build_packages[@]}" "${fuzz_packages[@]}"
-quietly cmake --preset asan
+prepare "${build_packages[@]}" "${fuzz_packages[@]}"
+configure asan
 quietly cmake --build --preset asan --target "fuzz_$1"
 heading "fuzzing $1 for $2 seconds"
 run_target "$1" "$2"

@@ -1,12 +1,13 @@
 #!/usr/bin/env bash
-# Installs the named Debian or Ubuntu packages that are missing, and nothing when none is.
+# Installs the named Debian or Ubuntu packages that are missing.
 #
 # Usage: install-packages.sh PACKAGE...
 #
-# A name with a question mark behind it is for those releases only that have such a package.
-# Installing needs root: the script asks sudo for it, or says what to run. Services that come with
-# the packages are not started now; the next boot starts them as their packages have it.
+# A trailing '?' marks a package that only some releases provide.
+# Installing needs root: the script calls sudo, or says what to run. Services of these packages are
+# not started, and nginx is not started at boot either, unless it was installed before.
 set -euo pipefail
+. "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
 
 # $1: name
 exists_here() {
@@ -26,8 +27,8 @@ missing_packages() {
   done
 }
 
-# Maintainer scripts ask policy-rc.d whether they may start a service. One that stands there
-# already is its owner's decision and stays.
+# Package scripts ask policy-rc.d whether they may start a service. If it exists already, the
+# administrator has decided that.
 forbid_service_starts() {
   local policy=/usr/sbin/policy-rc.d
   if [[ -e $policy || -L $policy ]]; then
@@ -40,42 +41,54 @@ forbid_service_starts() {
 }
 
 apt_install() {
-  apt-get install -y -qq --no-install-recommends \
-    -o DPkg::Lock::Timeout=300 -o Dpkg::Use-Pty=0 "${@%\?}" </dev/null
+  apt-get install -y -q --no-install-recommends \
+    -o DPkg::Lock::Timeout=300 -o Dpkg::Use-Pty=0 "${@%\?}" </dev/null 2>&1 | show_progress
+}
+
+install_missing() {
+  local packages output
+  packages=("$@")
+  printf 'Installing, with the packages that they need: %s\n' "${packages[*]%\?}"
+  export DEBIAN_FRONTEND=noninteractive NEEDRESTART_MODE=l
+  forbid_service_starts
+  # The package lists are downloaded only if they are missing or turn out to be too old.
+  if ! apt_install "${packages[@]}" >/dev/null; then
+    # One unreachable source of several does not matter here.
+    apt-get update -q </dev/null 2>&1 | show_progress >/dev/null || true
+    mapfile -t packages < <(missing_packages "$@")
+    if ! output=$(apt_install "${packages[@]}"); then
+      printf '%s\n' "$output" >&2
+      return 1
+    fi
+  fi
+  if [[ " $* " == *' nginx '* ]] && command -v systemctl >/dev/null; then
+    systemctl --quiet disable nginx
+  fi
 }
 
 main() {
-  local missing output
+  local missing
   if ! command -v dpkg-query >/dev/null || ! command -v apt-get >/dev/null; then
-    printf 'This is no Debian or Ubuntu system; these packages, under the names they have here, ' >&2
-    printf 'are needed:\n  %s\n' "${*%\?}" >&2
+    printf 'This is not a Debian or Ubuntu system. Make sure that these packages, which may have ' >&2
+    printf 'other names here, are installed:\n  %s\n' "${*%\?}" >&2
     return 0
   fi
   mapfile -t missing < <(missing_packages "$@")
   if ((${#missing[@]} == 0)); then
     return 0
   fi
-  if ((EUID != 0)); then
-    if ! command -v sudo >/dev/null; then
-      printf 'Packages are missing, and installing them needs root. Run as root:\n' >&2
-      printf '  apt-get update && apt-get install --no-install-recommends %s\n' "${missing[*]%\?}" >&2
-      return 1
-    fi
-    exec sudo -- "$0" "${missing[@]}"
+  if ((EUID == 0)); then
+    install_missing "${missing[@]}"
+    return
   fi
-
-  printf 'Installing %s\n' "${missing[*]%\?}"
-  export DEBIAN_FRONTEND=noninteractive NEEDRESTART_MODE=l
-  forbid_service_starts
-  # The package lists are fetched only when they are missing or turn out to be too old.
-  if ! apt_install "${missing[@]}" >/dev/null 2>&1; then
-    apt-get update -qq </dev/null || true  # one unreachable source of several does not matter here
-    mapfile -t missing < <(missing_packages "$@")
-    if ! output=$(apt_install "${missing[@]}" 2>&1); then
-      printf '%s\n' "$output" >&2
-      return 1
-    fi
+  printf 'Packages are missing, and only root can install them:\n' >&2
+  printf '  apt-get update && apt-get install --no-install-recommends %s\n' "${missing[*]%\?}" >&2
+  if ! sudo_works; then
+    printf 'Run this as root: sudo is missing here, or has no terminal to ask for a password.\n' >&2
+    return 1
   fi
+  printf 'Calling sudo to do so.\n' >&2
+  exec sudo -- "$0" "${missing[@]}"
 }
 
 main "$@"

@@ -1,5 +1,5 @@
 # shellcheck shell=bash
-# What the scripts share; sourced, not run.
+# Functions shared by the scripts; to be sourced.
 
 project=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 
@@ -8,14 +8,17 @@ project=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 {
   build_packages=(g++ cmake ninja-build libcurl4-openssl-dev libpugixml-dev libcli11-dev
     nlohmann-json3-dev libarchive-dev libssl-dev libelf-dev zlib1g-dev)
-  demo_packages=(nginx tar mount util-linux)
+  demo_packages=(nginx tar mount util-linux bsdutils)
   test_packages=(libgtest-dev python3 python3-pytest nginx strace tar mount util-linux)
   coverage_packages=(gcovr)
-  fuzz_packages=(clang 'libclang-rt-dev?' libgtest-dev)  # elsewhere clang brings its run-time
+  fuzz_packages=(clang 'libclang-rt-dev?' libgtest-dev)  # other releases have it in clang
   bench_packages=(libbenchmark-dev nginx curl openssl xmlstarlet tar time python3 python3-matplotlib
     python3-pytest mount util-linux)
   lint_packages=(clang-format-14 clang-tidy-14 cppcheck shellcheck)
 }
+
+oldest_cmake=3.21  # the first that reads the presets
+oldest_releases='Debian 12 and Ubuntu 22.04'
 
 if [[ -t 1 ]]; then
   bold=$'\e[1m' plain=$'\e[0m'
@@ -32,15 +35,96 @@ fail() {
   exit 1
 }
 
-# Runs a command and shows what it printed only when it fails.
+# Copies its input. On a terminal it also shows the latest line until the next one arrives.
+show_progress() {
+  local line
+  while IFS= read -r line; do
+    printf '%s\n' "$line"
+    if [[ -t 2 ]]; then
+      printf '\r\e[K%.79s' "$line" >&2
+    fi
+  done
+  if [[ -t 2 ]]; then
+    printf '\r\e[K' >&2
+  fi
+}
+
+# Runs a command and prints its output only if it fails.
 quietly() {
   local output
-  if ! output=$("$@" 2>&1 </dev/null); then
+  if ! output=$("$@" 2>&1 </dev/null | show_progress); then
     printf '%s\n' "$output" >&2
     fail "this command failed: $*"
   fi
 }
 
+# Whether sudo needs no password or has a terminal to ask for it.
+sudo_works() {
+  command -v sudo >/dev/null && { sudo -n true || : </dev/tty; } 2>/dev/null
+}
+
+# $@: packages. Checks what no package can provide, then installs what is missing.
+prepare() {
+  check_machine
+  check_cmake
+  install_packages "$@"
+  check_cmake
+}
+
 install_packages() {
   "$project/scripts/install-packages.sh" "$@"
+}
+
+check_machine() {
+  local probe
+  if [[ ! -e /proc/self/exe ]]; then
+    fail "/proc is not mounted: run 'mount -t proc proc /proc' as root."
+  fi
+  if ! mkdir -p "$project/build" 2>/dev/null || [[ ! -w $project/build ]]; then
+    fail "$project/build is not writable. Make the checkout writable; if a run with sudo created" \
+      "the folder, remove it: sudo rm -rf $project/build"
+  fi
+  probe=$(mktemp) || fail "no temporary file can be created: check ${TMPDIR:-/tmp}, or set TMPDIR."
+  printf '#!/bin/sh\n' >"$probe"
+  chmod +x "$probe"
+  if ! "$probe" 2>/dev/null; then
+    rm "$probe"
+    fail "programs cannot be run in ${TMPDIR:-/tmp}, which is probably mounted noexec: set TMPDIR."
+  fi
+  rm "$probe"
+}
+
+# Checks the installed CMake or, before it is installed, the one that apt would install.
+check_cmake() {
+  local version=
+  if command -v cmake >/dev/null; then
+    version=$(cmake --version | sed -n '1s/.* //p')
+  elif command -v apt-cache >/dev/null; then
+    version=$(apt-cache policy cmake | sed -n 's/^ *Candidate: \([0-9].*\)/\1/p')
+  fi
+  if [[ -n $version ]] && ! printf '%s\n' "$oldest_cmake" "$version" | sort -V -C; then
+    fail "CMake $version is too old: these scripts need $oldest_cmake. The oldest supported releases" \
+      "are $oldest_releases."
+  fi
+}
+
+# Configures a preset.
+# $1: preset
+configure() {
+  local folder=build/$1 source output
+  source=$(sed -n 's/^CMAKE_HOME_DIRECTORY:INTERNAL=//p' "$folder/CMakeCache.txt" 2>/dev/null) || true
+  if [[ -n $(find "$folder" ! -type l ! -writable -print -quit 2>/dev/null) ]]; then
+    fail "$project/$folder has files of another user, probably because of a run with sudo. Remove" \
+      "it: sudo rm -rf $project/$folder"
+  fi
+  if [[ -n $source && ! $source -ef $project ]]; then
+    printf 'This checkout was moved or copied: building %s from scratch.\n' "$folder"
+    rm -rf "$folder"
+  fi
+  if ! output=$(cmake --preset "$1" 2>&1 </dev/null | show_progress); then
+    # The cache would keep what was not found, for every later run.
+    rm -rf "$folder/CMakeCache.txt" "$folder/CMakeFiles"
+    printf '%s\n' "$output" >&2
+    fail "the preset $1 could not be configured."
+  fi
 }

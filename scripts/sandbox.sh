@@ -1,15 +1,16 @@
 #!/usr/bin/env bash
-# Runs a command where it can mount what it likes and signal only what it started.
+# Runs a command that may mount anything and signal only what it started itself.
 #
 # Usage: sandbox.sh COMMAND...
 #
-# COMMAND gets the path of an empty scratch folder as one more argument. It runs with root's rights in
-# private mount and process namespaces; those need root, unprivileged user namespaces or sudo. When it
-# ends, or the sandbox is interrupted, no process of it stays and the scratch folder is removed.
+# The path of an empty scratch folder is appended to COMMAND. The command has root's rights in private
+# mount and process namespaces, with its own /proc where that is allowed. This needs root,
+# unprivileged user namespaces or sudo. When the command ends or the sandbox is interrupted, all its
+# processes are killed and the scratch folder is removed.
 set -euo pipefail
 . "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
 
-# The first process of the namespaces dies with unshare, and with that process all others.
+# If unshare dies, so does the first process of the namespaces, and with it all the others.
 sandbox=(unshare --mount --pid --fork --kill-child)
 scratch=
 pid=
@@ -24,7 +25,7 @@ clean_up() {
     kill -KILL "$pid" 2>/dev/null || true
     wait "$pid" 2>/dev/null || true
   fi
-  # The last processes may be a moment behind.
+  # The last processes may take a moment to end.
   for _ in {1..50}; do
     if rm -rf "$scratch" 2>/dev/null; then
       break
@@ -41,7 +42,7 @@ scratch=$(mktemp -d)
 if ! sandbox_works; then
   sandbox+=(--user --map-root-user)
   if ! sandbox_works; then
-    if ((EUID != 0)) && command -v sudo >/dev/null; then
+    if ((EUID != 0)) && sudo_works; then
       rmdir "$scratch"
       exec sudo -- "$0" "$@"
     fi
@@ -50,6 +51,10 @@ if ! sandbox_works; then
   fi
 fi
 
-"${sandbox[@]}" "$@" "$scratch" &
+# The new processes are not in the machine's /proc. A container may forbid to mount another one; only
+# tools that look at processes miss it. The explicit standard input keeps the terminal: bash gives
+# /dev/null to a background command otherwise.
+# shellcheck disable=SC2016  # the inner shell expands these
+"${sandbox[@]}" sh -c 'mount -t proc proc /proc 2>/dev/null; exec "$@"' sh "$@" "$scratch" <&0 &
 pid=$!
 wait "$pid"

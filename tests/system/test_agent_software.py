@@ -1,20 +1,13 @@
-"""Installing an agent package: the order of effects, and every way in which it can fail."""
+"""Installing an agent package: the order of effects, and the ways in which it can fail."""
 
 import pytest
 
 from harness import (DATA_DIR, DEFAULT_UPDATE_SCRIPT, FAILED, OK, START, TAR, VERSION_FILE,
                      WORK_DIR, Run, Step, http_reply, namespace, package)
-from harness.software import (GET_PACKAGE, GET_VERSION, NEW_VERSION, PACKAGE_PATH,
-                              PACKAGE_PATH_32, PACKAGE_PATH_64, VERSION_PATH, publish_update,
-                              settings)
+from harness.software import (GET_PACKAGE, GET_VERSION, NEW_VERSION, NO_PACKAGE, NOT_NEEDED,
+                              NOT_UNPACKED, PACKAGE_PATH, PACKAGE_PATH_32, PACKAGE_PATH_64,
+                              UPDATED, VERSION_PATH, publish_update, settings)
 
-UPDATED = ["[SOFT] update norvak agent success", ""]
-NOT_UNPACKED = [
-    "call decompress_package failed",
-    "[SOFT] call run_update_norvak_agent->update_now failed",
-    "[SOFT] update norvak agent failed",
-    "",
-]
 SCRIPT_FAILED = [
     "call exec_script failed",
     "[SOFT] call run_update_norvak_agent->update_now failed",
@@ -23,11 +16,6 @@ SCRIPT_FAILED = [
 ]
 CONFIG_LOST = [
     "[SOFT] call run_update_norvak_agent->update_config failed",
-    "[SOFT] update norvak agent failed",
-    "",
-]
-NO_PACKAGE = [
-    "[SOFT] call run_update_norvak_agent->download_norvak_update_package failed",
     "[SOFT] update norvak agent failed",
     "",
 ]
@@ -50,7 +38,7 @@ def offer(host, server):
     return publish
 
 
-# The whole road.
+# Whole runs.
 
 
 def test_an_automatic_run_takes_its_steps_in_order(host, server, offer):
@@ -91,8 +79,7 @@ def test_the_second_automatic_run_finds_nothing_to_do(host, server, offer):
     assert host.update("0", "0") == OK
     host.remember()
     assert host.update("0", "0") == FAILED
-    assert host.log_texts() == [
-        *UPDATED, "[SOFT] norvak is not need to update, or check new version fail", ""]
+    assert host.log_texts() == UPDATED + NOT_NEEDED
     assert server.requests() == [GET_VERSION, GET_PACKAGE, GET_VERSION]
     assert host.changes() == []
 
@@ -102,7 +89,7 @@ def test_tar_and_script_get_the_command_lines_that_packages_rely_on(host, offer)
     host.write("tool/tar", f'#!/bin/sh\n{said}\nexec tar "$@"\n', mode=0o755)
     host.write_script("startup.sh", said)
     offer(update=f"#!/bin/sh\n{said}\n")
-    # The listings of tar and of the script are discarded, what startup.sh says is not.
+    # The output of tar and of the script is discarded, that of startup.sh is not.
     assert host.update("0", "0") == Run(0, b"to the terminal\n")
     assert host.read("said").decode() == (
         f"{host.path}/tool/tar xvf {host.path}/{TAR} -C {host.path}/{DATA_DIR}\n"
@@ -170,10 +157,7 @@ def test_a_package_may_replace_programs_that_the_update_itself_uses(host, offer)
 
 
 @pytest.mark.parametrize("machine, path", [
-    ("x86_64", PACKAGE_PATH_64), ("X86_64", PACKAGE_PATH_64), ("x86_64x", PACKAGE_PATH_32),
-    ("i386", PACKAGE_PATH_32), ("i686", PACKAGE_PATH_32), ("amd64", PACKAGE_PATH_32),
-    ("aarch64", PACKAGE_PATH_32), ("", PACKAGE_PATH_32),
-])
+    ("X86_64", PACKAGE_PATH_64), ("aarch64", PACKAGE_PATH_32)])
 def test_the_machine_name_chooses_the_package(host, server, machine, path):
     server.publish({path[1:]: package()})
     host.configure(**settings(server.url))
@@ -182,27 +166,15 @@ def test_the_machine_name_chooses_the_package(host, server, machine, path):
     assert server.requests() == [f"GET {path}"]
 
 
-def test_a_host_that_does_not_tell_its_machine_gets_the_32_bit_package(host, server):
-    server.publish({PACKAGE_PATH_32[1:]: package()})
-    host.configure(**settings(server.url))
-    assert host.update("0", "1", uname={"NORVAK_TEST_UNAME_FAILS": "1"}) == OK
-    assert server.requests() == [f"GET {PACKAGE_PATH_32}"]
-
-
 # No package.
 
 
-@pytest.mark.parametrize("pairs", [
-    pytest.param([("update_host", "")], id="empty host"),
-    pytest.param([], id="no host"),
-])
-def test_without_a_host_nothing_is_fetched_and_the_agent_goes_on(host, pairs):
-    host.configure(*pairs, update_type="0")
+def test_without_a_host_nothing_is_fetched_and_the_agent_goes_on(host):
+    host.configure(update_host="", update_type="0")
     assert host.update("0", "1") == FAILED
     assert host.log_texts() == NO_PACKAGE
-    assert host.trace() == []
     assert host.changes() == []
-    assert host.agent.is_alive()
+    host.assert_agent_undisturbed()
 
 
 def test_the_marker_stands_while_the_package_is_fetched_and_goes_when_that_fails(
@@ -234,8 +206,7 @@ def assert_not_unpacked(host, run, complaint, steps=("tool/tar", "startup.sh")):
 
 
 @pytest.mark.parametrize("damage", [
-    pytest.param(lambda archive: b"no archive\n", id="no archive"),
-    pytest.param(lambda archive: archive[:700], id="cut short"),
+    pytest.param(lambda archive: archive[:700], id="truncated"),
     pytest.param(lambda archive: archive[:148] + b"7777777\0" + archive[156:], id="wrong checksum"),
 ])
 def test_a_damaged_package_is_not_installed(host, server, damage):
@@ -255,21 +226,8 @@ def test_without_the_tar_program_nothing_is_installed(host, offer):
     assert host.changes() == STOPPED
 
 
-def test_a_tar_program_that_may_not_be_run_installs_nothing(host, offer):
-    offer()
-    (host.root / "tool/tar").chmod(0o644)
-    assert_not_unpacked(host, host.update("0", "0"), b"/tool/tar: Permission denied\n",
-                        ["startup.sh"])
-
-
-def test_a_tar_program_that_is_killed_installs_nothing(host, offer):
-    offer()
-    host.write_script("tool/tar", 'tar "$@"; kill -KILL $$')
-    assert_not_unpacked(host, host.update("0", "0"), b"")
-
-
 def test_an_install_directory_with_a_blank_breaks_the_command_lines(host, offer):
-    # They are built without quotes, so the shell looks for a program ".../with".
+    # The command lines quote nothing, so the shell looks for a program ".../with".
     offer(update=host.script("update"))
     link = host.root.with_name("with blank")
     link.symlink_to(host.root)
@@ -287,7 +245,7 @@ def test_without_a_shell_nothing_is_installed(host, offer):
     offer()
     assert host.update("0", "0", mounts=[namespace.bind("/dev/null", "/bin/sh")]) == FAILED
     assert host.log_texts() == NOT_UNPACKED
-    assert host.trace() == []  # the startup script needs one, too
+    assert host.trace() == []  # the startup script needs a shell, too
     assert host.agent.was_killed()
     assert host.changes() == STOPPED
 
@@ -302,14 +260,13 @@ def test_the_script_does_not_run_after_a_tar_program_that_unpacked_all_and_faile
 
 NOT_FOUND = (b"sh: 1: ./update: not found\n",
              b"sh: ./update: No such file or directory\n",
-             b"sh: line 1: ./update: No such file or directory\n",
-             b"sh: ./update: /nonexistent/sh: bad interpreter: No such file or directory\n")
+             b"sh: line 1: ./update: No such file or directory\n")
 
 
 def assert_script_failed(host, run, complaints=(b"",)):
-    """What the script did before stands, and the agent was started again.
+    """The changes made by the script are kept, and the agent was started again.
 
-    @param complaints  what the shell may have said about the script, depending on the shell
+    @param complaints  the possible messages of the shell about the script
     """
     assert (run.status, run.stdout) == (255, b"")
     assert run.stderr in complaints
@@ -322,10 +279,6 @@ def assert_script_failed(host, run, complaints=(b"",)):
 
 @pytest.mark.parametrize("ending", [
     pytest.param("exit 1", id="status 1"),
-    pytest.param("exit 255", id="status 255"),
-    pytest.param("exit 127", id="status 127"),
-    pytest.param("kill -KILL $$", id="SIGKILL"),
-    pytest.param("kill -TERM $$", id="SIGTERM"),
     pytest.param("kill -INT $$", id="SIGINT"),
     pytest.param("kill -QUIT $$", id="SIGQUIT"),
     pytest.param('case $(cat "/proc/$PPID/comm") in\n'
@@ -336,7 +289,7 @@ def assert_script_failed(host, run, complaints=(b"",)):
 def test_a_script_that_does_not_end_with_success_fails_the_run(host, offer, ending):
     offer(update=host.script("update", f"echo done >../../half\n{ending}"))
     assert_script_failed(host, host.update("0", "0"),
-                         (b"", b"Killed\n", b"Terminated\n", b"Quit\n"))
+                         (b"", b"Killed\n", b"Quit\n"))
     assert who(host) == ["tool/tar", "update", "startup.sh"]
     assert host.changes() == ["+half", *STOPPED]
 
@@ -347,18 +300,7 @@ def test_a_package_without_a_script_fails_the_run(host, offer):
     assert host.changes() == STOPPED
 
 
-def test_a_script_below_the_top_of_the_package_is_not_found(host, offer):
-    offer(**{"package/update": host.script("update")})
-    assert_script_failed(host, host.update("0", "0"), NOT_FOUND)
-    assert who(host) == ["tool/tar", "startup.sh"]
-
-
-def test_a_script_with_an_unknown_interpreter_fails_the_run(host, offer):
-    offer(update="#!/nonexistent/sh\n")
-    assert_script_failed(host, host.update("0", "0"), NOT_FOUND)
-
-
-# A configuration that goes away while the update runs.
+# A configuration that disappears while the update runs.
 
 
 def test_a_configuration_lost_before_unpacking_ends_the_update(host, scripted_server):
@@ -376,7 +318,6 @@ def test_a_configuration_lost_before_unpacking_ends_the_update(host, scripted_se
 
 @pytest.mark.parametrize("spoil", [
     pytest.param("rm ../../config.xml", id="removed"),
-    pytest.param("echo no XML >../../config.xml", id="malformed"),
     pytest.param("rm ../../config.xml; mkdir ../../config.xml", id="a directory"),
 ])
 def test_a_script_that_leaves_no_readable_configuration_fails_the_run(host, offer, spoil):

@@ -4,18 +4,18 @@ import re
 
 import pytest
 
-from harness import (DATA_DIR, FAILED, KILLED, OK, TAR, VERSION_FILE, WORK_DIR, Reply, Step,
-                     http_reply, namespace, package, unused_address)
+from harness import (DATA_DIR, FAILED, KILLED, OK, TAR, VERSION_FILE, WORK_DIR, Step, http_reply,
+                     namespace, package, unused_address)
 from harness.software import (GET_PACKAGE, GET_VERSION, NEW_VERSION, NO_PACKAGE, NO_VERSION,
                               NOT_UNPACKED, PACKAGE_PATH, UPDATED, VERSION_LINE, VERSION_PATH,
                               publish_update, settings)
 from harness.transfers import (COULD_NOT_CONNECT, COULD_NOT_RESOLVE, EMPTY_BODIES, ERROR_STATUSES,
-                               GOT_NOTHING, STALLED, WHOLE_BODIES, WRITE_ERROR, failing_transfers,
+                               PARTIAL_FILE, STALLED, WHOLE_BODIES, WRITE_ERROR, failing_transfers,
                                transfer_failed)
 
 
 def version_download_failed(host, url, code):
-    """The log of an automatic run that libcurl's result @a code ended at the version file."""
+    """The log of an automatic run whose request of the version file fails with libcurl's @a code."""
     return [transfer_failed(code),
             f"[SOFT] download file failed [url: {url}/norvak/norvak_agent_new_version.txt] "
             f"[file: {host.path}/update_norvak_soft/new_version]", *NO_VERSION]
@@ -23,8 +23,7 @@ def version_download_failed(host, url, code):
 
 def assert_untouched(host):
     assert host.changes() == []
-    assert host.trace() == []
-    assert host.agent.is_alive()
+    host.assert_agent_undisturbed()
 
 
 def assert_installed(host):
@@ -35,7 +34,7 @@ def assert_installed(host):
 
 
 def assert_restarted_unchanged(host, run):
-    """The package was fetched but is none: only tar may have complained."""
+    """The run fetched a package that is none: only tar may have complained."""
     assert (run.status, run.stdout) == (255, b"")
     assert re.match(rb"[^\n]*/?tar: ", run.stderr)
     assert host.log_texts() == NOT_UNPACKED
@@ -77,12 +76,10 @@ def test_the_request_holds_nothing_that_was_not_asked_for(host, serve):
 
 
 @pytest.mark.parametrize("prefix", [
-    pytest.param("", id="host alone"),
-    pytest.param("/agents/linux", id="path behind the host"),
-    pytest.param("/", id="slash at the end"),
+    pytest.param("/agents/linux/", id="path with a slash at the end"),
     pytest.param("/agents?name=", id="query"),
 ])
-def test_the_path_is_appended_to_the_host_as_it_stands(host, scripted_server, prefix):
+def test_the_path_is_appended_to_the_host_as_it_is_stored(host, scripted_server, prefix):
     scripted_server.reply(f"{prefix}{VERSION_PATH}", http_reply(VERSION_LINE))
     scripted_server.reply(f"{prefix}{PACKAGE_PATH}", http_reply(package()))
     host.configure(**settings(scripted_server.url + prefix))
@@ -120,7 +117,7 @@ def test_an_earlier_file_is_replaced_and_not_appended_to(host, server):
     assert dict(host.config_values())["version"] == NEW_VERSION
 
 
-# Bodies in unusual forms that are whole all the same.
+# Complete bodies in unusual forms.
 
 
 @pytest.mark.parametrize("form", WHOLE_BODIES)
@@ -139,7 +136,7 @@ def test_a_large_package_is_saved_whole(host, server):
     assert host.read("kept") == content
 
 
-# The status is not looked at: the body of an error is the file.
+# The status is ignored: the body of an error page becomes the file.
 
 
 @pytest.mark.parametrize("status", ERROR_STATUSES)
@@ -151,22 +148,6 @@ def test_a_good_body_counts_whatever_the_status(host, serve, status):
     assert_installed(host)
 
 
-@pytest.mark.parametrize("status", ERROR_STATUSES)
-def test_an_error_page_is_no_version(host, serve, status):
-    server = serve(http_reply(b"<html>\n<p>sorry</p>\n</html>\n", status))
-    assert host.update("0", "0") == FAILED
-    assert host.log_texts() == NO_VERSION
-    assert server.requests() == [GET_VERSION]
-    assert_untouched(host)
-
-
-@pytest.mark.parametrize("status", ERROR_STATUSES)
-def test_an_error_page_is_no_package(host, serve, status):
-    server = serve(package_reply=http_reply(b"<html>\n<p>sorry</p>\n</html>\n", status))
-    assert_restarted_unchanged(host, host.update("0", "0"))
-    assert server.requests() == [GET_VERSION, GET_PACKAGE]
-
-
 def test_the_404_page_of_nginx_is_no_version(host, server):
     host.configure(**settings(server.url))
     assert host.update("0", "0") == FAILED
@@ -175,7 +156,7 @@ def test_the_404_page_of_nginx_is_no_version(host, server):
     assert_untouched(host)
 
 
-@pytest.mark.parametrize("prefix", ["/absent", "/broken", "/moved"])
+@pytest.mark.parametrize("prefix", ["/broken", "/moved"])
 def test_the_error_pages_of_nginx_are_no_package(host, server, prefix):
     publish_update(server)
     host.configure(**settings(f"{server.url}{prefix}"))
@@ -206,16 +187,15 @@ def test_a_redirect_with_a_good_body_is_not_followed_either(host, serve):
 @pytest.mark.parametrize("empty", EMPTY_BODIES)
 def test_an_empty_body_is_no_version(host, serve, empty):
     server = serve(empty)
-    host.write(VERSION_FILE, VERSION_LINE)  # an earlier file does not stand in for it
+    host.write(VERSION_FILE, VERSION_LINE)  # an earlier file is not taken instead
     assert host.update("0", "0") == FAILED
     assert host.log_texts() == NO_VERSION
     assert server.requests() == [GET_VERSION]
     assert_untouched(host)
 
 
-@pytest.mark.parametrize("empty", EMPTY_BODIES)
-def test_an_empty_body_is_no_package(host, serve, empty):
-    serve(package_reply=empty)
+def test_an_empty_body_is_no_package(host, serve):
+    serve(package_reply=http_reply(b""))
     host.write(TAR, package())
     assert_restarted_unchanged(host, host.update("0", "0"))
 
@@ -232,20 +212,13 @@ def test_a_failed_transfer_gives_no_version(host, serve, reply, code):
     assert_untouched(host)
 
 
-@pytest.mark.parametrize("reply, code", failing_transfers(package()))
-def test_a_failed_transfer_of_the_package_leaves_the_agent_alone(host, serve, reply, code):
-    server = serve(package_reply=reply)
+def test_a_failed_transfer_of_the_package_leaves_the_agent_alone(host, serve):
+    body = package()
+    server = serve(package_reply=http_reply(body, length=len(body) + 1))
     assert host.update("0", "0") == FAILED
-    assert host.log_texts() == [transfer_failed(code), *NO_PACKAGE]
+    assert host.log_texts() == [transfer_failed(PARTIAL_FILE), *NO_PACKAGE]
     assert server.requests() == [GET_VERSION, GET_PACKAGE]
     assert_untouched(host)
-
-
-def test_a_failed_transfer_is_not_tried_again(host, serve):
-    server = serve(Reply([]))
-    assert host.update("0", "0") == FAILED
-    assert host.log_texts() == version_download_failed(host, server.url, GOT_NOTHING)
-    assert server.requests() == [GET_VERSION]
 
 
 def test_no_server_at_all_gives_no_version(host):
@@ -254,15 +227,6 @@ def test_no_server_at_all_gives_no_version(host):
         host.configure(**settings(f"http://{address}"))
         assert host.update("0", "0") == FAILED
     assert host.log_texts() == version_download_failed(host, f"http://{address}", COULD_NOT_CONNECT)
-    assert_untouched(host)
-
-
-def test_no_server_at_all_gives_no_package(host):
-    holder, address = unused_address()
-    with holder:
-        host.configure(**settings(f"http://{address}"))
-        assert host.update("0", "1") == FAILED
-    assert host.log_texts() == [transfer_failed(COULD_NOT_CONNECT), *NO_PACKAGE]
     assert_untouched(host)
 
 
@@ -277,7 +241,7 @@ def test_an_address_that_is_none_fails_without_a_request(host, url, code):
     assert_untouched(host)
 
 
-# The name service sees the machine's hosts file only, so that no query leaves the machine.
+# Names are looked up in a hosts file only, so that no query leaves the machine.
 
 
 def test_a_host_name_is_resolved(host, server, with_hosts_file):
@@ -320,7 +284,7 @@ def test_a_work_directory_that_cannot_be_made_ends_the_transfer(host, serve):
     host.write(WORK_DIR, "a file in its place")
     assert host.update("0", "0") == FAILED
     assert host.log_texts() == version_download_failed(host, server.url, WRITE_ERROR)
-    # The clean-up takes away whatever stands under that name.
+    # The clean-up removes whatever has that name.
     assert host.changes() == []
 
 
@@ -332,7 +296,7 @@ def test_a_directory_in_the_place_of_the_file_ends_the_transfer(host, serve):
     assert_untouched(host)
 
 
-# A server that says nothing more holds up the run for as long as it likes.
+# There is no timeout: a server that stops sending blocks the run.
 
 
 def assert_blocks(run):
@@ -353,17 +317,15 @@ def test_a_stalled_version_file_blocks_the_run(host, serve, reply):
     assert host.agent.is_alive()
 
 
-@pytest.mark.parametrize("reply", STALLED)
-def test_a_stalled_package_blocks_the_run_before_the_agent_is_stopped(host, serve, reply):
-    server = serve(package_reply=reply)
+def test_a_stalled_package_blocks_the_run_before_the_agent_is_stopped(host, serve):
+    server = serve(package_reply=http_reply(b"abc", length=100, end="stall"))
     run = host.start("0", "0")
     server.wait_for_requests(2)
     assert_blocks(run)
     assert host.log_texts() == []
     assert host.trace() == []
     assert host.changes() == sorted(
-        ["+update", f"+{WORK_DIR}", f"+{DATA_DIR}", f"+{VERSION_FILE}"]
-        + ([f"+{TAR}"] if len(reply.steps) > 1 else []))
+        ["+update", f"+{WORK_DIR}", f"+{DATA_DIR}", f"+{VERSION_FILE}", f"+{TAR}"])
     assert host.agent.is_alive()
 
 

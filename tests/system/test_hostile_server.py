@@ -61,37 +61,56 @@ def page_log(request):
     return web_server.REFUSED if request is IDENTIFICATION else request.page
 
 
-def assert_all_fail(host, server, request, replies, logs):
-    """Each of @a replies makes a run fail with its log and change nothing; then one succeeds.
-
-    @param replies  by name
-    @param logs     by the reply's name; all that its run may write
-    """
+def run_in_turn(host, server, request, replies):
+    """Runs the update once for each of @a replies, which are named; the logs by these names."""
     update, count = request.update, len(replies)
-    surroundings = host.surroundings()
     server.reply_in_turn(request.path, replies.values())
     statuses, errors = host.update_in_turn(count, *update.arguments, uname=update.uname)
-    found = dict(zip(replies, by_run(host.log_texts())))
-    logs = {name: found[name] if found.get(name) in possible else possible[0]
-            for name, possible in logs.items()}
-    assert found == logs
+    logs = by_run(host.log_texts())
     assert statuses == count * [FAILED.status]
-    # Whatever can be read as an identification is new, and the program is fetched.
+    assert len(logs) == count
+    assert errors == b"" or software.NOT_UNPACKED in logs  # tar's complaints
+    return dict(zip(replies, logs))
+
+
+def assert_logged(found, possible):
+    """Each log in @a found is one of those in @a possible; both are by the names of the replies."""
+    assert {name: log for name, log in found.items() if log not in possible[name]} == {}
+
+
+def assert_nothing_installed(host, server, request, logs):
+    """The runs with @a logs only sent their requests. Those that had a package restarted the agent.
+
+    Any text can be an identification: then the run requests the program, too.
+    """
+    update = request.update
     assert server.requests() == sum((update.requests if log == web_server.REFUSED
-                                     else request.requests for log in logs.values()), [])
-    # A package that was fetched but is none: the agent has been stopped, and is started again.
-    unpacked = sum(log == software.NOT_UNPACKED for log in logs.values())
+                                     else request.requests for log in logs), [])
+    unpacked = logs.count(software.NOT_UNPACKED)
     assert [step.who for step in host.trace()] == unpacked * ["tool/tar", "startup.sh"]
-    assert errors == b"" or unpacked
     record = [f"+{kernel.RECORD}"] if update is KERNEL else []
     assert host.changes() == record + (["-norvak.pid"] if unpacked else [])
     assert host.agent.was_killed() if unpacked else host.agent.is_alive()
-    assert host.surroundings() == surroundings
 
+
+def assert_next_run_succeeds(host, server, update):
     update.publish(server)
     assert host.update(*update.arguments, uname=update.uname) == OK
     assert by_run(host.log_texts())[-1] == update.log
     assert set(update.changes) <= set(host.changes())
+
+
+def assert_all_fail(host, server, request, replies, logs):
+    """A run with each of @a replies fails with one of its @a logs, and does no lasting harm.
+
+    Both are dictionaries by the names of the replies.
+    """
+    surroundings = host.surroundings()
+    found = run_in_turn(host, server, request, replies)
+    assert_logged(found, logs)
+    assert_nothing_installed(host, server, request, list(found.values()))
+    assert host.surroundings() == surroundings
+    assert_next_run_succeeds(host, server, request.update)
 
 
 @pytest.mark.parametrize("request_", ALL_REQUESTS)

@@ -15,14 +15,6 @@ NOTHING_TO_DO = [*are_current(*MODULES), ""]
 ALL_UPDATED = [*were_updated(*MODULES), ""]
 RECORDED = f"+{RECORD}"
 
-# What can stand there of the pair that must not be left one without the other.
-PAIRS = [
-    pytest.param([], id="none of the pair there"),
-    pytest.param([TESSEL], id="the second module there"),
-    pytest.param([QUORIN], id="the third module there"),
-    pytest.param([TESSEL, QUORIN], id="both of the pair there"),
-]
-
 
 @pytest.fixture
 def serve(host, scripted_server):
@@ -113,12 +105,11 @@ def test_a_second_run_finds_nothing_to_do(configured, server):
     assert server.requests() == get_all(*MODULES) + get_list(*MODULES)
 
 
-@pytest.mark.parametrize("mask, mode", [(0o022, 0o644), (0o077, 0o600), (0, 0o666)])
-def test_an_installed_module_has_the_permissions_of_a_new_file(configured, server, mask, mode):
+def test_an_installed_module_has_the_permissions_of_a_new_file(configured, server):
     publish_modules(server)
     configured.write(installed(FIRST), OLD, mode=0o755)
-    assert update(configured, mounts=[namespace.umask(mask)]) == OK
-    assert {configured.mode(installed(name)) for name in MODULES} == {mode}
+    assert update(configured, mounts=[namespace.umask(0)]) == OK
+    assert {configured.mode(installed(name)) for name in MODULES} == {0o666}
 
 
 def test_a_large_module_is_installed_whole(configured, server):
@@ -136,8 +127,8 @@ def test_an_empty_module_cannot_be_fetched(configured, server):
     assert modules(configured)[FIRST] == OLD
 
 
-# A failed download: the modules behind are not looked at, and the pair is not left one without the
-# other.
+# A failed download: the modules after it are not checked, and of the second and third module either
+# both stay or neither does.
 
 
 def broken_transfer(name):
@@ -151,12 +142,16 @@ def wrong_content(name):
     return http_reply(b"another build\n"), was_refused(name)
 
 
-FAILED_DOWNLOADS = pytest.mark.parametrize("failure", [broken_transfer, wrong_content])
+# How a download fails, and which of the second and third module are installed before.
+FAILED_DOWNLOADS = pytest.mark.parametrize("failure, pair", [
+    pytest.param(broken_transfer, [TESSEL], id="broken transfer, second module installed"),
+    pytest.param(wrong_content, [QUORIN], id="wrong content, third module installed"),
+    pytest.param(wrong_content, [TESSEL, QUORIN], id="wrong content, both installed"),
+])
 
 
 @FAILED_DOWNLOADS
-@pytest.mark.parametrize("pair", PAIRS)
-def test_a_failed_download_of_the_first_module_removes_nothing(host, serve, pair, failure):
+def test_a_failed_download_of_the_first_module_removes_nothing(host, serve, failure, pair):
     reply, log = failure(FIRST)
     server = serve({module_path(FIRST): reply})
     install(host, FIRST, *pair, content=OLD)
@@ -168,8 +163,7 @@ def test_a_failed_download_of_the_first_module_removes_nothing(host, serve, pair
 
 
 @FAILED_DOWNLOADS
-@pytest.mark.parametrize("pair", PAIRS)
-def test_a_failed_download_of_the_second_module_removes_a_single_one(host, serve, pair, failure):
+def test_a_failed_download_of_the_second_module_removes_a_single_one(host, serve, failure, pair):
     reply, log = failure(TESSEL)
     server = serve({module_path(TESSEL): reply})
     install(host, FIRST, *pair, content=OLD)
@@ -182,15 +176,14 @@ def test_a_failed_download_of_the_second_module_removes_a_single_one(host, serve
 
 
 @FAILED_DOWNLOADS
-@pytest.mark.parametrize("pair", PAIRS)
-def test_a_failed_download_of_the_third_module_removes_a_single_second(host, serve, pair, failure):
+def test_a_failed_download_of_the_third_module_removes_a_single_second(host, serve, failure, pair):
     reply, log = failure(QUORIN)
     server = serve({module_path(QUORIN): reply})
     install(host, FIRST, *pair, content=OLD)
     assert update(host) == FAILED
     assert host.log_texts() == were_updated(FIRST, TESSEL) + log
     assert server.requests() == get_all(*MODULES)
-    # The second one was installed a moment ago: it stays only where the third one is.
+    # The second module, which this run installed, stays only if the third one is installed too.
     left = {TESSEL: new(TESSEL), QUORIN: OLD} if QUORIN in pair else {}
     assert modules(host) == {FIRST: new(FIRST), **left}
     assert_only_modules_changed(host)
@@ -204,11 +197,11 @@ def test_a_failed_download_removes_a_second_module_that_was_current(host, serve)
     assert modules(host) == {FIRST: new(FIRST)}
 
 
-def test_a_server_that_is_forgotten_between_check_and_download_fails_the_download(host, serve):
-    def forget():
+def test_an_address_lost_between_check_and_download_fails_the_download(host, serve):
+    def lose_address():
         host.write("config.xml", "<norvak/>")
 
-    server = serve({list_path(TESSEL): http_reply(length=33, pieces=[forget, b"0" * 32 + b"\n"])})
+    server = serve({list_path(TESSEL): http_reply(length=33, pieces=[lose_address, b"0" * 32 + b"\n"])})
     install(host, FIRST, TESSEL)
     assert update(host) == FAILED
     assert host.log_texts() == [*are_current(FIRST),
@@ -217,7 +210,7 @@ def test_a_server_that_is_forgotten_between_check_and_download_fails_the_downloa
     assert modules(host) == {FIRST: new(FIRST)}
 
 
-# A failed check: the modules behind are not looked at, and nothing is removed.
+# A failed check: the modules after it are not checked, and nothing is removed.
 
 
 def broken_list(name):
@@ -234,13 +227,16 @@ def list_of_two_lines(name):
         "[KERNEL] download MD5 file is abnormal"]
 
 
-FAILED_CHECKS = pytest.mark.parametrize("failure", [broken_list, missing_list, list_of_two_lines])
+FAILED_CHECKS = pytest.mark.parametrize("failure, pair", [
+    pytest.param(broken_list, [TESSEL], id="broken transfer, second module installed"),
+    pytest.param(missing_list, [QUORIN], id="no list, third module installed"),
+    pytest.param(list_of_two_lines, [TESSEL, QUORIN], id="two lines, both installed"),
+])
 
 
 @FAILED_CHECKS
-@pytest.mark.parametrize("pair", PAIRS)
 @pytest.mark.parametrize("name", [FIRST, TESSEL])
-def test_a_failed_check_of_the_first_two_modules_removes_nothing(host, serve, name, pair, failure):
+def test_a_failed_check_of_the_first_two_modules_removes_nothing(host, serve, name, failure, pair):
     reply, log = failure(name)
     server = serve({list_path(name): reply})
     install(host, FIRST)
@@ -255,8 +251,7 @@ def test_a_failed_check_of_the_first_two_modules_removes_nothing(host, serve, na
 
 
 @FAILED_CHECKS
-@pytest.mark.parametrize("pair", PAIRS)
-def test_a_failed_check_of_the_third_module_keeps_a_new_second(host, serve, pair, failure):
+def test_a_failed_check_of_the_third_module_keeps_a_new_second(host, serve, failure, pair):
     reply, log = failure(QUORIN)
     server = serve({list_path(QUORIN): reply})
     install(host, FIRST, *pair, content=OLD)
@@ -272,26 +267,16 @@ def test_a_failed_check_of_the_third_module_keeps_a_new_second(host, serve, pair
 # MD5 lists.
 
 
-@pytest.mark.parametrize("form", [
-    pytest.param("{}\n", id="with a line feed"),
-    pytest.param("{}", id="without a line feed"),
-])
-def test_a_list_is_the_digest_with_or_without_line_feed(configured, server, form):
-    publish_modules(server, lists={name: form.format(digest(new(name))).encode()
-                                   for name in MODULES})
+def test_a_list_may_lack_the_line_feed(configured, server):
+    publish_modules(server, lists={name: digest(new(name)).encode() for name in MODULES})
     install(configured, FIRST, QUORIN)
     assert update(configured) == OK
     assert configured.log_texts() == [*are_current(FIRST), *were_updated(TESSEL),
                                       *are_current(QUORIN), ""]
 
 
-@pytest.mark.parametrize("form", [
-    pytest.param("{}\r\n", id="CR LF"),
-    pytest.param(" {}\n", id="blank in front"),
-    pytest.param("{} \t\n", id="blank and tab behind"),
-])
-def test_white_space_around_the_digest_makes_every_run_fetch_the_module(configured, server, form):
-    publish_modules(server, lists={name: form.format(digest(new(name))).encode()
+def test_white_space_around_the_digest_makes_every_run_fetch_the_module(configured, server):
+    publish_modules(server, lists={name: f" {digest(new(name))}\r\n".encode()
                                    for name in MODULES})
     assert update(configured) == OK
     assert update(configured) == OK
@@ -300,17 +285,8 @@ def test_white_space_around_the_digest_makes_every_run_fetch_the_module(configur
     assert modules(configured) == {name: new(name) for name in MODULES}
 
 
-@pytest.mark.parametrize("form", [
-    pytest.param(lambda digest: digest.upper() + "\n", id="upper case"),
-    pytest.param(lambda digest: digest[:-1] + "\n", id="one digit missing"),
-    pytest.param(lambda digest: digest + "0\n", id="one digit too many"),
-    pytest.param(lambda digest: f"{digest}  {FIRST}.ko\n", id="file name behind it"),
-    pytest.param(lambda digest: " " * 96 + digest + "\n", id="cut after 127 characters"),
-    pytest.param(lambda digest: "x" * 1022 + "\n", id="the longest line"),
-    pytest.param(lambda digest: "\n", id="line feed alone"),
-])
-def test_a_line_that_is_not_the_digest_fails_the_verification(configured, server, form):
-    publish_modules(server, lists={FIRST: form(digest(new(FIRST))).encode()})
+def test_a_line_that_is_not_the_digest_fails_the_verification(configured, server):
+    publish_modules(server, lists={FIRST: f"{digest(new(FIRST))}  {FIRST}.ko\n".encode()})
     install(configured, FIRST)
     assert update(configured) == FAILED
     assert configured.log_texts() == was_refused(FIRST)
@@ -319,25 +295,9 @@ def test_a_line_that_is_not_the_digest_fails_the_verification(configured, server
     configured.assert_agent_undisturbed()
 
 
-def test_127_characters_of_the_line_take_part_in_the_verification(configured, server):
-    publish_modules(server, lists={FIRST: f"{' ' * 95}{digest(new(FIRST))}x\n".encode()})
-    assert update(configured) == OK
-    assert configured.log_texts() == ALL_UPDATED
-
-
-@pytest.mark.parametrize("form", [
-    pytest.param(lambda digest: digest + "\n\n", id="empty second line"),
-    pytest.param(lambda digest: digest + "\r\n\r\n", id="empty second line with CR"),
-    pytest.param(lambda digest: digest + "\n ", id="blank behind the line feed"),
-    pytest.param(lambda digest: "\n" + digest, id="empty first line"),
-    pytest.param(lambda digest: "\n\n", id="two line feeds"),
-    pytest.param(lambda digest: "<html>\n<p>sorry</p>\n</html>\n", id="error page"),
-    pytest.param(lambda digest: "x" * 1024, id="a line of two pieces"),
-    pytest.param(lambda digest: "x" * 1023 + "\n", id="a line feed that does not fit"),
-])
 @pytest.mark.parametrize("is_installed", [True, False], ids=["installed", "not installed"])
-def test_a_list_of_several_lines_is_abnormal(configured, server, form, is_installed):
-    publish_modules(server, lists={FIRST: form(digest(new(FIRST))).encode()})
+def test_a_list_of_several_lines_is_abnormal(configured, server, is_installed):
+    publish_modules(server, lists={FIRST: f"{digest(new(FIRST))}\n\n".encode()})
     if is_installed:
         install(configured, FIRST)
     else:
@@ -351,10 +311,9 @@ def test_a_list_of_several_lines_is_abnormal(configured, server, form, is_instal
     configured.assert_agent_undisturbed()
 
 
-@pytest.mark.parametrize("published", [b"\n", b"x", b"not here\n"])
 def test_a_module_that_is_not_installed_is_fetched_whatever_line_the_list_holds(
-        configured, server, published):
-    publish_modules(server, lists={FIRST: published})
+        configured, server):
+    publish_modules(server, lists={FIRST: b"not here\n"})
     configured.remove(installed(FIRST))
     assert update(configured) == FAILED
     assert configured.log_texts() == was_refused(FIRST)
@@ -363,7 +322,7 @@ def test_a_module_that_is_not_installed_is_fetched_whatever_line_the_list_holds(
 
 
 def test_a_list_without_any_line_has_the_module_fetched(configured, server):
-    # A body of no bytes leaves the file alone, and a file mounted there cannot be deleted.
+    # An empty body does not touch the file, and a file that is a mount point cannot be deleted.
     configured.write(LIST, "")
     publish_modules(server, lists={FIRST: b""})
     install(configured, *MODULES)
@@ -375,7 +334,7 @@ def test_a_list_without_any_line_has_the_module_fetched(configured, server):
 
 
 def test_the_digest_text_of_a_missing_file_verifies_a_missing_module(configured, server):
-    # Neither the list nor the download is an accident then: somebody publishes "-1" and no module.
+    # This takes a server that publishes "-1" as the digest and an empty module.
     publish_modules(server, {FIRST: b""}, {FIRST: b"-1\n"})
     install(configured, TESSEL, QUORIN)
     assert update(configured) == OK
@@ -433,23 +392,18 @@ def test_a_record_that_cannot_be_written_changes_nothing_else(configured, server
     assert [change for change in configured.changes() if RECORD in change] == []
 
 
-@pytest.mark.parametrize("length, name", [
-    pytest.param(104, "kernel_version", id="127 characters"),
-    pytest.param(105, "kernel_versio", id="128 characters"),
-    pytest.param(118, "", id="141 characters"),
-])
-def test_the_path_of_the_record_is_cut_after_127_characters(configured, server, length, name):
+def test_the_path_of_the_record_is_cut_after_127_characters(configured, server):
     publish_modules(server)
-    # Slashes make the path of the install directory as long as it has to be.
+    # With 105 characters, the path of the record has 128; slashes pad it to that length.
+    length = 105
     parent, own_name = configured.path.rsplit("/", 1)
     padded = parent + "/" * (length - len(parent) - len(own_name)) + own_name
     assert len(padded) == length
     configured.set_install_path(padded)
     assert update(configured) == OK
     assert configured.log_texts() == ALL_UPDATED
-    # The separator between directory and suffix is doubled: it counts, but shows only here.
     created = [change for change in configured.changes() if change.startswith("+")]
-    assert created == ([f"+runlog/{name}"] if name else [])
+    assert created == ["+runlog/kernel_versio"]
 
 
 def test_without_runlog_nothing_is_written_and_the_modules_are_updated(configured, server):
@@ -465,15 +419,9 @@ def test_without_runlog_nothing_is_written_and_the_modules_are_updated(configure
 # A host or a server that is not known.
 
 
-@pytest.mark.parametrize("settings", [
-    pytest.param({}, id="no setting"),
-    pytest.param({"kernel_update_host": ""}, id="empty"),
-    pytest.param({"update_host": "URL", "nginx_update_host": "URL"}, id="other settings only"),
-    pytest.param({"Kernel_update_host": "URL"}, id="other letter case"),
-])
-def test_without_a_server_nothing_is_to_be_done(host, server, settings):
+def test_without_a_server_there_is_nothing_to_do(host, server):
     publish_modules(server)
-    host.configure(**{name: value.replace("URL", server.url) for name, value in settings.items()})
+    host.configure(update_host=server.url, nginx_update_host=server.url)
     install(host, TESSEL, content=OLD)
     assert update(host) == OK
     assert host.log_texts() == NOTHING_TO_DO
@@ -482,27 +430,16 @@ def test_without_a_server_nothing_is_to_be_done(host, server, settings):
     host.assert_agent_undisturbed()
 
 
-@pytest.mark.parametrize("document", [None, b"", b"<norvak>"], ids=["missing", "empty", "cut"])
-def test_without_a_configuration_nothing_is_to_be_done(host, document):
-    if document is not None:
-        host.write("config.xml", document)
-        host.remember()
+def test_without_a_configuration_there_is_nothing_to_do(host):
     assert update(host) == OK
     assert host.log_texts() == NOTHING_TO_DO
     assert host.changes() == []
     host.assert_agent_undisturbed()
 
 
-@pytest.mark.parametrize("uname", [
-    pytest.param({"NORVAK_TEST_UNAME_FAILS": "1"}, id="the call fails"),
-    pytest.param({"NORVAK_TEST_RELEASE": ""}, id="empty release"),
-    pytest.param({"NORVAK_TEST_RELEASE": "-default"}, id="nothing in front of the flavour"),
-])
-def test_on_a_host_that_cannot_be_identified_nothing_is_to_be_done(configured, server, uname):
+def test_on_a_host_that_cannot_be_identified_there_is_nothing_to_do(configured, server):
     publish_modules(server)
-    configured.write("suse", "")
-    configured.remember()
-    assert update(configured, uname=uname) == OK
+    assert update(configured, uname={"NORVAK_TEST_UNAME_FAILS": "1"}) == OK
     assert configured.log_texts() == NOTHING_TO_DO
     assert server.requests() == []
     assert configured.changes() == []
@@ -516,8 +453,9 @@ def test_the_first_of_two_settings_counts(host, server):
     assert host.log_texts() == ALL_UPDATED
 
 
-# The address: which directory of the server belongs to the host. That of nginx has no such
-# directory, and its error page of several lines ends the run at the first list.
+# The address: which directory of the server belongs to the host. The unit tests have the tables;
+# here are a few rows, in whole runs. The server has no such directory, and its error page of several
+# lines ends the run at the first list.
 
 
 def assert_first_request(host, server, path, **uname):
@@ -528,64 +466,24 @@ def assert_first_request(host, server, path, **uname):
                                 f"[KERNEL] check kernel {FIRST} MD5 failed", ""]
 
 
-@pytest.mark.parametrize("markers, directory", [
-    pytest.param([], "centos", id="none"),
-    pytest.param(["ubuntu"], "ubuntu-generic", id="ubuntu"),
-    pytest.param(["suse"], "suse", id="suse"),
-    pytest.param(["ubuntu", "suse"], "ubuntu-generic", id="both"),
-    pytest.param(["centos", "Ubuntu", "SUSE"], "centos", id="none that counts"),
+@pytest.mark.parametrize("marker, machine, release, directory", [
+    ("", "i686", "2.6.18-164.el5xen", "centos-xen/x86/2.6.18-164"),
+    ("suse", "x86_64", "3.0.13-0.27-default", "suse-default/x64/3.0.13-0.27"),
+    ("ubuntu", "x86_64", "2.6.32-21-server", "ubuntu-server/x64/2.6.32-21"),
 ])
-def test_marker_files_tell_the_distribution(configured, server, markers, directory):
-    for marker in markers:
-        configured.write(marker, "suse" if marker == "ubuntu" else "")
-    assert_first_request(configured, server, f"/kernels/{directory}/x64/3.0.1", release="3.0.1")
-
-
-def test_a_directory_serves_as_marker(configured, server):
-    (configured.root / "ubuntu").mkdir()
-    assert_first_request(configured, server, "/kernels/ubuntu-generic/x64/3.0.1", release="3.0.1")
-
-
-@pytest.mark.parametrize("machine, family", [
-    ("i386", "x86"), ("i686", "x86"), ("x86_64", "x64"), ("i586", "x64"), ("aarch64", "x64"),
-    ("I686", "x64"), ("i6866", "x64"), ("", "x64")])
-def test_the_machine_name_tells_the_processor_family(configured, server, machine, family):
-    assert_first_request(configured, server, f"/kernels/centos/{family}/{VERSION}", machine=machine)
-
-
-@pytest.mark.parametrize("marker, release, directory", [
-    ("", "2.6.18-164.el5xen", "centos-xen/x64/2.6.18-164"),
-    ("", "2.6.18-164.11.1.el5PAE", "centos-pae/x64/2.6.18-164"),
-    ("", "2.6.32-431.el6.x86_64", "centos/x64/2.6.32-431"),
-    ("", "3.10.0", "centos/x64/3.10.0"),
-    ("", "3.10.0-5", "centos/x64/3.10.0-5"),
-    ("", "3.10.0rc-5", "centos/x64/3.10.0R"),
-    ("", "3_10_0+5-el", "centos/x64/3_10_0+5"),
-    ("suse", "3.0.13-0.27-default", "suse-default/x64/3.0.13-0.27"),
-    ("suse", "2.6.32.12-0.7-pae", "suse-pae/x64/2.6.32.12-0.7"),
-    ("suse", "2.6.34-12-desktop", "suse-desktop/x64/2.6.34-12"),
-    ("suse", "3.0.101-63-xen", "suse/x64/3.0.101-63-XEN"),
-    ("suse", "3.0.101-63-xenpae", "suse-pae/x64/3.0.101-63-XENPAE"),
-    ("ubuntu", "3.2.0-23-generic-pae", "ubuntu-generic/x64/3.2.0-23"),
-    ("ubuntu", "2.6.32-21-server", "ubuntu-server/x64/2.6.32-21"),
-    ("ubuntu", "2.6.32-21-xen", "ubuntu-generic/x64/2.6.32-21"),
-])
-def test_the_release_tells_version_and_flavour(configured, server, marker, release, directory):
+def test_the_host_tells_the_directory(configured, server, marker, machine, release, directory):
     if marker:
         configured.write(marker, "")
-    assert_first_request(configured, server, f"/kernels/{directory}", release=release)
+    assert_first_request(configured, server, f"/kernels/{directory}", machine=machine,
+                         release=release)
 
 
-@pytest.mark.parametrize("suffix", [
-    pytest.param("/", id="slash"), pytest.param("/norvak/agents", id="path"),
-    pytest.param("/norvak/?at=", id="query")])
-def test_the_address_starts_with_the_setting_as_it_stands(configured, server, suffix):
-    configured.configure(kernel_update_host=server.url + suffix)
-    server.publish({"norvak/index.html": b"two\nlines\n"})
-    assert_first_request(configured, server, f"{suffix}/kernels/centos/x64/{VERSION}")
+def test_the_address_starts_with_the_setting_as_it_is_stored(configured, server):
+    configured.configure(kernel_update_host=f"{server.url}/norvak/agents/")
+    assert_first_request(configured, server, f"/norvak/agents//kernels/centos/x64/{VERSION}")
 
 
-# What stands in the way.
+# Obstacles in the install directory.
 
 
 def test_what_an_earlier_run_left_is_removed(configured, server):
@@ -612,7 +510,7 @@ def test_a_work_directory_that_is_gone_at_the_end_is_no_failure(host, serve):
     def remove():
         host.remove(WORK_DIR)
 
-    # The body of no bytes needs no directory.
+    # An empty body is written nowhere, so it needs no directory.
     server = serve({list_path(QUORIN): http_reply(pieces=[remove])})
     install(host, *MODULES)
     assert update(host) == FAILED
@@ -632,7 +530,7 @@ def test_a_file_in_the_place_of_the_work_directory_fails_the_check_and_goes(conf
                                       f"[KERNEL] download {FIRST} MD5 failed",
                                       f"[KERNEL] check kernel {FIRST} MD5 failed", ""]
     assert server.requests() == get_list(FIRST)
-    # The clean-up takes away whatever stands under that name.
+    # The clean-up removes whatever has that name.
     assert configured.changes() == [RECORDED]
     configured.assert_agent_undisturbed()
 
@@ -674,7 +572,7 @@ def test_an_installed_module_that_cannot_be_read_is_replaced(configured, server)
     assert modules(configured)[QUORIN] == new(QUORIN)
 
 
-def test_more_arguments_are_not_looked_at(configured, server):
+def test_further_arguments_are_ignored(configured, server):
     publish_modules(server)
     assert configured.update("1", "0", "x", "y", uname=UNAME) == OK
     assert configured.log_texts() == ALL_UPDATED

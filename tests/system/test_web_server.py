@@ -1,9 +1,12 @@
-"""The web server program (type 2): which build is fetched, identified and installed."""
+"""The web server program (type 2): which build is fetched, identified and installed.
+
+Replies that fail are in test_misbehaving_server.py.
+"""
 
 import pytest
 
 from harness import FAILED, OK, http_reply, namespace
-from harness.transfers import PARTIAL_FILE, URL_MALFORMED, WRITE_ERROR, transfer_failed
+from harness.transfers import URL_MALFORMED, WRITE_ERROR, transfer_failed
 from harness.web_server import (DOWNLOAD, GET_LIST, GET_PROGRAM, IDENTIFICATION, LIST, LIST_PATH,
                                 NEW_LINE, NEW_PROGRAM, NOT_NEW, OLD_LINE, OLD_PROGRAM, PROGRAM,
                                 PROGRAM_PATH, REFUSED, UPDATED, VERSION_DIR, WORK_DIR,
@@ -93,12 +96,11 @@ def test_a_host_without_a_build_gets_one(host, server):
     assert host.changes() == [f"+{PROGRAM}", f"+{IDENTIFICATION}"]
 
 
-@pytest.mark.parametrize("mask, mode", [(0o022, 0o644), (0o077, 0o600), (0, 0o666)])
-def test_installed_files_have_the_permissions_of_new_files(configured, server, mask, mode):
+def test_installed_files_have_the_permissions_of_new_files(configured, server):
     publish_build(server)
     assert configured.mode(PROGRAM) == 0o755
-    assert update(configured, mounts=[namespace.umask(mask)]) == OK
-    assert (configured.mode(PROGRAM), configured.mode(IDENTIFICATION)) == (mode, mode)
+    assert update(configured, mounts=[namespace.umask(0)]) == OK
+    assert (configured.mode(PROGRAM), configured.mode(IDENTIFICATION)) == (0o666, 0o666)
 
 
 def test_a_large_program_is_installed_whole(configured, server):
@@ -113,7 +115,6 @@ def test_a_large_program_is_installed_whole(configured, server):
 @pytest.mark.parametrize("arguments", [
     pytest.param([], id="both"),
     pytest.param([VERSION_DIR], id="word size"),
-    pytest.param([""], id="word size behind an empty version"),
 ])
 def test_a_missing_argument_requests_nothing(configured, server, arguments):
     publish_build(server)
@@ -123,10 +124,7 @@ def test_a_missing_argument_requests_nothing(configured, server, arguments):
     assert_untouched(configured)
 
 
-@pytest.mark.parametrize("word_size, directory", [
-    ("64-bit", "x64"), ("64-BIT", "x64"), ("64-Bit", "x64"), ("64-bIt", "x64"),
-    ("64bit", "x86"), ("x86_64", "x86"), ("", "x86"), ("64", "x86"), ("32-bit", "x86"),
-    ("64-bit ", "x86"), (" 64-bit", "x86"), ("64-bits", "x86"), ("x64", "x86")])
+@pytest.mark.parametrize("word_size, directory", [("64-BIT", "x64"), ("x86_64", "x86")])
 def test_the_word_size_chooses_the_processor_directory(configured, server, word_size, directory):
     build = f"nginx_new/{directory}/{VERSION_DIR}"
     server.publish({f"{build}/md5": NEW_LINE, f"{build}/nginx": NEW_PROGRAM})
@@ -138,12 +136,7 @@ def test_the_word_size_chooses_the_processor_directory(configured, server, word_
 
 @pytest.mark.parametrize("version_dir, requested", [
     pytest.param("", "/md5", id="empty"),
-    pytest.param("stable/1.20.1", "stable/1.20.1/md5", id="slash"),
-    pytest.param("/1.20.1/", "/1.20.1//md5", id="slashes around"),
-    pytest.param("1%2E20", "1%2E20/md5", id="escaped already"),
-    pytest.param("1%zz", "1%zz/md5", id="percent sign"),
-    pytest.param("a+b&c=d", "a+b&c=d/md5", id="reserved characters"),
-    pytest.param("latest?from=1.0", "latest?from=1.0/md5", id="query"),
+    pytest.param("/1%2E20%zz?a+b&c=d", "/1%2E20%zz?a+b&c=d/md5", id="special characters"),
 ])
 def test_the_version_goes_into_the_address_unescaped(host, serve, version_dir, requested):
     server = serve()
@@ -155,16 +148,14 @@ def test_the_version_goes_into_the_address_unescaped(host, serve, version_dir, r
     assert_untouched(host)
 
 
-@pytest.mark.parametrize("version_dir", ["1.20 beta", "1.20\n", "\x01"],
-                         ids=["blank", "line feed", "control character"])
-def test_a_version_that_fits_no_address_requests_nothing(configured, server, version_dir):
-    assert update(configured, version_dir=version_dir) == FAILED
+def test_a_version_that_fits_no_address_requests_nothing(configured, server):
+    assert update(configured, version_dir="1.20 beta") == FAILED
     assert configured.log_texts() == [transfer_failed(URL_MALFORMED), *NOTHING_REQUESTED]
     assert server.requests() == []
     assert_untouched(configured)
 
 
-def test_more_arguments_are_not_looked_at(configured, server):
+def test_further_arguments_are_ignored(configured, server):
     publish_build(server)
     assert configured.update("2", VERSION_DIR, "64-bit", "x", "y") == OK
     assert configured.log_texts() == UPDATED
@@ -173,14 +164,9 @@ def test_more_arguments_are_not_looked_at(configured, server):
 # The server's address.
 
 
-@pytest.mark.parametrize("settings", [
-    pytest.param({}, id="no setting"),
-    pytest.param({"nginx_update_host": ""}, id="empty"),
-    pytest.param({"update_host": "URL", "kernel_update_host": "URL"}, id="other settings only"),
-])
-def test_without_a_server_nothing_is_requested(host, server, settings):
+def test_without_a_server_nothing_is_requested(host, server):
     publish_build(server)
-    host.configure(**{name: value.replace("URL", server.url) for name, value in settings.items()})
+    host.configure(update_host=server.url, kernel_update_host=server.url)
     install_build(host)
     assert update(host) == FAILED
     assert host.log_texts() == NOTHING_REQUESTED
@@ -188,19 +174,15 @@ def test_without_a_server_nothing_is_requested(host, server, settings):
     assert_untouched(host)
 
 
-@pytest.mark.parametrize("document", [None, b"", b"<norvak>"], ids=["missing", "empty", "cut"])
-def test_without_a_configuration_nothing_is_requested(host, document):
-    if document is not None:
-        host.write("config.xml", document)
+def test_without_a_configuration_nothing_is_requested(host):
     install_build(host)
     assert update(host) == FAILED
     assert host.log_texts() == NOTHING_REQUESTED
     assert_untouched(host)
 
 
-@pytest.mark.parametrize("suffix", [
-    pytest.param("/", id="slash"), pytest.param("/norvak/agents", id="path")])
-def test_the_address_starts_with_the_setting_as_it_stands(host, scripted_server, suffix):
+def test_the_address_starts_with_the_setting_as_it_is_stored(host, scripted_server):
+    suffix = "/norvak/agents/"
     scripted_server.reply(suffix + LIST_PATH, http_reply(NEW_LINE))
     scripted_server.reply(suffix + PROGRAM_PATH, http_reply(NEW_PROGRAM))
     host.configure(nginx_update_host=scripted_server.url + suffix)
@@ -210,37 +192,20 @@ def test_the_address_starts_with_the_setting_as_it_stands(host, scripted_server,
     assert host.read(PROGRAM) == NEW_PROGRAM
 
 
-# Identifications: first lines, compared with their line feeds.
+# Identifications: first lines, compared with their line feeds. The unit tests have the tables of
+# identifications and programs; here are a few rows, in whole runs.
 
 
-@pytest.mark.parametrize("installed, published", [
-    pytest.param(b"a build", b"a build\n", id="no line feed installed"),
-    pytest.param(b"a build\n", b"a build", id="no line feed published"),
-    pytest.param(b"a build\n", b"a build\r\n", id="CR LF published"),
-    pytest.param(b"a build\n", b"a build \n", id="blank published"),
-    pytest.param(b"a build\n", b"A build\n", id="letter case"),
-    pytest.param(b"a build\n", b"\na build\n", id="empty first line published"),
-    pytest.param(b"", b"a build\n", id="empty installed"),
-    pytest.param(b"", b"\n", id="line feed published, empty installed"),
-    pytest.param(b"x" * 127, b"x" * 126 + b"y", id="the 127th character"),
-])
-def test_identifications_that_differ_in_any_byte_differ(configured, server, installed, published):
-    publish_build(server, line=published)
-    configured.write(IDENTIFICATION, installed)
+def test_identifications_that_differ_only_in_the_line_feed_differ(configured, server):
+    publish_build(server, line=b"a build\n")
+    configured.write(IDENTIFICATION, b"a build")
     configured.remember()
-    assert_installed(configured, server, line=published)
+    assert_installed(configured, server, line=b"a build\n")
 
 
-@pytest.mark.parametrize("installed, published", [
-    pytest.param(b"a build", b"a build", id="no line feed in both"),
-    pytest.param(b"a build\nof May\n", b"a build\nof June\n", id="second lines"),
-    pytest.param(b"x" * 128, b"x" * 127 + b"y", id="the 128th character"),
-    pytest.param(b"x" * 127 + b"\n", b"x" * 127, id="a line feed that is not read"),
-    pytest.param(b"\n", b"\n", id="line feeds alone"),
-])
-def test_127_characters_of_the_first_lines_are_compared(configured, server, installed, published):
-    publish_build(server, line=published)
-    configured.write(IDENTIFICATION, installed)
+def test_the_first_lines_of_the_identifications_are_compared(configured, server):
+    publish_build(server, line=b"a build\nof June\n")
+    configured.write(IDENTIFICATION, b"a build\nof May\n")
     configured.remember()
     assert update(configured) == FAILED
     assert configured.log_texts() == NOT_NEW
@@ -248,7 +213,7 @@ def test_127_characters_of_the_first_lines_are_compared(configured, server, inst
     assert_untouched(configured)
 
 
-def test_the_program_is_not_hashed(configured, server):
+def test_the_identification_need_not_be_the_digest_of_the_program(configured, server):
     publish_build(server, line=b"ffffffffffffffffffffffffffffffff\n")
     assert_installed(configured, server, line=b"ffffffffffffffffffffffffffffffff\n")
 
@@ -280,35 +245,17 @@ def test_a_build_without_an_identification_takes_the_installed_one_away(configur
     assert configured.changes() == [f"-{IDENTIFICATION}", f"~{PROGRAM}"]
 
 
-def test_an_error_page_passes_for_an_identification(host, serve):
-    page = b"<html>\n<p>sorry</p>\n</html>\n"
-    server = serve({LIST_PATH: http_reply(page, "404 Not Found")})
-    assert_installed(host, server, line=page)
-
-
 # The program: any file whose second to fourth bytes are the mark.
 
 
-@pytest.mark.parametrize("program", [
-    pytest.param(b"\x7fELF", id="the mark alone"),
-    pytest.param(b"xELFy", id="any first byte"),
-    pytest.param(b"\0elf", id="small letters"),
-    pytest.param(b" eLf\0", id="mixed letters"),
-])
-def test_a_file_with_the_mark_is_a_program(configured, server, program):
-    publish_build(server, program=program)
-    assert_installed(configured, server, program=program)
+def test_a_file_with_the_mark_is_a_program(configured, server):
+    publish_build(server, program=b" eLf")
+    assert_installed(configured, server, program=b" eLf")
 
 
 @pytest.mark.parametrize("program", [
-    pytest.param(b"<html>\n<p>sorry</p>\n</html>\n", id="error page"),
-    pytest.param(b"ELF", id="mark in front"),
-    pytest.param(b"\x7fEL", id="mark cut short"),
     pytest.param(b"ELFELF", id="no first byte"),
-    pytest.param(b"\x7f\x7fELF", id="two first bytes"),
-    pytest.param(b"\x7fE\0F", id="NUL in the mark"),
-    pytest.param(b"\x7f", id="one byte"),
-    pytest.param(b"", id="no byte"),
+    pytest.param(b"", id="empty"),
 ])
 def test_a_file_without_the_mark_is_no_program(configured, server, program):
     publish_build(server, program=program)
@@ -318,35 +265,7 @@ def test_a_file_without_the_mark_is_no_program(configured, server, program):
     assert_untouched(configured)
 
 
-def test_the_404_page_of_nginx_is_no_program(configured, server):
-    server.publish({LIST_PATH[1:]: NEW_LINE})
-    assert update(configured) == FAILED
-    assert configured.log_texts() == REFUSED
-    assert server.requests() == [GET_LIST, GET_PROGRAM]
-    assert_untouched(configured)
-
-
-# Downloads that fail.
-
-
-def test_a_failed_download_of_the_identification_ends_the_update(host, serve):
-    server = serve({LIST_PATH: http_reply(NEW_LINE, length=100)})
-    assert update(host) == FAILED
-    assert host.log_texts() == [transfer_failed(PARTIAL_FILE), *NOTHING_REQUESTED]
-    assert server.requests() == [GET_LIST]
-    assert_untouched(host)
-
-
-def test_a_failed_download_of_the_program_ends_the_update(host, serve):
-    server = serve({PROGRAM_PATH: http_reply(NEW_PROGRAM, length=len(NEW_PROGRAM) + 1)})
-    assert update(host) == FAILED
-    assert host.log_texts() == ["[NGINX]new version is exist, download now",
-                                transfer_failed(PARTIAL_FILE), "[NGINX] download nginx failed", ""]
-    assert server.requests() == [GET_LIST, GET_PROGRAM]
-    assert_untouched(host)
-
-
-# Moves that fail are not noticed.
+# Failed moves go unnoticed.
 
 
 def test_without_the_directory_of_the_program_only_the_identification_is_installed(

@@ -150,10 +150,13 @@ TEST_F(UpdateLog, OnAFullDiskTheLinesAreLost) {
 }
 
 TEST_F(UpdateLog, ANewLogHasThePermissionsOfANewFile) {
-  const ScopedUmask umask(007);
-  CUpdateLog::write_log("message");
-  EXPECT_EQ(mode_of(log_path()), 0660U);
+  {
+    const ScopedUmask umask(0);
+    CUpdateLog::write_log("message");
+  }
+  EXPECT_EQ(mode_of(log_path()), 0666U);
   ASSERT_EQ(::unlink(log_path().c_str()), 0);
+  const ScopedUmask umask(007);
   CUpdateLog::write_space();
   EXPECT_EQ(mode_of(log_path()), 0660U);
 }

@@ -103,7 +103,7 @@ TEST_P(UpdateKernelOsType, IsToldByMarkerFiles) {
 }
 
 INSTANTIATE_TEST_SUITE_P(
-    , UpdateKernelOsType,
+    Markers, UpdateKernelOsType,
     Values(OsTypeCase{"NoMarker", {}, "centos"}, OsTypeCase{"Ubuntu", {"ubuntu"}, "ubuntu"},
            OsTypeCase{"Suse", {"suse"}, "suse"},
            OsTypeCase{"BothAreUbuntu", {"suse", "ubuntu"}, "ubuntu"},
@@ -128,7 +128,7 @@ TEST_P(UpdateKernelArch, IsToldByTheMachineName) {
 }
 
 INSTANTIATE_TEST_SUITE_P(
-    , UpdateKernelArch,
+    Machines, UpdateKernelArch,
     Values(ArchCase{"I386", "i386", "x86"}, ArchCase{"I686", "i686", "x86"},
            ArchCase{"I586", "i586", "x64"}, ArchCase{"I486", "i486", "x64"},
            ArchCase{"X86_64", "x86_64", "x64"}, ArchCase{"Aarch64", "aarch64", "x64"},
@@ -335,7 +335,7 @@ constexpr UrlCase kUrls[] = {
      "http://host//kernels/centos/x64/3.10.0/tessel_linux/tessel_linux.ko"},
 };
 
-INSTANTIATE_TEST_SUITE_P(, UpdateKernelUrl, ValuesIn(kUrls), case_name<UrlCase>);
+INSTANTIATE_TEST_SUITE_P(Urls, UpdateKernelUrl, ValuesIn(kUrls), case_name<UrlCase>);
 
 TEST_F(UpdateKernel, TheServerAddressIsTakenAsItIsStored) {
   write_config({{"Kernel_update_host", "a"},
@@ -379,7 +379,7 @@ TEST_P(UpdateKernelVerification, ComparesTheFirstLineWithoutBlanksAroundIt) {
 }
 
 INSTANTIATE_TEST_SUITE_P(
-    , UpdateKernelVerification,
+    Lists, UpdateKernelVerification,
     Values(VerificationCase{"LineFeed", kMd5 + "\n", true},
            VerificationCase{"NoLineFeed", kMd5, true},
            VerificationCase{"CarriageReturn", kMd5 + "\r\n", true},
@@ -465,7 +465,7 @@ TEST_P(UpdateKernelList, OfAModuleThatIsNotInstalledNeedsOneLine) {
 }
 
 INSTANTIATE_TEST_SUITE_P(
-    , UpdateKernelList,
+    Lists, UpdateKernelList,
     Values(ListCase{"LineFeed", kMd5 + "\n", 1, 0}, ListCase{"NoLineFeed", kMd5, 1, 0},
            ListCase{"OtherDigest", "d41d8cd98f00b204e9800998ecf8427e\n", 0, 0},
            ListCase{"Capitals", "B1946AC92492D2347C6235B4D2611184\n", 0, 0},
@@ -807,7 +807,7 @@ TEST_P(UpdateKernelClear, LeavesTheEngineModulesTogetherOrNone) {
   EXPECT_EQ(log_messages(), Lines());
 }
 
-INSTANTIATE_TEST_SUITE_P(, UpdateKernelClear,
+INSTANTIATE_TEST_SUITE_P(Modules, UpdateKernelClear,
                          Values(ClearCase{"Both", true, true, true},
                                 ClearCase{"OnlyTessel", true, false, false},
                                 ClearCase{"OnlyQuorin", false, true, false},

@@ -90,7 +90,7 @@ TEST_P(UpdateNginxWordSize, ChoosesWhatIsDownloaded) {
 }
 
 INSTANTIATE_TEST_SUITE_P(
-    , UpdateNginxWordSize,
+    WordSizes, UpdateNginxWordSize,
     Values(WordSizeCase{"Bit64", "64-bit", "x64"}, WordSizeCase{"Capitals", "64-BIT", "x64"},
            WordSizeCase{"MixedCase", "64-bIt", "x64"}, WordSizeCase{"Bit32", "32-bit", "x86"},
            WordSizeCase{"NoHyphen", "64bit", "x86"}, WordSizeCase{"X86_64", "x86_64", "x86"},
@@ -125,7 +125,7 @@ TEST_P(UpdateNginxProgram, IsInstalledWhenItIsOne) {
 }
 
 INSTANTIATE_TEST_SUITE_P(
-    , UpdateNginxProgram,
+    Programs, UpdateNginxProgram,
     Values(ProgramCase{"Elf", "\177ELF\002\001", true}, ProgramCase{"FourBytes", "\177ELF", true},
            ProgramCase{"SmallLetters", "\177elf", true}, ProgramCase{"MixedCase", "\177eLf", true},
            ProgramCase{"AnyFirstByte", "<ELF>", true},
@@ -189,7 +189,7 @@ const LineCase kLines[] = {
     {"LineFeedBehind127Characters", kLongLine + "a\n", kLongLine + "a", true},
 };
 
-INSTANTIATE_TEST_SUITE_P(, UpdateNginxLine, ValuesIn(kLines), case_name<LineCase>);
+INSTANTIATE_TEST_SUITE_P(Lines, UpdateNginxLine, ValuesIn(kLines), case_name<LineCase>);
 
 TEST_F(UpdateNginx, AnInstalledLineThatCannotBeOpenedIsAnEmptyText) {
   ASSERT_EQ(::unlink(line().c_str()), 0);

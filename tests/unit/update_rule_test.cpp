@@ -126,7 +126,7 @@ const DigestCase kDigests[] = {
     {"LineFeedAnnouncedAsASecondPiece", kOtherMd5 + "\n", kLongLine + "a\n", false},
 };
 
-INSTANTIATE_TEST_SUITE_P(, UpdateRuleDigest, ValuesIn(kDigests), case_name<DigestCase>);
+INSTANTIATE_TEST_SUITE_P(Digests, UpdateRuleDigest, ValuesIn(kDigests), case_name<DigestCase>);
 
 TEST_F(UpdateRule, WithoutTesselThereIsNoUpdate) {
   ASSERT_EQ(::unlink(agent("tessel_linux.ko").c_str()), 0);
@@ -299,7 +299,7 @@ const VerificationCase kVerifications[] = {
     {"Empty", "", false},
 };
 
-INSTANTIATE_TEST_SUITE_P(, UpdateRuleVerification, ValuesIn(kVerifications),
+INSTANTIATE_TEST_SUITE_P(Announcements, UpdateRuleVerification, ValuesIn(kVerifications),
                          case_name<VerificationCase>);
 
 TEST_F(UpdateRule, WithoutADigestNothingIsVerified) {

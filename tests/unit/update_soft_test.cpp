@@ -153,7 +153,7 @@ TEST_P(UpdateSoftMethod, IsReadAsANumber) {
 }
 
 INSTANTIATE_TEST_SUITE_P(
-    , UpdateSoftMethod,
+    Settings, UpdateSoftMethod,
     Values(MethodCase{"Automatic", "0", 0}, MethodCase{"Manual", "1", 1},
            MethodCase{"LeadingBlankAndTrailingLetter", " 1x", 1}, MethodCase{"Empty", "", 0},
            MethodCase{"NoDigits", "manual", 0}, MethodCase{"Negative", "-1", -1},
@@ -241,7 +241,7 @@ const VersionFileCase kVersionFiles[] = {
     {"TwoPiecesOfOneLine", kLine1022 + "xx\n", false, kCut},
 };
 
-INSTANTIATE_TEST_SUITE_P(, UpdateSoftVersionFile, ValuesIn(kVersionFiles),
+INSTANTIATE_TEST_SUITE_P(Files, UpdateSoftVersionFile, ValuesIn(kVersionFiles),
                          case_name<VersionFileCase>);
 
 TEST_F(UpdateSoft, AnEmptyReplyIsNoVersionFile) {
@@ -318,7 +318,7 @@ TEST_P(UpdateSoftFields, AreAppended) {
 }
 
 INSTANTIATE_TEST_SUITE_P(
-    , UpdateSoftFields,
+    Versions, UpdateSoftFields,
     Values(FieldsCase{"Three", "3.1.10", ".", {"3", "1", "10"}},
            FieldsCase{"AdjacentSeparators", "3..1", ".", {"3", "1"}},
            FieldsCase{"SeparatorsAtBothEnds", "..3.1.", ".", {"3", "1"}},
@@ -372,15 +372,18 @@ constexpr VersionsCase kVersions[] = {
     {"TextBehindTheDigitsDoesNotCount", "abcdef3.2", "abcdef3.2beta", false},
     {"NegativeNumbers", "abcdef3.-2", "abcdef3.-1", true},
     {"BlankInFront", "abcdef3. 1", "abcdef3.  2", true},
+    {"PlusSign", "abcdef3.1", "abcdef3.+2", true},
+    {"OnlyDotsSeparate", "abcdef3,1", "abcdef3,2", false},
     {"CarriageReturn", "abcdef3.1", "abcdef3.1\r", false},
     {"NarrowedTo32Bits", "abcdef2", "abcdef4294967297", !kWideLong},
     {"NarrowedToANegativeNumber", "abcdef1", "abcdef2147483648", !kWideLong},
     {"InstalledPrefixOnly", "abcdef", "abcdef9.9.9", false},
     {"OfferedPrefixOnly", "abcdef0", "abcdef", false},
-    {"DotsOnly", "abcdef...", "abcdef9", false},
+    {"DotsOnlyInstalled", "abcdef...", "abcdef9", false},
+    {"DotsOnlyOffered", "abcdef3.1", "abcdef...", false},
 };
 
-INSTANTIATE_TEST_SUITE_P(, UpdateSoftVersions, ValuesIn(kVersions), case_name<VersionsCase>);
+INSTANTIATE_TEST_SUITE_P(Pairs, UpdateSoftVersions, ValuesIn(kVersions), case_name<VersionsCase>);
 
 TEST_F(UpdateSoft, WithoutAVersionFileThereIsNoNewVersion) {
   server_.reply(kServerVersion, "two\nlines\n");
@@ -438,7 +441,7 @@ TEST_P(UpdateSoftShortVersion, IsAnOutOfRangeError) {
 }
 
 INSTANTIATE_TEST_SUITE_P(
-    , UpdateSoftShortVersion,
+    Short, UpdateSoftShortVersion,
     Values(ShortVersionCase{"Installed", "abcde", "abcdef3.1\n", "(which is 5)"},
            ShortVersionCase{"NothingInstalled", "", "abcdef3.1\n", "(which is 0)"},
            ShortVersionCase{"Offered", "abcdef3.1", "abc\n", "(which is 3)"},
@@ -464,7 +467,7 @@ TEST_P(UpdateSoftMachine, ChoosesThePackage) {
   EXPECT_EQ(read_file(package()), "package");
 }
 
-INSTANTIATE_TEST_SUITE_P(, UpdateSoftMachine,
+INSTANTIATE_TEST_SUITE_P(Machines, UpdateSoftMachine,
                          Values(MachineCase{"X86_64", "x86_64", "/norvak/x64/nvupdate.tar"},
                                 MachineCase{"Capitals", "X86_64", "/norvak/x64/nvupdate.tar"},
                                 MachineCase{"I386", "i386", "/norvak/x86/nvupdate.tar"},
@@ -520,7 +523,7 @@ TEST_P(UpdateSoftCommand, FailsUnlessTheScriptExitsWithZero) {
 }
 
 INSTANTIATE_TEST_SUITE_P(
-    , UpdateSoftCommand,
+    Endings, UpdateSoftCommand,
     Values(CommandCase{"Exit0", "exit 0", 0}, CommandCase{"Exit1", "exit 1", -1},
            CommandCase{"Exit128", "exit 128", -1}, CommandCase{"Exit255", "exit 255", -1},
            CommandCase{"Killed", kGetKilled, -1}, CommandCase{"Terminated", "kill -15 $$", -1},
@@ -937,7 +940,7 @@ const CarryOverCase kCarryOvers[] = {
      2},
 };
 
-INSTANTIATE_TEST_SUITE_P(, UpdateSoftCarryOverTable, ValuesIn(kCarryOvers),
+INSTANTIATE_TEST_SUITE_P(Configurations, UpdateSoftCarryOverTable, ValuesIn(kCarryOvers),
                          case_name<CarryOverCase>);
 
 TEST_F(UpdateSoftCarryOver, OfAMissingUpdateMethodEmptiesTheNewOne) {

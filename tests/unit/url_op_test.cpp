@@ -16,6 +16,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "faults.h"
@@ -408,9 +409,11 @@ TEST_F(DownloadStep, WritingWhoseCloseFailsGivesZero) {
 }
 
 TEST_F(DownloadStep, WritingGivesThePermissionsOfANewFile) {
-  const ScopedUmask umask(007);
-  EXPECT_EQ(write("file", "abc", 1, 3), 3U);
-  EXPECT_EQ(mode_of(dir_ / "file"), 0660U);
+  for (const auto& [mask, mode] : {std::pair(0U, 0666U), std::pair(007U, 0660U)}) {
+    const ScopedUmask umask(mask);
+    EXPECT_EQ(write(std::to_string(mask), "abc", 1, 3), 3U);
+    EXPECT_EQ(mode_of(dir_ / std::to_string(mask)), mode);
+  }
 }
 
 TEST_F(DownloadStep, WritingLeavesNoFileOpen) {

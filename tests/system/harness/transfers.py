@@ -77,9 +77,8 @@ WHOLE_BODIES = [
                  id="two lengths, the last one right"),
 ]
 
-# None of them is looked at.
-ERROR_STATUSES = ["404 Not Found", "500 Internal Server Error", "403 Forbidden", "503 Busy",
-                  "302 Found"]
+# Statuses that the updater ignores.
+ERROR_STATUSES = ["404 Not Found", "302 Found"]
 
 # A success that leaves no file.
 EMPTY_BODIES = [

@@ -230,9 +230,11 @@ TEST_F(File, ACopyHasThePermissionsOfANewFile) {
   write_file(dir_ / "target", "old");
   ASSERT_EQ(::chmod((dir_ / "source").c_str(), 04755), 0);
   ASSERT_EQ(::chmod((dir_ / "target").c_str(), 0711), 0);
-  const ScopedUmask umask(007);
-  EXPECT_EQ(copy("source", "target"), CopyResult::kCopied);
-  EXPECT_EQ(mode_of(dir_ / "target"), 0660U);
+  for (const auto& [mask, mode] : {std::pair(0U, 0666U), std::pair(007U, 0660U)}) {
+    const ScopedUmask umask(mask);
+    EXPECT_EQ(copy("source", "target"), CopyResult::kCopied);
+    EXPECT_EQ(mode_of(dir_ / "target"), mode);
+  }
 }
 
 TEST_F(File, ACopyReplacesALinkAndNotWhatItLeadsTo) {

@@ -42,6 +42,16 @@ struct NginxCommand {
 /// Publishes a build of the web server program.
 [[nodiscard]] ExitStatus run_nginx(const PublishOptions& options, const NginxCommand& command);
 
+struct PackageCommand {
+  std::filesystem::path output;
+  std::string version;
+  std::filesystem::path payload;
+  std::filesystem::path manifest;
+  bool replace_config = false;
+};
+/// Builds an agent package.
+[[nodiscard]] ExitStatus run_package(const PublishOptions& options, const PackageCommand& command);
+
 /// Lists the releases of a tree and reports files that were edited in place.
 [[nodiscard]] ExitStatus run_releases(const PublishOptions& options);
 

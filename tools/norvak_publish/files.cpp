@@ -10,12 +10,12 @@
 #include <optional>
 #include <sstream>
 #include <system_error>
+#include <utility>
 #include <vector>
 
 #include "failure.h"
 #include "manifest.h"
 #include "sha256.h"
-#include "utility/file.h"
 
 namespace publish {
 
@@ -28,48 +28,12 @@ constexpr mode_t kFileMode = 0444;
 constexpr mode_t kPermissionBits = 07777;
 constexpr std::size_t kBlockBytes = 128 * 1024;
 
-/// A new file that gets its name only when it is complete and on disk; otherwise it vanishes.
-class NewFile {
- public:
-  explicit NewFile(const fs::path& target)
-      : target_(target), temporary_(target.string() + kTemporarySuffix), file_(create()) {}
-  NewFile(const NewFile&) = delete;
-  NewFile& operator=(const NewFile&) = delete;
-  ~NewFile() {
-    if (!named_) (void)::unlink(temporary_.c_str());
-  }
-
-  void write(const char* data, std::size_t size) {
-    if (utility::write_all(file_.get(), data, size) != size) {
-      fail_with_errno("cannot write", temporary_);
-    }
-  }
-
-  void name_it(mode_t mode, const struct timespec& changed) {
-    const std::array<struct timespec, 2> times = {changed, changed};
-    if (::fchmod(file_.get(), mode) != 0 || ::futimens(file_.get(), times.data()) != 0 ||
-        ::fsync(file_.get()) != 0) {
-      fail_with_errno("cannot write", temporary_);
-    }
-    rename_path(temporary_, target_);
-    named_ = true;
-  }
-
- private:
-  utility::Descriptor create() const {
-    // What a killed run left under this name may be shared with nothing, but is not this file.
-    (void)::unlink(temporary_.c_str());
-    utility::Descriptor file(
-        ::open(temporary_.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
-    if (!file) fail_with_errno("cannot create", temporary_);
-    return file;
-  }
-
-  fs::path target_;
-  fs::path temporary_;
-  utility::Descriptor file_;
-  bool named_ = false;
-};
+utility::Descriptor create_temporary(const fs::path& path) {
+  (void)::unlink(path.c_str());  // what a killed run left
+  utility::Descriptor file(::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
+  if (!file) fail_with_errno("cannot create", path);
+  return file;
+}
 
 /// @param changed  the copy looks like a published file with this modification time; without it,
 ///                 like the source
@@ -86,14 +50,39 @@ void copy_contents(const fs::path& source, const fs::path& target,
     if (size == 0) break;
     out.write(block.data(), static_cast<std::size_t>(size));
   }
-  if (changed) {
-    out.name_it(kFileMode, {*changed, 0});
-  } else {
-    out.name_it(status.st_mode & kPermissionBits, status.st_mtim);
-  }
+  out.set_time(changed ? timespec{*changed, 0} : status.st_mtim);
+  out.name_it(changed ? kFileMode : status.st_mode & kPermissionBits);
 }
 
 }  // namespace
+
+NewFile::NewFile(fs::path target)
+    : target_(std::move(target)),
+      temporary_(target_.string() + kTemporarySuffix),
+      file_(create_temporary(temporary_)) {}
+
+NewFile::~NewFile() {
+  if (!named_) (void)::unlink(temporary_.c_str());
+}
+
+void NewFile::write(const char* data, std::size_t size) {
+  if (utility::write_all(file_.get(), data, size) != size) {
+    fail_with_errno("cannot write", temporary_);
+  }
+}
+
+void NewFile::set_time(const struct timespec& changed) {
+  const std::array<struct timespec, 2> times = {changed, changed};
+  if (::futimens(file_.get(), times.data()) != 0) fail_with_errno("cannot change", temporary_);
+}
+
+void NewFile::name_it(mode_t mode) {
+  if (::fchmod(file_.get(), mode) != 0 || ::fsync(file_.get()) != 0) {
+    fail_with_errno("cannot write", temporary_);
+  }
+  rename_path(temporary_, target_);
+  named_ = true;
+}
 
 void make_directory(const fs::path& path) {
   if (::mkdir(path.c_str(), kDirectoryMode) == 0) {
@@ -115,7 +104,8 @@ void install_copy(const fs::path& source, const fs::path& target, std::time_t ch
 void install_text(const std::string& text, const fs::path& target, std::time_t changed) {
   NewFile out(target);
   out.write(text.data(), text.size());
-  out.name_it(kFileMode, {changed, 0});
+  out.set_time({changed, 0});
+  out.name_it(kFileMode);
 }
 
 std::time_t modification_time(const fs::path& path) {

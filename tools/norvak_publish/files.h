@@ -7,6 +7,8 @@
 #include <filesystem>
 #include <string>
 
+#include "utility/file.h"
+
 namespace publish {
 
 /// Ending of a file's name until it is complete. check reports what a crash left of them.
@@ -18,6 +20,37 @@ void make_directory(const std::filesystem::path& path);
 
 /// make_directory for @a path and for what is missing above it.
 void make_directories(const std::filesystem::path& path);
+
+/// A new file that gets its name only when it is complete and on disk; until then it has a temporary
+/// one, under which it vanishes if that does not happen.
+class NewFile {
+ public:
+  /// @throws Failure  the file cannot be created
+  explicit NewFile(std::filesystem::path target);
+  ~NewFile();
+  NewFile(const NewFile&) = delete;
+  NewFile& operator=(const NewFile&) = delete;
+
+  /// To write to.
+  [[nodiscard]] int fd() const { return file_.get(); }
+
+  /// @throws Failure
+  void write(const char* data, std::size_t size);
+
+  /// Sets the modification time.
+  /// @throws Failure
+  void set_time(const struct timespec& changed);
+
+  /// Sets the permissions, flushes the file to disk and renames it over the target.
+  /// @throws Failure  the target is unchanged then
+  void name_it(mode_t mode);
+
+ private:
+  std::filesystem::path target_;
+  std::filesystem::path temporary_;
+  utility::Descriptor file_;
+  bool named_ = false;
+};
 
 /// Replaces @a target by a copy of @a source: written under a temporary name, flushed to disk and
 /// renamed. Everyone may read the new file and nobody write it, because releases share it.

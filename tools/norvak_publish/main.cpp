@@ -21,6 +21,7 @@ struct Invocation {
   publish::KernelCommand kernel;
   std::filesystem::path rules;
   publish::NginxCommand nginx;
+  publish::PackageCommand package;
   publish::RollbackCommand rollback{std::nullopt, std::chrono::minutes(15)};
   std::function<ExitStatus()> run;
 };
@@ -120,6 +121,24 @@ void add_nginx(CLI::App& app, Invocation& invocation) {
       ->type_name("TEXT");
 }
 
+void add_package(CLI::App& app, Invocation& invocation) {
+  publish::PackageCommand& package = invocation.package;
+  CLI::App* command = add_command(app, "package", "Build an agent package", invocation,
+                                  [&] { return run_package(invocation.options, package); });
+  command->add_option("OUT", package.output, "The package to write")->required();
+  command->add_option("--version", package.version, "The version that the package installs")
+      ->required()
+      ->type_name("TEXT");
+  command->add_option("--payload", package.payload, "The files to install")
+      ->required()
+      ->type_name("DIR");
+  command->add_option("--manifest", package.manifest, "What to do with each of them")
+      ->required()
+      ->type_name("FILE");
+  command->add_flag("--replace-config", package.replace_config,
+                    "Let the payload's config.xml replace that of the hosts");
+}
+
 void add_releases(CLI::App& app, Invocation& invocation) {
   (void)add_tree_command(app, "releases", "List the releases", invocation,
                          [&] { return run_releases(invocation.options); });
@@ -151,6 +170,7 @@ ExitStatus run(int argc, char** argv) {
   add_kernel(app, invocation);
   add_rules(app, invocation);
   add_nginx(app, invocation);
+  add_package(app, invocation);
   add_releases(app, invocation);
   add_rollback(app, invocation);
   app.require_subcommand(1);

@@ -61,8 +61,8 @@ install_missing() {
       return 1
     fi
   fi
-  if [[ " $* " == *' nginx '* ]] && command -v systemctl >/dev/null; then
-    systemctl --quiet disable nginx
+  if [[ " $* " == *' nginx '* ]]; then
+    update-rc.d nginx disable  # in systemd as well
   fi
 }
 

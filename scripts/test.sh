@@ -14,6 +14,22 @@ if (($# == 0)); then
   presets=(test asan)
 fi
 
+# LeakSanitizer looks for its process in /proc, so /proc must belong to the current PID namespace. In
+# some containers it belongs to the outer one: then the script starts itself again with its own.
+# Returns 1 if that is not allowed.
+enter_own_proc() {
+  local pid
+  read -r pid _ </proc/self/stat
+  if [[ $pid == "$$" ]]; then
+    return 0
+  fi
+  if ! unshare --mount mount -t proc proc /proc 2>/dev/null; then
+    return 1
+  fi
+  # shellcheck disable=SC2016  # the inner shell expands these
+  exec unshare --mount sh -c 'mount -t proc proc /proc && exec "$0" "$@"' "$0" "$@"
+}
+
 # Prints the reasons for which tests were skipped, with their numbers of tests.
 # $1: the log of ctest
 show_skipped() {
@@ -30,8 +46,14 @@ if [[ " ${presets[*]} " == *\ @(asan|clang)\ * ]]; then
   packages+=("${fuzz_packages[@]}")
 fi
 prepare "${packages[@]}"
+has_own_proc=yes
+enter_own_proc "$@" || has_own_proc=
 for preset in "${presets[@]}"; do
   heading "tests, preset $preset"
+  if [[ $preset == asan && ! $has_own_proc ]]; then
+    printf 'SKIPPED: /proc belongs to another PID namespace, and this user may not mount another.\n'
+    continue
+  fi
   configure "$preset"
   cmake --build --preset "$preset"
   status=0

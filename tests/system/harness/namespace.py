@@ -9,7 +9,8 @@ import tempfile
 # Tried in this order: what root may do, then what an ordinary user may.
 _MOUNTS = (["unshare", "--mount"], ["unshare", "--user", "--map-root-user", "--mount"])
 
-_PIDS = ["--pid", "--fork", "--kill-child"]
+# With their own /proc: LeakSanitizer looks for its process there.
+_PIDS = ["--pid", "--fork", "--kill-child", "--mount-proc"]
 
 
 @functools.lru_cache(maxsize=None)

@@ -1,4 +1,4 @@
-"""Updaters that run at the same time, each on a host of its own."""
+"""Updaters that run at the same time, each on its own host."""
 
 import ctypes
 import os
@@ -14,7 +14,7 @@ _libc = ctypes.CDLL(None, use_errno=True)
 
 
 def cpu_of_each(command, var_logs):
-    """Runs @a command once for each of @a var_logs, all at once, with that as its /var/log.
+    """Runs @a command once per directory in @a var_logs, all at once, with that as its /var/log.
 
     @return the CPU seconds of each run
     """
@@ -26,13 +26,13 @@ def cpu_of_each(command, var_logs):
             _run_one(command, var_log, go, result)
     os.close(go)
     os.close(result)
-    os.close(start)  # the starting shot
+    os.close(start)  # they all start now
     with os.fdopen(results, "rb") as stream:
         seconds = [value for value, in struct.iter_unpack("d", stream.read())]
     for _ in var_logs:
         os.wait()
     if len(seconds) != len(var_logs):
-        sys.exit(f"of {len(var_logs)} runs at once, {len(seconds)} succeeded")
+        sys.exit(f"only {len(seconds)} of {len(var_logs)} simultaneous runs succeeded")
     return seconds
 
 
@@ -45,7 +45,7 @@ def _run_one(command, var_log, go, result):
     except (OSError, SystemExit) as error:
         print(error, file=sys.stderr, flush=True)
     finally:
-        os._exit(0)  # whoever waits counts the results
+        os._exit(0)  # the parent counts the results
 
 
 def _call(name, *arguments):

@@ -1,7 +1,7 @@
 #!/bin/sh
-# An update as an administrator would script it with curl, md5sum, sed, cp and tar: what the updater
-# is measured against. The effects and the log lines of a success are the same, but for the form in
-# which the kernel's release is noted.
+# An update as an administrator would script it with curl, md5sum, sed, cp and tar, to compare the
+# updater with. A successful run has the same effects and log lines, except that the kernel version
+# record has another form.
 #
 # Usage: equivalent_update.sh TYPE [VERSION_DIR]
 set -eu
@@ -41,8 +41,7 @@ move() {
   rm "$1"
 }
 
-# $1: version, $2: version; whether the numbers of the first, behind a prefix of six characters, are
-# greater than those of the second
+# $1: version, $2: version. Whether the first is newer, by the numbers after the six-character prefix.
 is_newer() {
   left=${1#??????}.
   right=${2#??????}.

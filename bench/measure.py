@@ -1,4 +1,4 @@
-"""Runs commands in turn and compares what they cost."""
+"""Runs commands alternately and compares their times."""
 
 import collections
 import dataclasses
@@ -11,13 +11,13 @@ from typing import Callable, List
 
 _WARM_UPS = 2
 _RESAMPLES = 1000
-# A ratio that is not known better than this was measured on too busy a machine.
+# If the interval of a ratio is wider than this to either side, the machine was too busy.
 _STEADY = 0.05
 
 
 @dataclasses.dataclass(frozen=True)
 class Sample:
-    """What a process cost, with the children that it waited for."""
+    """The time that a process took, including the children that it waited for."""
 
     wall: float  # seconds
     cpu: float  # seconds, user and system
@@ -25,7 +25,7 @@ class Sample:
 
 @dataclasses.dataclass(frozen=True)
 class Subject:
-    """A command with what has to be done before each run, and what must hold after it."""
+    """A command, with its preparation before each run and a check after it."""
 
     command: List[str]
     prepare: Callable[[], None] = lambda: None
@@ -34,7 +34,7 @@ class Subject:
 
 @dataclasses.dataclass(frozen=True)
 class Comparison:
-    """Medians of two subjects that ran in turn, and their ratio with its 95 % interval."""
+    """Medians of two subjects that ran alternately, and their ratio with its 95 % interval."""
 
     ours: float
     theirs: float
@@ -51,7 +51,7 @@ class Comparison:
 
 
 def run(command):
-    """Runs @a command, which has to succeed."""
+    """Runs @a command; if it fails, ends the measurement."""
     null = (os.POSIX_SPAWN_OPEN, 1, "/dev/null", os.O_WRONLY, 0)
     start = time.perf_counter()
     pid = os.posix_spawnp(command[0], command, os.environ, file_actions=[null])
@@ -63,7 +63,7 @@ def run(command):
 
 
 def in_turn(rounds, subjects):
-    """Runs each of @a subjects (by name) @a rounds times, a round each in changing order."""
+    """Runs all @a subjects (by name) once per round, in rotating order."""
     samples = collections.defaultdict(list)
     names = list(subjects)
     for index in range(-_WARM_UPS, rounds):
@@ -79,9 +79,9 @@ def in_turn(rounds, subjects):
 
 
 def compare(ours, theirs):
-    """Compares numbers that were measured in pairs."""
+    """Compares two lists of numbers that were measured in pairs."""
     pairs = list(zip(ours, theirs))
-    chance = random.Random(1)  # the same samples give the same interval
+    chance = random.Random(1)  # a fixed seed: the same samples give the same interval
     ratios = []
     for _ in range(_RESAMPLES):
         drawn = chance.choices(pairs, k=len(pairs))

@@ -21,7 +21,7 @@ class Row:
     measure: str
     comparison: Comparison
     unit: str = "s"
-    target: Optional[float] = None  # None for a floor, which has no target
+    target: Optional[float] = None  # None for rows that are only for comparison
     is_ratio: bool = True  # False: the target is for the difference
 
     @property
@@ -41,6 +41,8 @@ class Row:
             result = f"{self._value:+.2f} {self.unit}"
         target = "" if self.target is None else (
             f"{self.target:.2f}" if self.is_ratio else f"{self.target:+.2f} {self.unit}")
+        if not self.reaches_target:
+            target += " **missed**"
         return [self.what, self.against, self.measure, self._number(numbers.ours),
                 self._number(numbers.theirs), result, target]
 
@@ -55,7 +57,7 @@ def table(rows):
 
 
 def machine():
-    """What the numbers were measured on, in a line of Markdown."""
+    """The machine and the programs that were measured, as a line of Markdown."""
     with open("/proc/cpuinfo", encoding="utf-8") as file:
         models = re.findall(r"^model name\s*: (.*)$", file.read(), re.MULTILINE)
     compiler = _first_line("c++", "--version")
@@ -67,7 +69,7 @@ def machine():
 
 
 def write_page(path, rows):
-    """Puts the table into the page, in the place of the earlier one."""
+    """Replaces the table in the page."""
     text = path.read_text(encoding="utf-8")
     path.write_text(_TABLE.sub(
         lambda match: f"{match[1]}{machine()}\n{table(rows)}{match[2]}", text), encoding="utf-8")

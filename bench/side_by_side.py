@@ -1,6 +1,6 @@
-"""Measures the updater against the programs that do the same, and writes docs/performance.md.
+"""Compares the updater with programs that do the same work, and writes docs/performance.md.
 
-Run by scripts/bench.sh, in a mount namespace of its own.
+Run by scripts/bench.sh in a private mount namespace.
 """
 
 import argparse
@@ -17,10 +17,10 @@ from report import Row
 from update_host import Host, Server
 
 _KB, _MB, _GB = 1 << 10, 1 << 20, 1 << 30
-_MOST_BYTES = 2 * _GB  # that the files take at a time
+_MOST_BYTES = 2 * _GB  # that the files occupy at a time
 _CONFIG_LINE = '      <var name="setting{}" value="some value of this setting" note="kept"/>\n'
 
-_UPDATES = [  # the type, what the table calls it, further arguments, the target of a tiny run
+_UPDATES = [  # type, name in the table, further arguments, target of a tiny run
     ("0", "agent software", [], 0.35),
     ("1", "kernel modules", [], 0.12),
     ("2", "web server", ["1.24", "64-bit"], 0.22),
@@ -33,7 +33,7 @@ class Bench:
 
     @param updater   the program
     @param subjects  directory of the programs of bench/subjects
-    @param scratch   an empty directory, best in memory
+    @param scratch   an empty directory, preferably in memory
     """
 
     def __init__(self, updater, subjects, scratch):
@@ -52,12 +52,12 @@ class Bench:
         self._server.close()
 
     def measure(self, wanted):
-        """Runs the measurements that @a wanted names; all when it is empty."""
+        """Runs the measurements named in @a wanted, or all if it is empty."""
         unknown = set(wanted) - set(self._measurements())
         if unknown:
             sys.exit(f"unknown: {', '.join(unknown)}; known: {', '.join(self._measurements())}")
         all_cpus = os.sched_getaffinity(0)
-        # The server has the last processor for itself, where there are several.
+        # If there are several processors, only the server uses the last one.
         others = all_cpus - {self._last_cpu} or all_cpus
         for name, measurement in self._measurements().items():
             if wanted and name not in wanted:
@@ -135,7 +135,7 @@ class Bench:
         self._server.publish("large", _noise_bytes(256 * _MB))
         self._add_download("download of 256 MB", "plain/large")
         self._add_download("download of 256 MB by sendfile", "large")
-        self._server.publish("large", b"")  # gives its memory back
+        self._server.publish("large", b"")  # frees its memory
 
     def _move(self):
         kept, source, target = (self._scratch / name for name in ("kept", "source", "target"))
@@ -176,7 +176,7 @@ class Bench:
         together = {count: [] for count in (1, *counts)}
         for _ in range(5):
             for count, found in together.items():
-                # One by one as many as at once, so that the numbers can be paired.
+                # As many samples of each count, so that they can be paired.
                 for _ in range(200 // count):
                     found += self._cpu_of_each(hosts[:count], var_logs[:count])
         for count in counts:
@@ -206,7 +206,7 @@ class Bench:
         self._add("config.xml of 50 MB: load, set, save", "xmlstarlet edit", found, "ours",
                   "xmlstarlet", wall=0.3, cpu=0.3)
 
-    # What they share.
+    # Shared by the measurements.
 
     def _against_script(self, what, update, arguments, rounds, target):
         script = [str(self._scripts / "equivalent_update.sh"), update, *arguments]
@@ -244,7 +244,7 @@ class Bench:
         return Subject([str(self._subjects / name), *map(str, arguments)])
 
     def _add(self, what, against, found, ours, theirs, **targets):
-        """Adds a row for each of the measures wall and cpu that @a targets names."""
+        """Adds a row for each measure, wall or cpu, in @a targets."""
         names = {"wall": "wall clock", "cpu": "CPU"}
         for measure, target in targets.items():
             numbers = [[getattr(sample, measure) for sample in found[name]]
@@ -252,7 +252,7 @@ class Bench:
             self.rows.append(Row(what, against, names[measure], compare(*numbers), target=target))
 
     def _peak_memory(self):
-        """In MB. A process inherits the peak of the one that starts it, so that has to be small."""
+        """In MB. A process inherits the peak of its parent, so the parent must be small."""
         output = self._scratch / "peak"
         self._host.outdate()
         subprocess.run(["/usr/bin/time", "-f", "%M", "-o", str(output), self._updater, "1"],
@@ -296,7 +296,7 @@ def main():
     parser = argparse.ArgumentParser(description=__doc__)
     parser.add_argument("--updater", type=pathlib.Path, required=True)
     parser.add_argument("--subjects", type=pathlib.Path, required=True)
-    parser.add_argument("--page", type=pathlib.Path, help="to write the table to")
+    parser.add_argument("--page", type=pathlib.Path, help="page that receives the table")
     parser.add_argument("--picture", type=pathlib.Path)
     parser.add_argument("--only", action="append", default=[], help="name of a measurement")
     parser.add_argument("scratch", type=pathlib.Path)
@@ -318,10 +318,10 @@ def main():
         report.draw(options.picture, bench.rows)
     unsteady = [row for row in bench.rows if row.is_ratio and not row.comparison.is_steady]
     for row in unsteady:
-        print(f"Unsteady, the machine was too busy: {row.what} / {row.against}, {row.measure}")
+        print(f"Uncertain, because the machine was too busy: {row.what} / {row.against}, {row.measure}")
     for row in bench.rows:
         if not row.reaches_target:
-            print(f"Above its target: {row.what} / {row.against}, {row.measure}")
+            print(f"Target missed: {row.what} / {row.against}, {row.measure}")
 
 
 if __name__ == "__main__":

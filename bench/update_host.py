@@ -1,4 +1,4 @@
-"""An agent's install directory, and an update server with what is new for it."""
+"""An agent's install directory, and an update server that has something new for it."""
 
 import os
 import pathlib
@@ -14,7 +14,7 @@ from harness.kernel import MODULES, digest  # noqa: E402
 from harness.nginx import Nginx  # noqa: E402
 from harness.package import DEFAULT_UPDATE_SCRIPT, config_xml, package  # noqa: E402
 
-# Agents start many at a time: neither that nor a pause for it may come right before a run.
+# Agents are started many at a time, so that most runs do not follow a start and its pause.
 _AGENTS = 50
 _AGENTS_START_SECONDS = 0.2
 
@@ -76,12 +76,12 @@ class Server:
 
 
 class Host:
-    """An install directory in which every update finds something to do."""
+    """An install directory in which every update has something to do."""
 
     def __init__(self, path, server):
         self.path = path
         self._server = server
-        self._agents = []  # the last one is the host's, if that runs one
+        self._agents = []  # the last one belongs to the host, if it runs one
         self._runs_agent = False
         for directory in ("runlog", "template", "tool", "nginx/bin"):
             (path / directory).mkdir(parents=True)
@@ -90,7 +90,7 @@ class Host:
         (path / "startup.sh").chmod(0o755)
 
     def outdate(self):
-        """Puts the old files back in place; no agent runs."""
+        """Restores the old files; no agent runs."""
         url = self._server.url
         self._write("config.xml", config_xml({
             "update_host": url, "kernel_update_host": url, "nginx_update_host": url,
@@ -106,7 +106,7 @@ class Host:
         self._runs_agent = False
 
     def run_agent(self):
-        """Lets a process stand in for the agent. It lives on the server's processor."""
+        """Runs a process as the agent, on the server's processor."""
         if self._agents and self._agents[-1].returncode is not None:
             self._agents.pop()
         if not self._agents:
@@ -123,7 +123,7 @@ class Host:
             agent.wait()
 
     def check(self, update):
-        """Ends the measurement unless the run of type @a update did its work."""
+        """Ends the measurement unless the run of type @a update was successful."""
         {"0": self._check_version, "1": self._check_modules, "2": self._check_web_server,
          "3": self._check_rules}[update]()
 

@@ -17,8 +17,6 @@ namespace utility {
 
 namespace {
 
-constexpr char kInstallPathFile[] = "/var/log/version_control";
-constexpr char kDefaultInstallPath[] = "/usr/local/norvak_agent";
 constexpr int kInstallPathLimit = 1023;
 
 constexpr int kCannotExecute = 127;
@@ -76,11 +74,14 @@ int run_and_wait(const char* program, char* const* arguments) {
 
 }  // namespace
 
+std::optional<std::string> CUnixHelper::read_install_path(const std::string& file) {
+  std::optional<std::string> path = read_first_line(file, kInstallPathLimit);
+  if (path) remove_line_feed(*path);
+  return path;
+}
+
 std::string CUnixHelper::get_norvak_path() {
-  std::optional<std::string> path = read_first_line(kInstallPathFile, kInstallPathLimit);
-  if (!path) return kDefaultInstallPath;
-  remove_line_feed(*path);
-  return *path;
+  return read_install_path(kInstallPathFile).value_or(kDefaultInstallPath);
 }
 
 int CUnixHelper::keld_system(const char* command_line) {

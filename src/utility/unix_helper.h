@@ -1,6 +1,7 @@
 // Helpers for the host: the agent's install directory, running programs, copying files.
 #pragma once
 
+#include <optional>
 #include <string>
 
 namespace utility {
@@ -11,6 +12,15 @@ namespace utility {
 /// the agent's components share.
 class CUnixHelper {
  public:
+  /// Names the install directory; without it, the agent is in the default one.
+  static constexpr char kInstallPathFile[] = "/var/log/version_control";
+  static constexpr char kDefaultInstallPath[] = "/usr/local/norvak_agent";
+
+  /// The install directory that @a file names: its first line, at most 1022 characters, without its
+  /// line feed and otherwise unchanged.
+  /// @return nothing if the file cannot be read
+  [[nodiscard]] static std::optional<std::string> read_install_path(const std::string& file);
+
   /// The agent's install directory: the first line of /var/log/version_control, at most 1022
   /// characters, without its line feed and otherwise unchanged. /usr/local/norvak_agent if that
   /// file cannot be read; "" if it is empty. Every call reads the file.

@@ -9,7 +9,8 @@ project=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
   build_packages=(g++ cmake ninja-build libcurl4-openssl-dev libpugixml-dev libcli11-dev
     nlohmann-json3-dev libarchive-dev libssl-dev libelf-dev zlib1g-dev)
   demo_packages=(nginx tar mount util-linux bsdutils)
-  test_packages=(libgtest-dev python3 python3-pytest nginx strace tar mount util-linux)
+  test_packages=(libgtest-dev python3 python3-jsonschema python3-pytest nginx strace tar mount
+    util-linux)
   coverage_packages=(gcovr)
   fuzz_packages=(clang 'libclang-rt-dev?' libgtest-dev)  # other releases have it in clang
   bench_packages=(libbenchmark-dev nginx curl openssl xmlstarlet tar time python3 python3-matplotlib

@@ -19,6 +19,8 @@ def pytest_addoption(parser):
     parser.addoption("--uname-answers", default=None,
                      help="absolute path of uname_answers.so "
                      "(default: tests/system/ beside the executable)")
+    parser.addoption("--norvak-host", default=None,
+                     help="absolute path of norvak_host (default: beside the executable)")
 
 
 def pytest_configure(config):
@@ -66,19 +68,31 @@ def uname_answers(request, updater):
     return library
 
 
+@pytest.fixture(scope="session")
+def norvak_host(request, updater):
+    """Path of norvak_host; None where it was not built."""
+    given = request.config.getoption("--norvak-host")
+    program = pathlib.Path(given) if given else updater.parent / "norvak_host"
+    return program if program.exists() else None
+
+
 @pytest.fixture
-def make_host(updater, request):
-    """Makes hosts; the options are those of AgentHost."""
+def make_host(updater, norvak_host, request):
+    """Makes hosts; the options are those of AgentHost. Afterwards norvak_host judges their runs."""
     hosts = []
 
     def make(**options):
         library = functools.partial(request.getfixturevalue, "uname_answers")
-        hosts.append(AgentHost(updater, library, **options))
+        hosts.append(AgentHost(updater, library, norvak_host=norvak_host, **options))
         return hosts[-1]
 
     yield make
-    for host in hosts:
-        host.close()
+    try:
+        for host in hosts:
+            host.check_status()
+    finally:
+        for host in hosts:
+            host.close()
 
 
 @pytest.fixture

@@ -4,6 +4,7 @@ import contextlib
 import dataclasses
 import fcntl
 import hashlib
+import json
 import os
 import pathlib
 import shlex
@@ -33,6 +34,7 @@ VERSION_FILE = WORK_DIR + "/new_version"
 START = "start"
 
 _LOG = "runlog/update.log"
+_TYPE_NAMES = {"0": "soft", "1": "kernel", "2": "nginx", "3": "rules"}
 _PAGE_BYTES = 4096
 
 # A line per entry: the digest of a file, the type of anything else; two blanks; the path.
@@ -152,10 +154,13 @@ class AgentHost:
     @param updater           absolute path of the executable
     @param uname_answers     called for the path of the library that answers uname()
     @param in_default_place  install under /usr/local, without a file version_control
+    @param norvak_host       path of the program that tells what became of the runs; may be None
     """
 
-    def __init__(self, updater, uname_answers, in_default_place=False):
+    def __init__(self, updater, uname_answers, in_default_place=False, norvak_host=None):
         self._updater = str(updater)
+        self._norvak_host = norvak_host
+        self._last_runs = {}
         self._uname_answers = uname_answers
         self._base = pathlib.Path(tempfile.mkdtemp(prefix="norvak-test-"))
         self._base.chmod(0o755)
@@ -250,7 +255,10 @@ class AgentHost:
 
     def update(self, *args, seconds=_RUN_SECONDS, **options):
         """Runs the updater to its end. The options are those of start()."""
-        return self.start(*args, **options).finish(seconds)
+        run = self.start(*args, **options).finish(seconds)
+        if args:
+            self._last_runs[args[0]] = run.status
+        return run
 
     def start(self, *args, mounts=(), environment=None, uname=None, with_streams=True, through=()):
         """Starts the updater.
@@ -261,6 +269,7 @@ class AgentHost:
         @param with_streams False: with standard input, output and error closed
         @param through      a command that runs the updater, such as a tracer
         """
+        self._last_runs.pop(args[0] if args else None, None)
         return self._start(namespace.command_line(
             [*self.mounts, *mounts], self.start_dir, [*through, self._updater, *args],
             self._uname_answers() if uname else None), self._variables(uname, environment),
@@ -327,6 +336,30 @@ class AgentHost:
         if run.status > 128 and run.status != 255:
             run.status = 128 - run.status
         return run, outcome.read_text().strip()
+
+    # What norvak_host says.
+
+    def inspect(self, *args, mounts=(), uname=None, environment=None, through=()):
+        """Runs norvak_host, with the options of start()."""
+        if not self._norvak_host:
+            pytest.skip("norvak_host is missing: build it")
+        return self._start(namespace.command_line(
+            [*self.mounts, *mounts], self.start_dir, [*through, str(self._norvak_host), *args],
+            self._uname_answers() if uname else None),
+            self._variables(uname, environment)).finish()
+
+    def check_status(self):
+        """What always holds between the exit status of the last run of a type and its outcome."""
+        for argument, status in self._last_runs.items():
+            name = _TYPE_NAMES.get(argument)
+            if not name or not self._norvak_host or not self.root.exists():
+                continue
+            outcome = json.loads(self.inspect("status", name, "--json").stdout)["types"][0]["outcome"]
+            if status == 0:
+                good = {"updated", "unknown", *(["nothing-to-do"] if name == "kernel" else [])}
+                assert outcome in good, f"{name}: the run succeeded, its outcome is {outcome}"
+            if status == 255:
+                assert outcome != "updated", f"{name}: the run failed, its outcome is {outcome}"
 
     # What a run left.
 

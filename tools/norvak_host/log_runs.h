@@ -1,0 +1,123 @@
+// Finds the last run of each type in the update log, and what became of it.
+#pragma once
+
+#include <cstddef>
+#include <ctime>
+#include <string_view>
+#include <vector>
+
+#include "log_line.h"
+#include "update_type.h"
+
+namespace host {
+
+/// What the log alone says about a run.
+enum class Verdict {
+  kUpdated,      ///< something was installed
+  kNothingToDo,  ///< the run found everything current, or took it for current
+  kRefused,      ///< an automatic run on a host set to manual
+  kFailed,
+  kUnfinished,  ///< there is no line that ends the run
+  kUnknown,     ///< lines that the verdict needs are missing, or may be another run's
+};
+
+/// One run's lines, oldest first. Never empty.
+struct LoggedRun {
+  Verdict verdict;
+  std::vector<LogLine> lines;
+};
+
+/// Collects the last run of one type from lines that arrive newest first, and that other runs may
+/// have written lines between.
+///
+/// The updater writes its lines in few orders. Reading backwards, a line belongs to the run when the
+/// updater can have written it just before the earliest line that is known; any other line of the
+/// same type ends the run.
+class RunCollector {
+ public:
+  explicit RunCollector(UpdateType type) : type_(type) {}
+
+  /// A line of this type.
+  /// @return whether it belongs to the run
+  bool add(const LogLine& line);
+
+  /// How a line about a failed transfer, which names no type, fits the earliest known line.
+  enum class Fit {
+    kNot,
+    kNeeded,    ///< the earliest known line is only ever written after such a line
+    kAdjacent,  ///< it can be written after such a line, and nothing is between the two
+    kPossible,  ///< it can be written after such a line, but there are other lines between
+  };
+  [[nodiscard]] Fit fit_of_transfer(const LogLine& line) const;
+
+  /// The line about a failed transfer is this run's.
+  void add_transfer(const LogLine& line);
+
+  /// A line about a failed transfer may be this run's.
+  void doubt() { doubtful_ = true; }
+
+  /// A line of another type.
+  void pass(const LogLine& line);
+
+  /// A line that no run writes, or the empty line at the end of some run.
+  void pass_other(bool is_end_of_run);
+
+  /// Whether some run ended between the earliest known line and the one before it.
+  [[nodiscard]] bool separated() const { return separated_; }
+
+  /// Whether earlier lines can make no difference.
+  [[nodiscard]] bool complete() const { return complete_; }
+
+  /// Whether there is a line of this type.
+  [[nodiscard]] bool found() const { return !lines_.empty(); }
+
+  /// @pre found()
+  [[nodiscard]] LoggedRun run() const;
+
+ private:
+  [[nodiscard]] const LogLine& earliest() const { return lines_[earliest_]; }
+  [[nodiscard]] bool precedes(const LogLine& line) const;
+  [[nodiscard]] bool has_predecessor(bool within_moment_only) const;
+  [[nodiscard]] Verdict verdict() const;
+
+  UpdateType type_;
+  std::vector<LogLine> lines_;  ///< newest first
+  std::size_t earliest_ = 0;    ///< place of the earliest line, transfers apart
+  bool has_transfer_ = false;   ///< the earliest line follows a failed transfer
+  bool doubtful_ = false;
+  bool adjacent_ = true;
+  bool separated_ = false;
+  bool complete_ = false;
+};
+
+/// Sorts lines of the log, newest first, by the runs that wrote them.
+class RunFinder {
+ public:
+  RunFinder();
+
+  /// The line before those that were added, without its line feed.
+  /// @param written  when the file that holds it was last written
+  void add(std::string_view text, std::time_t written);
+
+  /// Whether the last run of every type is known.
+  [[nodiscard]] bool complete() const;
+
+  [[nodiscard]] const RunCollector& collector(UpdateType type) const {
+    return collectors_[index(type)];
+  }
+
+  /// Lines that belong to no run of a known type, newest first: failed transfers, and runs of an
+  /// unknown type. Only those that are newer than some line of the runs that were found.
+  [[nodiscard]] std::vector<LogLine> unowned() const;
+
+ private:
+  void add_transfer(const LogLine& line);
+  void keep_unowned(const LogLine& line);
+
+  std::vector<RunCollector> collectors_;  ///< by type
+  std::vector<LogLine> unowned_;
+  std::size_t unowned_in_runs_ = 0;    ///< how many of them are newer than some line of a run
+  const char* next_format_ = nullptr;  ///< of the line after this one; null for other lines
+};
+
+}  // namespace host

@@ -65,7 +65,7 @@ def test_the_configuration_page_describes_every_setting_and_no_other():
 
 def test_the_configuration_page_names_the_paths_on_a_host():
     page = (PROJECT / "docs/configuration.md").read_text()
-    host = text_constants("utility/unix_helper.cpp")
+    host = text_constants("utility/unix_helper.h")
     for path in (host["kInstallPathFile"], host["kDefaultInstallPath"]):
         assert f"`{path}`" in page
     identity = text_constants("host_identity.h")

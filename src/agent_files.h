@@ -2,6 +2,7 @@
 // install directory unless a comment says otherwise.
 #pragma once
 
+#include <cstddef>
 #include <string>
 
 namespace agent_files {
@@ -34,6 +35,12 @@ inline constexpr char kRuleDownload[] = "/update_norvak_rule/rule";
 inline constexpr char kPackageScript[] = "/update";
 
 inline constexpr char kKernelVersionRecord[] = "/runlog/kernel_version";
+inline constexpr std::size_t kMaxRecordPathBytes = 127;
+
+/// Path of the kernel version record. The doubled slash and the cut of a long path are kept.
+inline std::string kernel_version_record(const std::string& install_path) {
+  return (install_path + "/" + kKernelVersionRecord).substr(0, kMaxRecordPathBytes);
+}
 
 inline constexpr char kInstalledRules[] = "/template/norvak_default_rule.xml";
 /// Its first line is the digest of the rules that the agent runs. The updater never writes it.

@@ -4,8 +4,6 @@
 #include <sys/utsname.h>
 #include <unistd.h>
 
-#include <cstdio>
-
 #include "agent_files.h"
 #include "help.h"
 #include "host_identity.h"
@@ -25,9 +23,6 @@ using published_digest::ModuleState;
 // What build_url_string builds; any other value means the module.
 constexpr int kDigestListUrl = 0;
 constexpr int kModuleUrl = 1;
-
-/// Limit of the path of the kernel version record, as that of `snprintf`.
-constexpr std::size_t kRecordPathLimit = 128;
 
 }  // namespace
 
@@ -150,12 +145,9 @@ bool CUpdateKernelImpl::identify(Host& host) {
 }
 
 void CUpdateKernelImpl::record_kernel_version(const std::string& version) {
-  // Deliberate: the doubled slash, and the truncation of a long path.
-  char path[kRecordPathLimit + 1] = {};
-  (void)std::snprintf(path, kRecordPathLimit, "%s/%s", install_path.c_str(),
-                      agent_files::kKernelVersionRecord);
-  if (utility::exists(path)) (void)::unlink(path);
+  const std::string path = agent_files::kernel_version_record(install_path);
+  if (utility::exists(path)) (void)::unlink(path.c_str());
   const utility::Descriptor record(
-      ::open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, utility::kNewFileMode));
+      ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, utility::kNewFileMode));
   if (record) (void)utility::write_all(record.get(), version.data(), version.size());
 }

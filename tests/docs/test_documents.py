@@ -80,10 +80,10 @@ def test_the_configuration_page_names_the_paths_on_a_host():
 
 
 def test_the_configuration_page_states_the_longest_install_path():
-    source = (PROJECT / "src/update_kernel.cpp").read_text()
-    limit = int(re.search(r"kRecordPathLimit = (\d+);", source)[1])
+    source = (PROJECT / "src/agent_files.h").read_text()
+    most = int(re.search(r"kMaxRecordPathBytes = (\d+);", source)[1])
     record = text_constants("agent_files.h")["kKernelVersionRecord"]
-    longest = limit - 1 - len("/" + record)
+    longest = most - len("/" + record)
     page = (PROJECT / "docs/configuration.md").read_text()
     assert f"**Use at most {longest} characters.**" in page
     assert f"From {longest + 1} characters" in page

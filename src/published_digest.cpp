@@ -58,6 +58,11 @@ std::optional<std::string> current_rules(const std::string& record_path) {
   return line;
 }
 
+bool is_list(const std::string& list_path) {
+  const std::optional<string_list> lines = read_list(list_path);
+  return lines && lines->size() == 1;
+}
+
 bool announces_new_rules(const std::string& list_path, const std::string& current) {
   const std::optional<string_list> lines = read_list(list_path);
   return lines && lines->size() == 1 && lines->front() != current;

@@ -26,6 +26,10 @@ enum class ModuleState {
 /// @return empty if there is no such file; nothing if it cannot be read
 [[nodiscard]] std::optional<std::string> current_rules(const std::string& record_path);
 
+/// Whether the file can be a digest list: it has exactly one line.
+/// @return false as well if it cannot be opened
+[[nodiscard]] bool is_list(const std::string& list_path);
+
 /// Whether the list announces rules other than @a current: it has exactly one line, which differs.
 [[nodiscard]] bool announces_new_rules(const std::string& list_path, const std::string& current);
 

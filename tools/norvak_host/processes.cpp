@@ -4,8 +4,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <sstream>
 #include <string_view>
 
 #include "agent_files.h"
@@ -38,10 +40,10 @@ std::string read_proc(pid_t pid, const char* name) {
   return text;
 }
 
-/// The path of the executable; nothing if it cannot be read, with errno set.
-std::optional<std::string> executable(pid_t pid) {
+/// Where a link of /proc leads, such as "exe"; nothing if it cannot be read, with errno set.
+std::optional<std::string> read_link(pid_t pid, const char* name) {
   std::string path(kMaxCommandBytes, '\0');
-  const ssize_t length = ::readlink(process_path(pid, "exe").c_str(), path.data(), path.size());
+  const ssize_t length = ::readlink(process_path(pid, name).c_str(), path.data(), path.size());
   if (length < 0) return std::nullopt;
   path.resize(static_cast<std::size_t>(length));
   if (path.size() > kDeleted.size() &&
@@ -76,7 +78,7 @@ bool same_install_dir(pid_t pid, const struct stat& own) {
 
 /// The updater with the id @a pid, if it is one.
 std::optional<RunningUpdater> as_updater(pid_t pid, const struct stat& install_dir) {
-  const std::optional<std::string> path = executable(pid);
+  const std::optional<std::string> path = read_link(pid, "exe");
   const bool hidden = !path && (errno == EACCES || errno == EPERM);
   if (!path && !hidden) return std::nullopt;  // ended, or a kernel thread
   const bool named = path ? path->substr(path->rfind('/') + 1) == kUpdater
@@ -103,6 +105,22 @@ std::vector<RunningUpdater> find_updaters(const std::string& install_dir) {
     if (updater) updaters.push_back(*updater);
   }
   return updaters;
+}
+
+bool is_running(const std::vector<RunningUpdater>& updaters, UpdateType type) {
+  return std::any_of(updaters.begin(), updaters.end(), [type](const RunningUpdater& updater) {
+    return updater.type == type && updater.certain;
+  });
+}
+
+std::optional<std::vector<std::string>> process_paths(pid_t pid) {
+  const std::optional<std::string> executable = read_link(pid, "exe");
+  const std::optional<std::string> directory = read_link(pid, "cwd");
+  if (!executable || !directory) return std::nullopt;
+  std::vector<std::string> paths = {*executable, *directory};
+  std::istringstream arguments(read_proc(pid, "cmdline"));
+  for (std::string argument; std::getline(arguments, argument, '\0');) paths.push_back(argument);
+  return paths;
 }
 
 bool is_alive(pid_t pid) {

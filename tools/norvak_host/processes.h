@@ -11,16 +11,23 @@
 
 namespace host {
 
-/// A live updater that works on this host's install directory.
+/// A live updater.
 struct RunningUpdater {
   pid_t pid;
   UpdateType type;
-  bool certain;  ///< false: whose directory it works on cannot be read without more rights
+  bool certain;  ///< it works on this install directory; false: that cannot be read
 };
 
-/// The live updaters: processes whose executable is `norvak_update` and that see the same install
-/// directory as this process, in their own mount namespace.
+/// The live updaters: processes whose executable is `norvak_update` and that see, in their own mount
+/// namespace, the same install directory as this process.
 [[nodiscard]] std::vector<RunningUpdater> find_updaters(const std::string& install_dir);
+
+/// Whether one of @a updaters certainly works on this install directory and has the type @a type.
+[[nodiscard]] bool is_running(const std::vector<RunningUpdater>& updaters, UpdateType type);
+
+/// The paths of the process's executable and working directory, and its arguments.
+/// @return nothing if they cannot be read without more rights
+[[nodiscard]] std::optional<std::vector<std::string>> process_paths(pid_t pid);
 
 /// Whether the process exists and is no zombie.
 [[nodiscard]] bool is_alive(pid_t pid);

@@ -14,6 +14,7 @@
 #include "log_reader.h"
 #include "log_runs.h"
 #include "published_digest.h"
+#include "traces.h"
 #include "utility/file.h"
 #include "xml/config.h"
 
@@ -90,21 +91,6 @@ const char* current_reason(UpdateType type) {
   return kReasons[index(type)];
 }
 
-/// What an interrupted run of @a type leaves below the install directory.
-std::vector<const char*> traces(UpdateType type) {
-  switch (type) {
-    case UpdateType::kSoft:
-      return {agent_files::kSoftWorkDir, agent_files::kUpdateMarker};
-    case UpdateType::kKernel:
-      return {agent_files::kKernelWorkDir};
-    case UpdateType::kNginx:
-      return {agent_files::kNginxWorkDir};
-    case UpdateType::kRules:
-      break;
-  }
-  return {agent_files::kRuleWorkDir};
-}
-
 /// Seconds since the epoch; nothing if there is no such file.
 std::optional<std::time_t> modified(const std::string& path) {
   struct stat status = {};
@@ -152,8 +138,8 @@ class Snapshot {
   [[nodiscard]] bool is_wanted(UpdateType type) const {
     const std::vector<UpdateType>& types = options_.types;
     if (!types.empty()) return std::find(types.begin(), types.end(), type) != types.end();
-    if (run_of(type) || is_running(type)) return true;
-    const std::vector<std::string> paths = leftovers(type);
+    if (run_of(type) || is_running(updaters_, type)) return true;
+    const std::vector<std::string> paths = leftovers(facts_.install_dir, type);
     return std::any_of(paths.begin(), paths.end(),
                        [this](const std::string& path) { return !is_too_old(path); });
   }
@@ -165,20 +151,6 @@ class Snapshot {
     LoggedRun run = collector.run();
     if (options_.since && run.lines.back().epoch() < *options_.since) return std::nullopt;
     return run;
-  }
-
-  [[nodiscard]] bool is_running(UpdateType type) const {
-    return std::any_of(updaters_.begin(), updaters_.end(),
-                       [type](const RunningUpdater& updater) { return updater.type == type; });
-  }
-
-  [[nodiscard]] std::vector<std::string> leftovers(UpdateType type) const {
-    std::vector<std::string> found;
-    for (const char* const trace : traces(type)) {
-      const std::string path = facts_.install_dir + trace;
-      if (modified(path)) found.push_back(path);
-    }
-    return found;
   }
 
   /// Whether the file was last changed before the time that --since names.
@@ -195,12 +167,11 @@ class Snapshot {
       result.last_line = run->lines.back().epoch();
       for (const LogLine& line : run->lines) result.lines.push_back(line.text);
     }
-    if (is_running(type)) {
+    if (is_running(updaters_, type)) {
       decide(result, Outcome::kRunning, "an updater is at work");
-      report_uncertain(type);
       return result;
     }
-    result.leftovers = leftovers(type);
+    result.leftovers = leftovers(facts_.install_dir, type);
     const std::string newer = newer_leftover(result);
     if (!newer.empty()) {
       decide(result, Outcome::kUnfinished,
@@ -211,6 +182,7 @@ class Snapshot {
       decide(result, Outcome::kUnknown, missing_reason());
     }
     rate(result);
+    allow_for_hidden_updaters(result);
     return result;
   }
 
@@ -325,13 +297,17 @@ class Snapshot {
     }
   }
 
-  void report_uncertain(UpdateType type) {
+  /// An updater of another user may work on this install directory, or on another one.
+  void allow_for_hidden_updaters(TypeStatus& type) {
     for (const RunningUpdater& updater : updaters_) {
-      if (updater.type != type || updater.certain) continue;
+      if (updater.type != type.type || updater.certain) continue;
       report("process-unreadable", Severity::kNote, "/proc/" + std::to_string(updater.pid),
-             "an updater runs, but its install directory cannot be read",
+             std::string("an updater of the type ") + type_name(type.type) +
+                 " runs, but its install directory cannot be read",
              "run norvak_host as root");
-      return;
+      if (type.outcome == Outcome::kUnfinished) {
+        decide(type, Outcome::kUnknown, "the run may be at work: see the note on its process");
+      }
     }
   }
 

@@ -15,6 +15,7 @@
 #include <sstream>
 
 #include "common/command_line.h"
+#include "table.h"
 #include "utility/file.h"
 
 namespace host {
@@ -67,11 +68,6 @@ std::string local_time(const std::optional<std::time_t>& time) {
   return text.data();
 }
 
-std::string padded(const std::string& text, std::size_t width) {
-  return text + std::string(width > text.size() ? width - text.size() : 0, ' ');
-}
-
-constexpr std::size_t kTypeWidth = 8;
 constexpr std::size_t kOutcomeWidth = 15;
 constexpr std::size_t kTimeWidth = 21;
 

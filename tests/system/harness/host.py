@@ -120,10 +120,10 @@ class RunningUpdater:
 class Agent:
     """A live process that stands in for the agent."""
 
-    def __init__(self):
+    def __init__(self, directory):
         self._process = subprocess.Popen(
             namespace.ending_with_us(["sleep", str(_AGENT_SECONDS)]), start_new_session=True,
-            stdin=subprocess.DEVNULL)
+            stdin=subprocess.DEVNULL, cwd=directory)
         self.pid = self._process.pid
 
     def is_alive(self):
@@ -228,9 +228,9 @@ class AgentHost:
         else:
             target.unlink()
 
-    def start_agent(self):
-        """Starts a stand-in agent; its id goes into norvak.pid."""
-        agent = Agent()
+    def start_agent(self, directory=None):
+        """Starts a stand-in agent, by default in the install directory; its id goes into norvak.pid."""
+        agent = Agent(directory or self.root)
         self._agents.append(agent)
         self._agent_pid_file.write_text(f"{agent.pid}\n")
         self.write("norvak.pid", f"{agent.pid}\n")
@@ -306,7 +306,7 @@ class AgentHost:
             seed.mkdir()
             left.mkdir()
             mounts = [f"cp -a {self.path}/. {seed}",
-                      namespace.small_disk(self.path, self._used_bytes() + free_bytes),
+                      namespace.small_disk(self.path, self.used_bytes() + free_bytes),
                       f"cp -a {seed}/. {self.path}"]
             afterwards = f"cp -a {self.path}/. {left}"
         script = f'for i in $(seq {count}); do "$@"; echo $?; done; {afterwards}'
@@ -433,6 +433,11 @@ class AgentHost:
         except PermissionError:
             return int(self._as_owner("stat", "-c", "%a", name).stdout, 8)
 
+    def used_bytes(self):
+        """How much the install tree takes as a tmpfs."""
+        sizes = [file.stat().st_size for file in self.root.rglob("*") if file.is_file()]
+        return sum(-(-size // _PAGE_BYTES) * _PAGE_BYTES for size in sizes)
+
     def config_values(self):
         """The settings that config.xml holds now, as pairs."""
         return package.config_values(self.read("config.xml"))
@@ -456,11 +461,6 @@ class AgentHost:
         self.write_script("startup.sh")
         self.write_script("tool/tar", f'exec {shutil.which("tar", path=_PATH)} "$@"')
         self.remember()
-
-    def _used_bytes(self):
-        """How much the install tree takes as a tmpfs."""
-        sizes = [file.stat().st_size for file in self.root.rglob("*") if file.is_file()]
-        return sum(-(-size // _PAGE_BYTES) * _PAGE_BYTES for size in sizes)
 
     def _environment(self):
         variables = {"TZ": log.TZ, "LC_ALL": "C", "PATH": _PATH,

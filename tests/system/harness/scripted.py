@@ -81,6 +81,11 @@ class ScriptedServer:
         with self._changed:
             return list(self._heads)
 
+    def forget_requests(self, count):
+        """Forgets the first @a count requests."""
+        with self._changed:
+            del self._heads[:count]
+
     def wait_for_requests(self, count):
         """Waits until @a count requests have come in."""
         with self._changed:

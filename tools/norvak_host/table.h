@@ -1,0 +1,15 @@
+// Small helpers of the tables for people.
+#pragma once
+
+#include <string>
+
+namespace host {
+
+constexpr std::size_t kTypeWidth = 8;
+
+/// @a text, filled up with blanks to at least @a width characters and one blank.
+[[nodiscard]] inline std::string padded(const std::string& text, std::size_t width) {
+  return text + std::string(width > text.size() + 1 ? width - text.size() : 1, ' ');
+}
+
+}  // namespace host

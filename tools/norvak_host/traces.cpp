@@ -1,0 +1,66 @@
+#include "traces.h"
+
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cctype>
+
+#include "agent_files.h"
+#include "utility/file.h"
+
+namespace host {
+
+namespace {
+
+std::vector<const char*> suffixes(UpdateType type) {
+  switch (type) {
+    case UpdateType::kSoft:
+      return {agent_files::kSoftWorkDir, agent_files::kUpdateMarker};
+    case UpdateType::kKernel:
+      return {agent_files::kKernelWorkDir};
+    case UpdateType::kNginx:
+      return {agent_files::kNginxWorkDir};
+    case UpdateType::kRules:
+      break;
+  }
+  return {agent_files::kRuleWorkDir};
+}
+
+/// The suffix of a new version: that of a name that nobody else took, or the fixed one of older
+/// updaters.
+bool is_new_version_suffix(const std::string& suffix) {
+  constexpr std::size_t kRandomCharacters = 6;
+  return suffix == "new" || (suffix.size() == kRandomCharacters &&
+                             std::all_of(suffix.begin(), suffix.end(),
+                                         [](unsigned char c) { return std::isalnum(c) != 0; }));
+}
+
+}  // namespace
+
+std::vector<std::string> leftovers(const std::string& install_dir, UpdateType type) {
+  std::vector<std::string> found;
+  for (const char* const suffix : suffixes(type)) {
+    const std::string path = install_dir + suffix;
+    struct stat status = {};
+    if (::lstat(path.c_str(), &status) == 0) found.push_back(path);
+  }
+  return found;
+}
+
+std::vector<std::string> config_leftovers(const std::string& install_dir) {
+  const std::string prefix = std::string(agent_files::kConfig).substr(1) + ".";
+  std::vector<std::string> found;
+  const utility::DirPtr directory(::opendir(install_dir.c_str()));
+  if (!directory) return found;
+  while (const dirent* const entry = ::readdir(directory.get())) {
+    const std::string name(entry->d_name);
+    if (name.compare(0, prefix.size(), prefix) == 0 &&
+        is_new_version_suffix(name.substr(prefix.size()))) {
+      found.push_back(install_dir + "/" + name);
+    }
+  }
+  std::sort(found.begin(), found.end());
+  return found;
+}
+
+}  // namespace host

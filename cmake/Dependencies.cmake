@@ -11,6 +11,7 @@ endfunction()
 
 find_package(CURL QUIET)
 norvak_find_or_explain(CURL_FOUND "libcurl" libcurl4-openssl-dev libcurl-devel)
+set(norvak_libcurl CURL::libcurl)
 find_package(pugixml QUIET)
 norvak_find_or_explain(pugixml_FOUND "pugixml" libpugixml-dev pugixml-devel)
 # The C++ runtime and pugixml are linked statically together or not at all: pugixml's shared library

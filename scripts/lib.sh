@@ -10,6 +10,8 @@ project=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
     nlohmann-json3-dev libarchive-dev libssl-dev libelf-dev zlib1g-dev)
   demo_packages=(nginx tar mount util-linux bsdutils)
   test_packages=(libgtest-dev python3 python3-jsonschema python3-pytest nginx strace tar mount
+    util-linux man-db mandoc)
+  package_test_packages=(debootstrap g++ lintian rpm rpmlint dpkg-dev python3-pytest nginx mount
     util-linux)
   coverage_packages=(gcovr)
   fuzz_packages=(clang 'libclang-rt-dev?' libgtest-dev)  # other releases have it in clang
@@ -128,4 +130,9 @@ configure() {
     printf '%s\n' "$output" >&2
     fail "the preset $1 could not be configured."
   fi
+}
+
+# The time that packages carry: SOURCE_DATE_EPOCH, or that of the last commit; seconds since 1970.
+source_date() {
+  printf '%s\n' "${SOURCE_DATE_EPOCH:-$(git -C "$project" log -1 --format=%ct)}"
 }

@@ -1,2 +1,2 @@
-/* Measures loading libcurl and the libraries that it needs: linked with it, calls nothing. */
+/* What loading libcurl, and the libraries that it needs, costs: linked with it, calls nothing. */
 int main(void) { return 0; }

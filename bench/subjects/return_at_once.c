@@ -1,2 +1,2 @@
-/* Measures starting and ending a process. */
+/* What starting and ending a process costs. */
 int main(void) { return 0; }

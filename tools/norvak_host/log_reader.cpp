@@ -104,7 +104,7 @@ std::optional<std::pair<utility::Descriptor, std::size_t>> decompress(const std:
   const GzPtr in(gzopen(path.c_str(), "rbe"));
   const utility::FilePtr out(std::tmpfile());
   if (!in || !out) return std::nullopt;
-  utility::Descriptor text(::fcntl(::fileno(out.get()), F_DUPFD_CLOEXEC, 0));
+  utility::Descriptor text(::dup(::fileno(out.get())));  // fcntl() would need glibc 2.28
   if (!text) return std::nullopt;
   std::vector<char> block(kBlockBytes);
   std::size_t size = 0;

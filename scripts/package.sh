@@ -1,0 +1,80 @@
+#!/usr/bin/env bash
+# Makes the packages: norvak-update for hosts, norvak-publish for update servers.
+#
+# Usage: package.sh [--output DIRECTORY] [--version VERSION] [PACKAGE...]
+#
+# PACKAGE is amd64, i386 (norvak-update, as .deb and .rpm) or publish; by default all. They go to
+# build/packages, or to DIRECTORY below the project. --version replaces the version of the sources.
+# The time in the packages is that of the last commit, or SOURCE_DATE_EPOCH: the same sources make the
+# same packages, byte for byte. The exit status is 77 where roots (roots.sh) are not possible.
+set -euo pipefail
+. "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
+. "$project/scripts/roots.sh"
+cd "$project"
+
+output=build/packages
+version=
+while [[ ${1-} == --output || ${1-} == --version ]]; do
+  printf -v "${1#--}" %s "$2"
+  shift 2
+done
+
+# Runs in a root.
+build() {
+  local package=$1 build=/tmp/build options version_option=()
+  if [[ -n $version ]]; then
+    version_option=(-R "$version")
+  fi
+  # The names of these directories are not to be seen in the debug symbols.
+  local flags="-O2 -g -DNDEBUG -ffile-prefix-map=$project=. -ffile-prefix-map=$build=build"
+  options=(-DCMAKE_BUILD_TYPE=Release -DCMAKE_CXX_FLAGS_RELEASE="$flags"
+    -DCMAKE_INSTALL_PREFIX=/usr -DBUILD_TESTING=OFF -DNORVAK_STATIC_RUNTIME=ON)
+  if [[ $package != publish ]]; then
+    options+=(-DNORVAK_PORTABLE=ON -DNORVAK_PUBLISH=OFF)
+  fi
+  umask 022
+  cmake -G Ninja -S . -B "$build" "${options[@]}"
+  cmake --build "$build"
+  if [[ $package != publish ]]; then
+    mkdir -p /etc/dpkg/symbols
+    cp packaging/deb/libcurl4.symbols "/etc/dpkg/symbols/libcurl4:$package.symbols"
+  fi
+  cd "$build"
+  cpack "${version_option[@]}"
+  cpack "${version_option[@]}" -D NORVAK_PACKAGE=debug
+  if [[ $package != publish ]]; then
+    cpack "${version_option[@]}" -G RPM -D NORVAK_PACKAGE=md5
+  fi
+  find . -maxdepth 1 '(' -name '*.deb' -o -name '*.rpm' ')' -exec cp -t "$project/$output" {} +
+}
+
+case ${1-} in
+  --inside)
+    build "$2"
+    exit
+    ;;
+  --enter)
+    run_in_root "build-$2" env "SOURCE_DATE_EPOCH=$SOURCE_DATE_EPOCH" \
+      "$project/scripts/package.sh" --output "$output" --version "$version" --inside "$2"
+    exit
+    ;;
+esac
+
+packages=("$@")
+if (($# == 0)); then
+  packages=(amd64 i386 publish)
+fi
+reason=$(roots_unavailable amd64)
+if [[ -n $reason ]]; then
+  printf 'No packages were made: %s\n' "$reason"
+  exit 77
+fi
+SOURCE_DATE_EPOCH=$(source_date)
+export SOURCE_DATE_EPOCH
+mkdir -p "$output"
+for package in "${packages[@]}"; do
+  make_build_root "$package"
+  heading "package $package"
+  quietly unshare --mount --propagation private -- "$0" --output "$output" --version "$version" --enter "$package"
+done
+ls -l "$output"

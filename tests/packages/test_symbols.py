@@ -1,0 +1,91 @@
+"""What the packaged programs need of a host, compared with packaging/hosts.tsv."""
+
+import csv
+import re
+import subprocess
+
+import pytest
+from conftest import PROJECT
+
+# A part of glibc on every supported host, apart from libcurl.
+LIBRARIES = {"libc.so.6", "libm.so.6", "libpthread.so.0", "ld-linux-x86-64.so.2", "ld-linux.so.2",
+             "libcurl.so.4"}
+ARCHITECTURES = {"x86-64": "amd64", "i386": "i386"}
+
+
+def hosts():
+    lines = [line for line in (PROJECT / "packaging/hosts.tsv").read_text().splitlines()
+             if not line.startswith("#")]
+    return list(csv.DictReader(lines, delimiter="\t"))
+
+
+def numbers(version):
+    return [int(number) for number in version.split(".")]
+
+
+def programs(tree):
+    """The ELF files of an unpacked package."""
+    return [file for file in tree.rglob("*")
+            if file.is_file() and file.read_bytes()[:4] == b"\x7fELF"]
+
+
+def readelf(option, program):
+    return subprocess.run(["readelf", "--wide", option, program], check=True, capture_output=True,
+                          text=True, env={"LC_ALL": "C", "PATH": "/usr/bin"}).stdout
+
+
+def needed_libraries(program):
+    return set(re.findall(r"\(NEEDED\).*\[(.+)\]", readelf("--dynamic", program)))
+
+
+def needed_versions(program):
+    """The symbol versions that a program needs, as pairs of library and version."""
+    versions, library = set(), None
+    section = readelf("--version-info", program).split("Version needs section")[1]
+    for line in section.splitlines():
+        if match := re.search(r"File: (\S+)", line):
+            library = match[1]
+        elif match := re.search(r"Name: (\S+)", line):
+            versions.add((library, match[1]))
+    return versions
+
+
+def missing_on(host, versions):
+    """The symbol versions among @a versions that @a host lacks."""
+    missing = []
+    for library, version in sorted(versions):
+        family, _, number = version.partition("_")
+        if library == "libcurl.so.4":
+            present = version == host["libcurl symbols"]
+        else:
+            present = (family == "GLIBC" and re.fullmatch(r"[\d.]+", number) and
+                       numbers(number) <= numbers(host["glibc"]))
+        if not present:
+            missing.append(f"{library}: {version}")
+    return missing
+
+
+@pytest.mark.parametrize("host", [pytest.param(host, id=f"{host['distribution']} {host['release']}")
+                                  for host in hosts()])
+def test_the_host_can_load_every_program(host, unpacked):
+    for architecture in host["architectures"].split():
+        found = programs(unpacked[ARCHITECTURES[architecture]])
+        assert found
+        for program in found:
+            assert missing_on(host, needed_versions(program)) == [], program.name
+
+
+@pytest.mark.parametrize("architecture", ["amd64", "i386"])
+def test_the_programs_need_no_library_that_a_host_may_lack(architecture, unpacked):
+    for program in programs(unpacked[architecture]):
+        assert needed_libraries(program) <= LIBRARIES, program.name
+
+
+@pytest.mark.parametrize("host", [pytest.param(host, id=host["release"]) for host in hosts()
+                                  if host["distribution"] == "Debian" and int(host["release"]) > 10])
+def test_the_list_agrees_with_the_real_debian(host, make_root):
+    root = make_root(f"debian-{host['release']}")
+    versions = dict(line.split("\t") for line in root.run(
+        "dpkg-query", "--show", "--showformat", "${Package}\t${source:Upstream-Version}\n").splitlines())
+    assert versions["libc6"] == host["glibc"]
+    assert versions.get("libcurl4t64", versions.get("libcurl4")) == host["libcurl"]

@@ -1,4 +1,4 @@
-// The string helpers, on texts of the lengths that an update meets and on long ones.
+// The string helpers, on texts as short as in an update and on long texts.
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
@@ -21,7 +21,7 @@ std::string repeated(const std::string& part, std::int64_t size) {
   return text;
 }
 
-/// Measures @a change on copies of a text that is @a part again and again.
+/// Measures @a change on copies of a text that repeats @a part.
 template <typename Change>
 void measure(benchmark::State& state, const std::string& part, Change change) {
   const std::string text = repeated(part, state.range(0));

@@ -1,4 +1,4 @@
-// Bytes per second of MD5, by the size of the pieces that it is fed with.
+// Bytes per second of MD5, by the size of its input pieces.
 #include <benchmark/benchmark.h>
 
 #include <vector>

@@ -1,4 +1,4 @@
-// The XML layer on configuration files of one setting and of many.
+// The XML layer, on configuration files with one setting and with many.
 #include <benchmark/benchmark.h>
 #include <unistd.h>
 
@@ -11,7 +11,7 @@
 
 namespace {
 
-/// A config.xml with a number of settings, in a file that lives as long as this.
+/// A temporary config.xml with the given number of settings.
 class ConfigFile {
  public:
   explicit ConfigFile(std::int64_t settings) {
@@ -75,7 +75,7 @@ void SetAttribute(benchmark::State& state) {
 }
 BENCHMARK(SetAttribute)->Arg(1)->Arg(20)->Arg(10000);
 
-/// With the flushes to disk that saving pays.
+/// Includes flushing to disk.
 void Save(benchmark::State& state) {
   const ConfigFile config(state.range(0));
   const auto document = newXmlDocument();

@@ -1,6 +1,6 @@
 # Sets `python` to a Python 3 that can import pytest. Scripts read it from the cache.
 #
-# The python3 on the path can be one without the distribution's pytest, so /usr/bin goes first.
+# A python3 on PATH may lack the distribution's pytest, so /usr/bin is searched first.
 foreach(candidate IN ITEMS ${NORVAK_PYTHON} /usr/bin/python3 python3)
   execute_process(COMMAND ${candidate} -c "import pytest" RESULT_VARIABLE status
                   OUTPUT_QUIET ERROR_QUIET)

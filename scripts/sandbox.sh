@@ -51,9 +51,9 @@ if ! sandbox_works; then
   fi
 fi
 
-# The new processes are not in the machine's /proc. A container may forbid to mount another one; only
-# tools that look at processes miss it. The explicit standard input keeps the terminal: bash gives
-# /dev/null to a background command otherwise.
+# The machine's /proc shows other process ids than those in the sandbox. A container may forbid
+# mounting another one; only tools that inspect processes need it. Standard input is given explicitly
+# because bash would replace it with /dev/null for a background command.
 # shellcheck disable=SC2016  # the inner shell expands these
 "${sandbox[@]}" sh -c 'mount -t proc proc /proc 2>/dev/null; exec "$@"' sh "$@" "$scratch" <&0 &
 pid=$!

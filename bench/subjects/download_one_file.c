@@ -1,4 +1,4 @@
-/* Usage: download_one_file URL PATH: libcurl with its defaults, each piece to one open file. */
+/* Usage: download_one_file URL PATH: libcurl with its defaults, writing to one open file. */
 #include <curl/curl.h>
 #include <fcntl.h>
 #include <unistd.h>

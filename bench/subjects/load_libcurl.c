@@ -1,2 +1,2 @@
-/* What loading libcurl, and the libraries that it needs, costs: linked with it, calls nothing. */
+/* Measures loading libcurl and the libraries that it needs: linked with it, calls nothing. */
 int main(void) { return 0; }

@@ -1,4 +1,4 @@
-/* Usage: read_file PATH: reads it in blocks of 64 KB and does nothing with them. */
+/* Usage: read_file PATH: reads it in blocks of 64 KB. */
 #include <fcntl.h>
 #include <unistd.h>
 

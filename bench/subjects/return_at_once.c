@@ -1,2 +1,2 @@
-/* What starting and ending a process costs. */
+/* Measures starting and ending a process. */
 int main(void) { return 0; }

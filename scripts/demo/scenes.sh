@@ -109,8 +109,8 @@ kernel_module_scenes() {
 
   scene 'The server has no modules for this kernel' \
     "The path on the server consists of the distribution family (centos, unless the agent's" \
-    "installer left a marker file), the processor and the beginning of the kernel release, which is" \
-    "$(uname -r) here. nginx answers with its error page 404, which is not a digest."
+    "installer left a marker file), the processor and the beginning of the kernel release, here of" \
+    "$(uname -r). nginx answers with its error page 404, which is not a digest."
   run kernel_state 1
   expect_status 255
   expect_log '[KERNEL] download MD5 file is abnormal' \
@@ -235,7 +235,7 @@ Next steps:
 END
 }
 
-# A terminal of its own gives the shell job control, which the sandbox's process ids prevent otherwise.
+# script gives the shell a new terminal: on the old one the sandbox's process ids prevent job control.
 keep_shell() {
   heading 'a shell in the sandbox'
   cat <<END

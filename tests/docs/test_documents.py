@@ -89,6 +89,15 @@ def test_the_configuration_page_states_the_longest_install_path():
     assert f"From {longest + 1} characters" in page
 
 
+def test_the_contributors_install_what_the_scripts_install():
+    lists = dict(re.findall(r"^  (\w+)_packages=\(([^)]*)\)",
+                            (PROJECT / "scripts/lib.sh").read_text(), re.MULTILINE))
+    wanted = (lists["build"] + " " + lists["test"]).split()
+    page = (PROJECT / "CONTRIBUTING.md").read_text()
+    command = page.split("apt-get install --no-install-recommends")[1].split("cmake --preset")[0]
+    assert sorted(command.replace("\\", "").split()) == sorted(wanted)
+
+
 def test_links_lead_somewhere():
     broken = []
     for document in DOCUMENTS:

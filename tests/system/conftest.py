@@ -4,13 +4,14 @@ import functools
 import os
 import pathlib
 import shutil
+import subprocess
 import tempfile
 
 import pytest
 
 pytest.register_assert_rewrite("harness")
 
-from harness import AgentHost, Nginx, ScriptedServer, namespace, skips  # noqa: E402
+from harness import AgentHost, Nginx, Publisher, ScriptedServer, namespace, skips  # noqa: E402
 
 
 def pytest_addoption(parser):
@@ -21,6 +22,8 @@ def pytest_addoption(parser):
                      "(default: tests/system/ beside the executable)")
     parser.addoption("--norvak-host", default=None,
                      help="absolute path of norvak_host (default: beside the executable)")
+    parser.addoption("--norvak-publish", default=None,
+                     help="absolute path of norvak_publish (default: beside the executable)")
 
 
 def pytest_configure(config):
@@ -139,3 +142,34 @@ def with_hosts_file(tmp_path):
         return [namespace.bind(hosts, "/etc/hosts"), namespace.bind(order, "/etc/nsswitch.conf")]
 
     return mounts
+
+
+@pytest.fixture
+def publisher(request, updater, tmp_path):
+    """norvak_publish and an empty server tree."""
+    given = request.config.getoption("--norvak-publish")
+    program = pathlib.Path(given) if given else updater.parent / "norvak_publish"
+    if not program.exists():
+        pytest.skip(f"{program} is missing: build the target norvak_publish")
+    tmp_path.chmod(0o755)
+    return Publisher(program, tmp_path)
+
+
+@pytest.fixture
+def served(publisher, server):
+    """The publisher of a tree whose `current` a real nginx serves."""
+    shutil.rmtree(server.published)
+    server.published.symlink_to(publisher.tree / "current")
+    yield publisher
+    server.published.unlink()
+    server.published.mkdir()
+
+
+@pytest.fixture(scope="session")
+def strace():
+    """Makes the command that traces another one: strace(EXPRESSION, OUTPUT FILE)."""
+    probe = ["strace", "-e", "inject=chdir:error=EIO", "-o", "/dev/null", "true"]
+    if not shutil.which("strace") or subprocess.run(probe, check=False).returncode:
+        pytest.skip("strace cannot trace here")
+    return lambda expression, output="/dev/null": [
+        "strace", "--follow-forks", "-qq", "-s", "4096", "-e", expression, "-o", str(output)]

@@ -66,13 +66,17 @@ void import_plain_files(ReleaseTree& tree, const PublishOptions& options) {
                    " the web server's document root, then remove the files outside of releases/");
 }
 
-/// What is served now and what was; the first is what is served now.
+/// The directory that the web server serves; nothing before the first release.
+std::optional<fs::path> served_directory(const ReleaseTree& tree) {
+  if (tree.kind() == ReleaseTree::Kind::kPlain) return tree.root();
+  const std::optional<int> current = tree.current();
+  return current ? std::optional<fs::path>(tree.release(*current)) : std::nullopt;
+}
+
+/// All directories that are or may have been served.
 std::vector<fs::path> published_directories(const ReleaseTree& tree) {
   std::vector<fs::path> directories;
   if (tree.kind() == ReleaseTree::Kind::kPlain) directories.push_back(tree.root());
-  if (const std::optional<int> current = tree.current()) {
-    directories.push_back(tree.release(*current));
-  }
   for (const int number : tree.releases()) directories.push_back(tree.release(number));
   return directories;
 }
@@ -138,17 +142,17 @@ ExitStatus publish_changes(const PublishOptions& options, const std::function<vo
     import_plain_files(tree, options);
   }
 
-  const std::vector<fs::path> published = published_directories(tree);
-  const std::optional<int> current = tree.current();
-  Draft draft(in_place ? tree.root() / kInPlaceDraft : tree.draft(), published);
+  const std::optional<fs::path> served = served_directory(tree);
+  Draft draft(in_place ? tree.root() / kInPlaceDraft : tree.draft(), published_directories(tree));
   const DraftRemover remover(draft.root());
   make_directories(draft.root());
   Manifest manifest;
-  if (!published.empty()) {
-    link_tree(published.front(), draft.root());
+  if (served) {
+    link_tree(*served, draft.root());
     const ProgressBar progress("Reading the published files", options.quiet);
     manifest = scan_release(draft.root(), progress.callback());
   }
+  const std::optional<int> current = tree.current();
   if (current && fs::exists(tree.manifest(*current))) {
     (void)report(options, edited_in_place(read_manifest(tree.manifest(*current)), manifest));
   }
@@ -160,7 +164,7 @@ ExitStatus publish_changes(const PublishOptions& options, const std::function<vo
   }
   {
     const ProgressBar progress("Checking the result", options.quiet);
-    const std::string before = published.empty() ? "" : published_version(published.front());
+    const std::string before = served ? published_version(*served) : "";
     if (report(options, check_tree(draft.root(), {before, {}, progress.callback()}))) {
       say(options, "not published, because of the errors");
       return ExitStatus::kErrorsFound;

@@ -6,6 +6,7 @@ trace.py      what the agent's scripts saw when they ran
 log.py        reading the update log
 package.py    agent packages and config.xml
 nginx.py      a real nginx that publishes files
+publisher.py  norvak_publish, server trees and what is published in them
 scripted.py   a server that misbehaves on purpose
 transfers.py  tables of how a transfer can go
 updates.py    each update and its requests
@@ -20,13 +21,14 @@ from .host import (ABORTED, DATA_DIR, FAILED, KILLED, OK, START, TAR, VERSION_FI
 from .log import log_lines
 from .nginx import Nginx
 from .package import DEFAULT_UPDATE_SCRIPT, config_xml, config_values, package
+from .publisher import Publisher
 from .saves import count_saves
 from .scripted import Reply, ScriptedServer, http_reply, unused_address
 from .trace import Step
 
 __all__ = [
     "ABORTED", "DATA_DIR", "DEFAULT_UPDATE_SCRIPT", "FAILED", "KILLED", "OK", "START", "TAR",
-    "VERSION_FILE", "WORK_DIR", "AgentHost", "Nginx", "Reply", "Run", "ScriptedServer", "Step",
-    "config_values", "config_xml", "count_saves", "http_reply", "log_lines", "package",
+    "VERSION_FILE", "WORK_DIR", "AgentHost", "Nginx", "Publisher", "Reply", "Run", "ScriptedServer",
+    "Step", "config_values", "config_xml", "count_saves", "http_reply", "log_lines", "package",
     "unused_address",
 ]

@@ -1,4 +1,4 @@
-"""Options and fixtures of the system tests. README.md tells how they work together."""
+"""Options and fixtures of the system tests. See README.md."""
 
 import functools
 import os
@@ -36,11 +36,11 @@ def pytest_configure(config):
 
 def _is_32_bit(program):
     with open(program, "rb") as file:
-        return file.read(5)[4:] == b"\x01"  # the class in the head of an ELF file
+        return file.read(5)[4:] == b"\x01"  # EI_CLASS of the ELF header
 
 
 def pytest_collection_modifyitems(config, items):
-    """Where long has 32 bits, a number beyond them becomes the greatest instead of being cut."""
+    """Where long has 32 bits, strtol() clamps larger numbers: they are not narrowed."""
     if _is_32_bit(config.getoption("--updater")):
         for item in items:
             if "narrowed" in item.name:
@@ -54,7 +54,7 @@ def pytest_sessionfinish(session, exitstatus):
 
 @pytest.fixture(scope="session")
 def updater(request):
-    """Path of the executable. A test that needs it is skipped where nothing private can be had."""
+    """Path of the executable. Tests that need it are skipped without private namespaces."""
     reason = namespace.unavailable()
     if reason:
         pytest.skip(reason)
@@ -81,7 +81,7 @@ def norvak_host(request, updater):
 
 @pytest.fixture
 def make_host(updater, norvak_host, request):
-    """Makes hosts; the options are those of AgentHost. Afterwards norvak_host judges their runs."""
+    """Creates hosts. The options are those of AgentHost. Finally norvak_host checks their runs."""
     hosts = []
 
     def make(**options):
@@ -124,7 +124,7 @@ def server(_nginx):
 
 @pytest.fixture
 def scripted_server():
-    """A server that answers 404 until it is told what to do."""
+    """A server that answers 404 until it gets replies to send."""
     running = ScriptedServer()
     yield running
     running.close()
@@ -132,7 +132,7 @@ def scripted_server():
 
 @pytest.fixture
 def with_hosts_file(tmp_path):
-    """Mounts that replace the hosts file by the given text, and keep queries on the machine."""
+    """Mounts that replace the contents of /etc/hosts and disable every other name service."""
     def mounts(text):
         hosts, order = tmp_path / "hosts", tmp_path / "nsswitch.conf"
         hosts.write_text(text)

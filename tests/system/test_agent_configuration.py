@@ -9,23 +9,23 @@ from harness import OK, config_xml, count_saves, namespace
 from harness.software import (INSTALLED_VERSION, NEW_VERSION, UPDATED, publish_update,
                               settings)
 
-PUT_IN_PLACE = "#!/bin/sh\ncp new.xml ../../config.xml\n"
-PUT_IN_PLACE_SAVES = 1
+INSTALL_SCRIPT = "#!/bin/sh\ncp new.xml ../../config.xml\n"
+INSTALL_SCRIPT_SAVES = 1
 
 
 @pytest.fixture
 def update_to(host, server):
-    """An automatic or manual update whose script puts the given configuration in place.
+    """An automatic or manual update whose script installs the given configuration.
 
     Returns how often the updater itself saved config.xml.
     """
     def run(document, mode="0"):
-        publish_update(server, files={"update": PUT_IN_PLACE, "new.xml": document})
+        publish_update(server, files={"update": INSTALL_SCRIPT, "new.xml": document})
         host.configure(**settings(server.url, "2"))
         with count_saves(host.root / "config.xml") as saves:
             assert host.update("0", mode) == OK
         assert host.log_texts() == UPDATED
-        return saves.count - PUT_IN_PLACE_SAVES
+        return saves.count - INSTALL_SCRIPT_SAVES
 
     return run
 
@@ -118,5 +118,5 @@ def test_a_configuration_that_cannot_be_saved_goes_unnoticed(host, server):
     host.configure(**settings(server.url))
     assert host.update("0", "0", mounts=[namespace.bind_read_only(host.root / "config.xml")]) == OK
     assert host.log_texts() == UPDATED
-    # The old document is whole, and nothing lies beside it.
+    # The old document is intact, and no other file was left.
     assert host.changes() == ["-norvak.pid"]

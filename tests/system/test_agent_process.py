@@ -35,14 +35,14 @@ def test_the_agent_is_killed_by_the_number_in_its_pid_file(updatable):
     assert not updatable.exists("norvak.pid")
 
 
-def test_without_a_pid_file_the_update_goes_on(updatable):
+def test_without_a_pid_file_the_update_continues(updatable):
     updatable.remove("norvak.pid")
     assert updatable.update("0", "0") == OK
     assert_updated(updatable)
     assert updatable.agent.is_alive()
 
 
-def test_the_pid_file_of_a_process_that_is_gone_stays_and_the_update_goes_on(updatable):
+def test_the_pid_file_of_an_ended_process_is_kept_and_the_update_continues(updatable):
     gone = os.posix_spawn("/bin/true", ["true"], {})
     os.waitpid(gone, 0)
     updatable.write("norvak.pid", f"{gone}\n")
@@ -72,7 +72,7 @@ def test_a_pid_of_minus_one_kills_all_but_the_updater(updatable):
     assert bystander == "killed"
     assert_updated(updatable)
     assert not updatable.exists("norvak.pid")
-    assert updatable.agent.is_alive()  # outside the private process ids
+    assert updatable.agent.is_alive()  # outside the PID namespace
 
 
 # The startup script.
@@ -112,14 +112,14 @@ def test_a_missing_startup_script_does_not_matter(updatable):
     updatable.remove("startup.sh")
     run = updatable.update("0", "0")
     assert (run.status, run.stdout) == (0, b"")
-    assert b"/startup.sh: " in run.stderr  # the shell's complaint
+    assert b"/startup.sh: " in run.stderr  # the error message of the shell
     assert updatable.log_texts() == UPDATED
 
 
 # Cleaning up.
 
 
-def test_all_that_a_package_leaves_is_removed(updatable, server):
+def test_everything_that_a_package_leaves_is_removed(updatable, server):
     publish_update(server, files={"update": """#!/bin/sh
         mkdir -p deep/er/and/deeper .hidden
         echo x >deep/er/file; echo x >.hidden/.file; echo x >'a name with blanks'
@@ -138,7 +138,7 @@ def test_a_link_to_a_directory_is_removed_and_not_followed(updatable, server):
     assert updatable.read("kept/file") == b"kept\n"
 
 
-def test_a_work_directory_that_is_a_link_is_emptied_and_stays(updatable):
+def test_a_work_directory_that_is_a_link_is_emptied_but_not_removed(updatable):
     updatable.write("elsewhere/file", "")
     (updatable.root / WORK_DIR).symlink_to("elsewhere")
     assert updatable.update("0", "0") == OK
@@ -148,7 +148,7 @@ def test_a_work_directory_that_is_a_link_is_emptied_and_stays(updatable):
 
 
 def test_a_socket_stops_the_clean_up_but_not_the_run(updatable, server):
-    # The type of a socket has the bit that makes it pass for a directory.
+    # DT_SOCK contains the bit of DT_DIR, so the clean-up takes a socket for a directory.
     publish_update(server, files={"update": "#!/usr/bin/env python3\nimport socket\n"
                                   "socket.socket(socket.AF_UNIX).bind('socket')\n"})
     assert updatable.update("0", "0") == OK
@@ -156,7 +156,7 @@ def test_a_socket_stops_the_clean_up_but_not_the_run(updatable, server):
     assert updatable.exists(f"{DATA_DIR}/socket")
 
 
-def test_what_a_failed_run_left_does_not_trouble_the_next(updatable):
+def test_leftovers_of_a_failed_run_do_not_affect_the_next(updatable):
     updatable.write(f"{DATA_DIR}/deep/file", "")
     updatable.write(TAR, "")
     assert updatable.update("0", "0") == OK

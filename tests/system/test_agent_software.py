@@ -97,7 +97,7 @@ def test_tar_and_script_get_the_command_lines_that_packages_rely_on(host, offer)
         f"{host.path}/startup.sh \n")
 
 
-def test_what_the_scripts_say_on_standard_error_is_let_through(host, offer):
+def test_standard_error_of_the_scripts_is_passed_on(host, offer):
     host.write_script("startup.sh", "echo starting >&2")
     offer(update="#!/bin/sh\necho installing >&2\n")
     assert host.update("0", "0") == Run(0, b"", b"installing\nstarting\n")
@@ -110,7 +110,7 @@ def test_work_directories_and_script_get_their_modes(host, offer):
     assert host.read("modes") == b"644\n644\n544\n644\n"
 
 
-def test_a_directory_in_the_way_of_a_work_directory_keeps_its_mode(host, offer):
+def test_an_existing_work_directory_keeps_its_mode(host, offer):
     offer(update="#!/bin/sh\nstat -c %a .. . >../../modes\n")
     (host.root / DATA_DIR).mkdir(parents=True)
     (host.root / WORK_DIR).chmod(0o750)
@@ -129,7 +129,7 @@ def test_the_library_path_of_the_scripts_is_the_install_directory_alone(host, of
     assert host.read("seen").decode() == f"{host.path}\n" * 3
 
 
-def test_a_caller_that_ignores_the_end_of_its_children_does_not_matter(host, server, offer):
+def test_a_caller_may_ignore_sigchld(host, server, offer):
     offer(update=host.script("update"))
     assert host.update("0", "0", through=["env", "--ignore-signal=CHLD"]) == OK
     assert host.log_texts() == UPDATED
@@ -169,7 +169,7 @@ def test_the_machine_name_chooses_the_package(host, server, machine, path):
 # No package.
 
 
-def test_without_a_host_nothing_is_fetched_and_the_agent_goes_on(host):
+def test_without_a_host_nothing_is_fetched_and_the_agent_keeps_running(host):
     host.configure(update_host="", update_type="0")
     assert host.update("0", "1") == FAILED
     assert host.log_texts() == NO_PACKAGE
@@ -177,7 +177,7 @@ def test_without_a_host_nothing_is_fetched_and_the_agent_goes_on(host):
     host.assert_agent_undisturbed()
 
 
-def test_the_marker_stands_while_the_package_is_fetched_and_goes_when_that_fails(
+def test_the_marker_exists_during_the_download_and_is_removed_if_that_fails(
         host, scripted_server):
     scripted_server.reply(PACKAGE_PATH,
                           http_reply(length=1, pieces=[lambda: host.note("request")]))
@@ -282,7 +282,7 @@ def assert_script_failed(host, run, complaints=(b"",)):
     pytest.param("kill -INT $$", id="SIGINT"),
     pytest.param("kill -QUIT $$", id="SIGQUIT"),
     pytest.param('case $(cat "/proc/$PPID/comm") in\n'
-                 "  norvak*) kill -KILL $$ ;;\n"  # the shell has become the script
+                 "  norvak*) kill -KILL $$ ;;\n"  # the shell replaced itself with the script
                  "  *) kill -KILL $PPID ;;\n"
                  "esac", id="SIGKILL to the shell"),
 ])
@@ -331,10 +331,10 @@ def test_a_script_that_leaves_no_readable_configuration_fails_the_run(host, offe
     assert not host.exists(WORK_DIR)
 
 
-# Several at once.
+# Two runs at once.
 
 
-def test_an_update_does_not_hold_up_another_run(host, scripted_server):
+def test_an_update_does_not_block_another_run(host, scripted_server):
     scripted_server.reply(PACKAGE_PATH, http_reply(end="stall", length=1))
     host.configure(**settings(scripted_server.url))
     first = host.start("0", "1")

@@ -87,7 +87,7 @@ def test_a_version_without_a_whole_prefix_aborts_the_run(host, server, offer, ve
     offer(version_file, installed)
     run = host.update("0", "0")
     assert (run.status, run.stdout) == (ABORTED, b"")
-    # The message of the C++ runtime is the only thing that a run ever prints itself.
+    # The updater never prints anything else.
     assert b"basic_string::substr" in run.stderr
     assert host.log_texts() == []
     assert server.requests() == [GET_VERSION]

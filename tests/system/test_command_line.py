@@ -17,7 +17,7 @@ def automatic_run(host: AgentHost):
             "[SOFT] read config.xml fail", ""]
 
 
-# No config.xml, so no server to fetch from.
+# Without config.xml there is no server address.
 MANUAL_RUN = ["[SOFT] call run_update_norvak_agent->download_norvak_update_package failed",
               "[SOFT] update norvak agent failed", ""]
 
@@ -27,7 +27,7 @@ def assert_untouched(host):
     host.assert_agent_undisturbed()
 
 
-def test_without_arguments_the_run_fails_and_leaves_the_log_alone(host):
+def test_without_arguments_the_run_fails_and_does_not_log(host):
     assert host.update() == FAILED
     assert not host.exists("runlog/update.log")
     assert_untouched(host)
@@ -78,7 +78,7 @@ def test_any_other_run_mode_is_manual(host, mode):
 
 
 @pytest.mark.parametrize("update_type", ["1", " 1x"])
-def test_an_automatic_run_is_refused_where_the_configuration_says_manual(host, server, update_type):
+def test_an_automatic_run_is_refused_if_the_configuration_says_manual(host, server, update_type):
     publish_update(server)
     host.configure(**settings(server.url, update_type))
     assert host.update("0", "0") == FAILED
@@ -89,7 +89,7 @@ def test_an_automatic_run_is_refused_where_the_configuration_says_manual(host, s
 
 
 @pytest.mark.parametrize("update_type", ["2", "manual"])
-def test_any_other_update_type_lets_an_automatic_run_go_on(host, server, update_type):
+def test_any_other_update_type_allows_an_automatic_run(host, server, update_type):
     publish_update(server)
     host.configure(**settings(server.url, update_type))
     assert host.update("0", "0") == OK
@@ -97,14 +97,14 @@ def test_any_other_update_type_lets_an_automatic_run_go_on(host, server, update_
     assert server.requests() == [GET_VERSION, GET_PACKAGE]
 
 
-def test_a_configuration_without_update_type_lets_an_automatic_run_go_on(host, server):
+def test_a_configuration_without_update_type_allows_an_automatic_run(host, server):
     publish_update(server)
     host.configure(update_host=server.url, version="abcdef3.1.9")
     assert host.update("0", "0") == OK
     assert host.log_texts() == UPDATED
 
 
-def test_a_manual_run_does_not_look_at_the_update_type(host, server):
+def test_a_manual_run_ignores_the_update_type(host, server):
     publish_update(server)
     host.configure(**settings(server.url, update_type="1"))
     assert host.update("0", "1") == OK

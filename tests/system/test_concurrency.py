@@ -35,7 +35,7 @@ def publish_all(server):
 
 
 def prepare(host, server):
-    """Makes the host one on which everything is outdated."""
+    """Installs old versions of everything."""
     host.configure(**settings(server.url), kernel_update_host=server.url,
                    nginx_update_host=server.url)
     rules.install_rules(host)
@@ -44,7 +44,7 @@ def prepare(host, server):
 
 
 def start_all_at_once(host, server, replies):
-    """Starts all four updates; their first requests are answered when all four have come in."""
+    """Starts all four updates. Their first requests are answered when all four have arrived."""
     together = threading.Barrier(len(FIRST_PATHS))
     for path in FIRST_PATHS:
         server.reply(path, Reply([lambda: together.wait(10), *replies[path].steps]))
@@ -52,14 +52,14 @@ def start_all_at_once(host, server, replies):
 
 
 def only(expected, lines):
-    """Those of @a lines that occur in @a expected, in their order."""
+    """The @a lines that occur in @a expected, in their order."""
     return [line for line in lines if line in expected]
 
 
 # Different types.
 
 
-def test_updates_of_all_types_at_once_each_do_their_own(host, scripted_server):
+def test_updates_of_all_types_succeed_at_the_same_time(host, scripted_server):
     publish_all(scripted_server)
     prepare(host, scripted_server)
     started = start_all_at_once(host, scripted_server, {
@@ -73,7 +73,7 @@ def test_updates_of_all_types_at_once_each_do_their_own(host, scripted_server):
     logs = [["[SOFT] update norvak agent success"], kernel.were_updated(*kernel.MODULES),
             web_server.UPDATED[:-1], rules.UPDATED[:-1]]
     assert [only(log, texts) for log in logs] == logs
-    assert len(texts) == sum(map(len, logs)) + 4  # and a separator of each run
+    assert len(texts) == sum(map(len, logs)) + 4  # and one separator per run
     requests = scripted_server.requests()
     assert [only(expected, requests) for expected in REQUESTS] == REQUESTS
     assert len(requests) == sum(map(len, REQUESTS))
@@ -91,7 +91,7 @@ def test_updates_of_all_types_at_once_each_do_their_own(host, scripted_server):
     assert host.agent.was_killed()
 
 
-def test_updates_of_all_types_at_once_each_fail_on_their_own(host, scripted_server):
+def test_updates_of_all_types_fail_independently(host, scripted_server):
     publish_all(scripted_server)
     scripted_server.reply(PACKAGE_PATH, http_reply(package(), length=1 << 20))
     scripted_server.reply(kernel.module_path(TESSEL), http_reply(b"another build\n"))
@@ -116,7 +116,7 @@ def test_updates_of_all_types_at_once_each_fail_on_their_own(host, scripted_serv
 
 
 @pytest.mark.parametrize("stalled", ALL_ARGUMENTS, ids=["agent", "kernel", "web server", "rules"])
-def test_a_run_that_is_held_up_does_not_hold_up_other_types(host, scripted_server, stalled):
+def test_a_stalled_run_does_not_block_other_types(host, scripted_server, stalled):
     publish_all(scripted_server)
     prepare(host, scripted_server)
     path = FIRST_PATHS[ALL_ARGUMENTS.index(stalled)]
@@ -130,11 +130,11 @@ def test_a_run_that_is_held_up_does_not_hold_up_other_types(host, scripted_serve
     held_up.kill()
 
 
-# The same type. Runs of one type may spoil each other's work; docs/reliability.md tells how.
+# The same type. Such runs may damage each other's work: see docs/reliability.md.
 
 
 @pytest.mark.xfail(strict=True, reason="runs of one type share their work directory")
-def test_a_module_is_not_taken_for_another_that_a_second_run_fetches(host, scripted_server):
+def test_a_module_is_not_replaced_by_another_that_a_second_run_fetches(host, scripted_server):
     second_run_has_another = threading.Event()
     first_run_goes_on = threading.Event()
     first_run_has_ended = threading.Event()
@@ -157,7 +157,7 @@ def test_a_module_is_not_taken_for_another_that_a_second_run_fetches(host, scrip
             second_run_has_another.set()
             first_run_has_ended.wait(10)
 
-    # Without a length the body ends with the connection: it is on disk while the transfer lasts.
+    # Without a length the body ends with the connection, so it is on disk before the transfer ends.
     for name, hold_up in [(FIRST, hold_up_first_run), (TESSEL, hold_up_second_run)]:
         steps = iter([hold_up])
         scripted_server.reply(kernel.module_path(name), Reply(
@@ -176,13 +176,13 @@ def test_a_module_is_not_taken_for_another_that_a_second_run_fetches(host, scrip
             if content not in (OLD_MODULE, kernel.new(name))] == []
 
 
-# Two hundred runs of all types, each type forty times, the agent software automatic and by hand.
+# Two hundred runs: forty each of types 1 to 3, and of automatic and manual updates of the agent.
 
 BY_HAND = ["0", "1"]
 TWO_HUNDRED = 40 * [SOFT_ARGUMENTS, BY_HAND, ["1"], WEB_SERVER_ARGUMENTS, ["3"]]
 
-# How an automatic run ends that meets a version of fewer than six characters, such as the empty one
-# that a run by hand records, or that of a version file which another run has taken away.
+# The end of an automatic run that reads a version of fewer than six characters: the empty one that
+# a manual run records, or that of a version file which another run removed.
 TOO_SHORT = 128 + signal.SIGABRT
 
 VERSION_SETTING = re.compile(rb'(name="version" value=")(?:abcdef3\.1\.9|abcdef3\.1\.10|)"')
@@ -190,7 +190,7 @@ VERSION_SETTING = re.compile(rb'(name="version" value=")(?:abcdef3\.1\.9|abcdef3
 
 @pytest.fixture
 def crowded_host(host, server):
-    """A host with everything outdated and a long config.xml; its scripts do not write a trace."""
+    """A host with old versions of everything and a long config.xml. Its scripts write no trace."""
     publish_all(server)
     prepare(host, server)
     host.configure(*((f"setting {i}", "x" * 50) for i in range(300)), **settings(server.url),
@@ -203,7 +203,7 @@ def crowded_host(host, server):
 
 @contextlib.contextmanager
 def config_is_always_whole(host):
-    """Reads config.xml over and over during a block: always the same but for the version."""
+    """Keeps reading config.xml inside the with block: only the version may change."""
     def read():
         return VERSION_SETTING.sub(rb"\1", host.read("config.xml"))
 
@@ -230,7 +230,7 @@ def config_is_always_whole(host):
 
 
 def by_type(statuses):
-    """The statuses of the two hundred runs: automatic, by hand, kernel, web server, rules."""
+    """The statuses of the two hundred runs: automatic, manual, kernel, web server, rules."""
     return [collections.Counter(statuses[i::5]) for i in range(5)]
 
 
@@ -248,12 +248,12 @@ ALL_NEW = sorted([f"+{kernel.RECORD}", "-norvak.pid", "~config.xml", f"~{rules.R
                   *(f"~{kernel.installed(name)}" for name in kernel.MODULES)])
 
 
-def test_two_hundred_runs_under_a_lock_for_each_type_do_all_their_work(crowded_host):
-    """As the documents advise. Only the order of the runs is left to chance.
+def test_two_hundred_runs_with_a_lock_per_type_all_succeed(crowded_host):
+    """As recommended in the documentation. Only the order of the runs is random.
 
-    Everything installed is whole and verified at the end, config.xml is so at any time, and the log
-    has all lines of all runs. Two things depend on the order: an automatic run behind one by hand
-    meets an empty version, and a rule update that looks for a module while the kernel update
+    In the end everything is installed completely, and the log has all lines of all runs. config.xml
+    is complete at any time. Two results depend on the order: an automatic run after a manual one
+    reads an empty version, and a rule update that checks for a module while the kernel update
     replaces it has nothing to do.
     """
     host = crowded_host
@@ -275,20 +275,19 @@ def test_two_hundred_runs_under_a_lock_for_each_type_do_all_their_work(crowded_h
         expected.update({line: count for line in log if line})
     assert collections.Counter(host.log_texts()) == +expected
     assert_all_new(host)
-    # The work directory of an automatic run that ended at the version stays until the next run.
+    # An automatic run that was aborted by the version leaves its work directory to the next run.
     assert [change for change in host.changes() if "update_norvak_soft" not in change] == ALL_NEW
     assert host.agent.was_killed()
 
 
-def test_two_hundred_runs_without_a_lock_harm_nothing_that_the_next_run_does_not_heal(crowded_host):
-    """Runs of one type share a work directory, and most of them fail over it.
+def test_two_hundred_runs_without_a_lock_cause_no_lasting_damage(crowded_host):
+    """Runs of one type share a work directory, and most of them fail because of that.
 
-    Guaranteed all the same: no run crashes, no line of the log is torn, config.xml is whole at any
-    time, nothing changes but what these types install, and nothing outside the install directory.
-    Not guaranteed, because one run may replace the download of another between check and move:
-    that a module, rule file or program is there, or is what its name says, when the last run has
-    ended. One more run makes modules and rules right, and the web server too, once it cannot take
-    its identification for current.
+    Still guaranteed: no run crashes, no line of the log is split, config.xml is complete at any
+    time, and nothing changes except the files that these types install. Not guaranteed, because one
+    run may replace the download of another between check and move: that a module, rule file or
+    program exists in the end, or has the right contents. One more run repairs modules and rules.
+    For the web server it does so only if the installed identification is not the published one.
     """
     host = crowded_host
     surroundings = host.surroundings()

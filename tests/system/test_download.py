@@ -15,7 +15,7 @@ from harness.transfers import (COULD_NOT_CONNECT, COULD_NOT_RESOLVE, EMPTY_BODIE
 
 
 def version_download_failed(host, url, code):
-    """The log of an automatic run whose request of the version file fails with libcurl's @a code."""
+    """The log of an automatic run whose first download fails with libcurl's @a code."""
     return [transfer_failed(code),
             f"[SOFT] download file failed [url: {url}/norvak/norvak_agent_new_version.txt] "
             f"[file: {host.path}/update_norvak_soft/new_version]", *NO_VERSION]
@@ -34,7 +34,7 @@ def assert_installed(host):
 
 
 def assert_restarted_unchanged(host, run):
-    """The run fetched a package that is none: only tar may have complained."""
+    """The downloaded file is not a package: only tar may have printed a message."""
     assert (run.status, run.stdout) == (255, b"")
     assert re.match(rb"[^\n]*/?tar: ", run.stderr)
     assert host.log_texts() == NOT_UNPACKED
@@ -45,7 +45,7 @@ def assert_restarted_unchanged(host, run):
 
 @pytest.fixture
 def serve(host, scripted_server):
-    """Lets the scripted server offer an update; replies that are given replace the good ones."""
+    """Lets the scripted server offer an update, with the given replies instead of good ones."""
     def serve_update(version=None, package_reply=None):
         scripted_server.reply(VERSION_PATH, version or http_reply(VERSION_LINE))
         scripted_server.reply(PACKAGE_PATH, package_reply or http_reply(package()))
@@ -55,7 +55,7 @@ def serve(host, scripted_server):
     return serve_update
 
 
-# A server that behaves.
+# A well-behaved server.
 
 
 def test_version_and_package_are_fetched_from_nginx(host, server):
@@ -67,7 +67,7 @@ def test_version_and_package_are_fetched_from_nginx(host, server):
     assert_installed(host)
 
 
-def test_the_request_holds_nothing_that_was_not_asked_for(host, serve):
+def test_the_request_has_only_the_default_headers(host, serve):
     server = serve()
     assert host.update("0", "0") == OK
     assert server.request_heads() == [
@@ -89,7 +89,7 @@ def test_the_path_is_appended_to_the_host_as_it_is_stored(host, scripted_server,
                                           f"GET {prefix}{PACKAGE_PATH}"]
 
 
-def test_a_host_without_scheme_is_asked_over_http(host, server):
+def test_a_host_without_a_scheme_is_reached_over_http(host, server):
     publish_update(server)
     host.configure(**settings(f"127.0.0.1:{server.port}"))
     assert host.update("0", "0") == OK
@@ -121,14 +121,14 @@ def test_an_earlier_file_is_replaced_and_not_appended_to(host, server):
 
 
 @pytest.mark.parametrize("form", WHOLE_BODIES)
-def test_a_body_is_saved_whole_in_whatever_form_it_comes(host, serve, form):
+def test_a_complete_body_is_saved_whatever_its_form(host, serve, form):
     serve(form(VERSION_LINE), form(package()))
     assert host.update("0", "0") == OK
     assert host.log_texts() == UPDATED
     assert_installed(host)
 
 
-def test_a_large_package_is_saved_whole(host, server):
+def test_a_large_package_is_saved_completely(host, server):
     content = bytes(range(256)) * (4 << 12)  # 4 MiB
     publish_update(server, files={"update": "#!/bin/sh\ncp big ../../kept\n", "big": content})
     host.configure(**settings(server.url))
@@ -148,7 +148,7 @@ def test_a_good_body_counts_whatever_the_status(host, serve, status):
     assert_installed(host)
 
 
-def test_the_404_page_of_nginx_is_no_version(host, server):
+def test_the_404_page_of_nginx_is_not_a_version(host, server):
     host.configure(**settings(server.url))
     assert host.update("0", "0") == FAILED
     assert host.log_texts() == NO_VERSION
@@ -157,7 +157,7 @@ def test_the_404_page_of_nginx_is_no_version(host, server):
 
 
 @pytest.mark.parametrize("prefix", ["/broken", "/moved"])
-def test_the_error_pages_of_nginx_are_no_package(host, server, prefix):
+def test_the_error_pages_of_nginx_are_not_packages(host, server, prefix):
     publish_update(server)
     host.configure(**settings(f"{server.url}{prefix}"))
     assert_restarted_unchanged(host, host.update("0", "1"))
@@ -185,7 +185,7 @@ def test_a_redirect_with_a_good_body_is_not_followed_either(host, serve):
 
 
 @pytest.mark.parametrize("empty", EMPTY_BODIES)
-def test_an_empty_body_is_no_version(host, serve, empty):
+def test_an_empty_body_is_not_a_version(host, serve, empty):
     server = serve(empty)
     host.write(VERSION_FILE, VERSION_LINE)  # an earlier file is not taken instead
     assert host.update("0", "0") == FAILED
@@ -194,7 +194,7 @@ def test_an_empty_body_is_no_version(host, serve, empty):
     assert_untouched(host)
 
 
-def test_an_empty_body_is_no_package(host, serve):
+def test_an_empty_body_is_not_a_package(host, serve):
     serve(package_reply=http_reply(b""))
     host.write(TAR, package())
     assert_restarted_unchanged(host, host.update("0", "0"))
@@ -234,7 +234,7 @@ def test_no_server_at_all_gives_no_version(host):
     pytest.param("carrier-pigeon://127.0.0.1", 1, id="unknown scheme"),
     pytest.param("http://127.0.0.1:port", 3, id="malformed port"),
 ])
-def test_an_address_that_is_none_fails_without_a_request(host, url, code):
+def test_an_invalid_address_fails_without_a_request(host, url, code):
     host.configure(**settings(url))
     assert host.update("0", "0") == FAILED
     assert host.log_texts() == version_download_failed(host, url, code)
@@ -279,7 +279,7 @@ def test_a_full_disk_ends_the_transfer(host, serve):
     assert_untouched(host)
 
 
-def test_a_work_directory_that_cannot_be_made_ends_the_transfer(host, serve):
+def test_a_work_directory_that_cannot_be_created_ends_the_transfer(host, serve):
     server = serve()
     host.write(WORK_DIR, "a file in its place")
     assert host.update("0", "0") == FAILED
@@ -329,7 +329,7 @@ def test_a_stalled_package_blocks_the_run_before_the_agent_is_stopped(host, serv
     assert host.agent.is_alive()
 
 
-def test_the_agent_lives_until_the_package_is_whole(host, serve):
+def test_the_agent_runs_until_the_package_is_complete(host, serve):
     body = package()
     serve(package_reply=http_reply(length=len(body), pieces=[
         lambda: host.note("reply"), body[:-1], 0.1, lambda: host.note("last byte"), body[-1:]]))

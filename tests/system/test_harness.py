@@ -1,4 +1,4 @@
-"""The tests' own tools: a test that cannot fail proves nothing."""
+"""Tests of the harness itself."""
 
 import pathlib
 import signal
@@ -15,7 +15,7 @@ from harness import (KILLED, AgentHost, Run, ScriptedServer, Step, count_saves, 
 
 @pytest.fixture
 def make_host_with(updater, tmp_path):
-    """Makes a host whose updater is a shell script of the test."""
+    """Creates a host whose updater is a shell script."""
     hosts = []
 
     def make(body):
@@ -80,7 +80,7 @@ def test_a_run_sees_its_own_var_log_only(make_host_with):
     assert not pathlib.Path("/var/log/norvak-harness-test").exists()
 
 
-def test_a_killed_agent_is_told_from_a_live_one(make_host_with):
+def test_a_killed_agent_is_distinguished_from_a_live_one(make_host_with):
     host = make_host_with('read -r pid <"$(cat /var/log/version_control)/norvak.pid"\n'
                           'kill "$1" "$pid"')
     agent = host.agent
@@ -102,14 +102,14 @@ def test_an_agent_ended_by_another_signal_does_not_count_as_killed(make_host_wit
     assert not host.agent.was_killed()
 
 
-def test_private_process_ids_keep_kill_within_bounds(make_host_with):
+def test_a_private_pid_namespace_confines_kill(make_host_with):
     host = make_host_with('kill -KILL "$1"')
     assert host.update_with_private_pids("0") == (Run(KILLED), "alive")
     assert host.update_with_private_pids("-1")[1] == "killed"
     assert host.agent.is_alive()
 
 
-def test_changes_name_what_is_new_gone_and_different(make_host_with):
+def test_changes_list_new_removed_and_changed_files(make_host_with):
     host = make_host_with('cd "$(cat /var/log/version_control)" && rm norvak.pid && '
                           'mkdir -m 0644 new && echo x >new/file && echo x >startup.sh')
     assert host.update() == Run(0)
@@ -118,7 +118,7 @@ def test_changes_name_what_is_new_gone_and_different(make_host_with):
     assert host.read("new/file") == b"x\n"
 
 
-def test_the_trace_tells_what_a_script_saw(make_host_with):
+def test_the_trace_has_what_a_script_saw(make_host_with):
     host = make_host_with('cd "$(cat /var/log/version_control)" && touch update new && cd runlog &&'
                           " LD_LIBRARY_PATH=/elsewhere ../startup.sh")
     assert host.update() == Run(0)
@@ -131,7 +131,7 @@ def test_the_trace_tells_what_a_script_saw(make_host_with):
     pytest.param(b"[2024-01-02  3:04:05]\t\ttext\n", id="blank for a digit"),
     pytest.param(b"ext\n[2024-01-02 03:04:05]\t\ttext\n", id="rest of a line"),
 ])
-def test_a_torn_log_line_is_not_taken_for_a_whole_one(torn):
+def test_a_malformed_log_line_is_rejected(torn):
     with pytest.raises(AssertionError):
         log_lines(torn)
 
@@ -146,7 +146,7 @@ def test_saves_are_counted_whether_written_in_place_or_moved(tmp_path):
 
 
 def fetch(url):
-    """Status and body of what @a url answers."""
+    """Status and body of the reply for @a url."""
     try:
         with urllib.request.urlopen(url, timeout=10) as answer:
             return answer.status, answer.read()
@@ -154,7 +154,7 @@ def fetch(url):
         return error.code, error.read()
 
 
-def test_nginx_publishes_files_and_tells_its_requests_in_order(server):
+def test_nginx_publishes_files_and_lists_its_requests_in_order(server):
     server.publish({"norvak/version": b"abcdef1.0\n"})
     assert server.requests() == []
     assert fetch(f"{server.url}/norvak/version") == (200, b"abcdef1.0\n")

@@ -1,6 +1,6 @@
-"""A server that does its worst to every update.
+"""Malformed and hostile replies, for every update.
 
-Most of it is one run after the other on one host, because none of them may change anything.
+Most tests run many updates in turn on one host, because none of them may change anything.
 """
 
 import pytest
@@ -26,12 +26,12 @@ FREE_BYTES = 1 << 18
 
 @pytest.fixture
 def serve(host, scripted_server):
-    """Makes the host one on which everything of the update is outdated; offers the new."""
+    """Sets up a host with old versions of everything; the server offers the new ones."""
     def serve_update(request):
         update = request.update
         update.publish(scripted_server)
         if request is IDENTIFICATION:
-            # Any text passes for one. A program that is none keeps the run from installing it.
+            # Any text is accepted as one. A program without the ELF mark makes the run fail.
             web_server.publish_build(scripted_server, program=PAGE)
         host.configure(**{update.setting: scripted_server.url}, **update.settings)
         update.prepare(host)
@@ -41,7 +41,7 @@ def serve(host, scripted_server):
 
 
 def by_run(texts):
-    """The lines of the log as a list for each run."""
+    """The lines of the log, as one list per run."""
     runs = [[]]
     for text in texts:
         runs[-1].append(text)
@@ -52,7 +52,7 @@ def by_run(texts):
 
 
 def log_of(host, server, request, code):
-    """The log of a run in which libcurl's result at @a request is @a code."""
+    """The log of a run in which libcurl returns @a code for @a request."""
     return [transfer_failed(code) if line is None else line.format(url=server.url, root=host.path)
             for line in request.broken]
 
@@ -62,26 +62,26 @@ def page_log(request):
 
 
 def run_in_turn(host, server, request, replies):
-    """Runs the update once for each of @a replies, which are named; the logs by these names."""
+    """Runs the update once for each of the named @a replies; returns the logs by these names."""
     update, count = request.update, len(replies)
     server.reply_in_turn(request.path, replies.values())
     statuses, errors = host.update_in_turn(count, *update.arguments, uname=update.uname)
     logs = by_run(host.log_texts())
     assert statuses == count * [FAILED.status]
     assert len(logs) == count
-    assert errors == b"" or software.NOT_UNPACKED in logs  # tar's complaints
+    assert errors == b"" or software.NOT_UNPACKED in logs  # messages of tar
     return dict(zip(replies, logs))
 
 
 def assert_logged(found, possible):
-    """Each log in @a found is one of those in @a possible; both are by the names of the replies."""
+    """Each log in @a found is one of those in @a possible, by the name of the reply."""
     assert {name: log for name, log in found.items() if log not in possible[name]} == {}
 
 
 def assert_nothing_installed(host, server, request, logs):
-    """The runs with @a logs only sent their requests. Those that had a package restarted the agent.
+    """The runs with these @a logs changed nothing; those that got a package restarted the agent.
 
-    Any text can be an identification: then the run requests the program, too.
+    Any text is accepted as an identification, so the run then requests the program, too.
     """
     update = request.update
     assert server.requests() == sum((update.requests if log == web_server.REFUSED
@@ -101,9 +101,9 @@ def assert_next_run_succeeds(host, server, update):
 
 
 def assert_all_fail(host, server, request, replies, logs):
-    """A run with each of @a replies fails with one of its @a logs, and does no lasting harm.
+    """A run with each of @a replies fails with one of its @a logs; then a normal run succeeds.
 
-    Both are dictionaries by the names of the replies.
+    Both are dictionaries with the names of the replies as keys.
     """
     surroundings = host.surroundings()
     found = run_in_turn(host, server, request, replies)
@@ -114,7 +114,7 @@ def assert_all_fail(host, server, request, replies, logs):
 
 
 @pytest.mark.parametrize("request_", ALL_REQUESTS)
-def test_what_is_no_reply_ends_the_run(host, serve, request_):
+def test_a_malformed_reply_ends_the_run(host, serve, request_):
     server = serve(request_)
     cases = refused_replies(request_.body)
     assert_all_fail(host, server, request_, {name: reply for name, (reply, *_) in cases.items()},
@@ -123,7 +123,7 @@ def test_what_is_no_reply_ends_the_run(host, serve, request_):
 
 
 @pytest.mark.parametrize("request_", FIRST_REQUESTS)
-def test_a_reply_cut_at_any_offset_is_not_taken_for_whole(host, serve, request_):
+def test_a_reply_truncated_at_any_offset_is_rejected(host, serve, request_):
     server = serve(request_)
     cases = cut_replies()
     empty = web_server.REFUSED if request_ is IDENTIFICATION else request_.empty
@@ -133,9 +133,9 @@ def test_a_reply_cut_at_any_offset_is_not_taken_for_whole(host, serve, request_)
 
 
 def pages(server, good):
-    """Replies whose body is a page of several lines, by name; none is more than its body.
+    """Replies whose body is a page of several lines, by name. Nothing else of them may count.
 
-    @param good  path of a file that would do; the server has one under /good
+    @param good  path of a valid file, which the server also has as /good
     """
     address = f"127.0.0.1:{server.port}"
     redirects = [(302, target) for target in (
@@ -146,17 +146,18 @@ def pages(server, good):
         **{f"{status}": http_reply(PAGE, f"{status} Status") for status in STATUSES},
         **{f"{status} to {target}": http_reply(PAGE, f"{status} Moved", [f"Location: {target}"])
            for status, target in redirects},
-        "a page to be replaced": http_reply(PAGE, headers=[f"Refresh: 0; url=file://{good}"]),
+        "a page with a refresh header": http_reply(
+            PAGE, headers=[f"Refresh: 0; url=file://{good}"]),
         "a challenge": http_reply(
             PAGE, "401 Unauthorized", ["WWW-Authenticate: Basic realm=updates"]),
-        "an invitation to try again": http_reply(PAGE, "503 Busy", ["Retry-After: 0"]),
-        "another protocol from now on": Reply(
+        "a retry header": http_reply(PAGE, "503 Busy", ["Retry-After: 0"]),
+        "a protocol switch": Reply(
             [b"HTTP/1.1 101 Switching Protocols\r\n\r\n", *http_reply(PAGE).steps]),
     }
 
 
 @pytest.mark.parametrize("request_", FIRST_REQUESTS)
-def test_a_page_is_a_page_whatever_its_status_and_headers(host, serve, request_):
+def test_status_and_headers_of_a_page_are_ignored(host, serve, request_):
     server = serve(request_)
     good = host.start_dir / "good"
     good.write_bytes(request_.body)
@@ -166,14 +167,14 @@ def test_a_page_is_a_page_whatever_its_status_and_headers(host, serve, request_)
 
 
 @pytest.mark.parametrize("request_", ALL_REQUESTS)
-def test_an_endless_body_is_bounded_by_the_disk(host, serve, request_):
+def test_an_endless_body_is_limited_by_the_disk(host, serve, request_):
     server = serve(request_)
     server.reply_in_turn(request_.path, [
         endless(b"HTTP/1.1 200 OK\r\n\r\n", b"x" * 65536),
         endless(b"HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n",
                 b"10000\r\n%s\r\n" % (b"x" * 65536)),
         http_reply(b"x" * 65536, length=1 << 62)])
-    # A log that has begun has the rest of its page, whatever fills the disk.
+    # The rest of the page that this line begins is left for the log, even on a full disk.
     host.write("runlog/update.log", "\n")
     surroundings = host.surroundings()
     update = request_.update
@@ -186,7 +187,7 @@ def test_an_endless_body_is_bounded_by_the_disk(host, serve, request_):
     host.assert_agent_undisturbed()
 
 
-# A length that is too short cuts the body, and nobody can tell.
+# A length that is too short truncates the body without an error.
 
 
 @pytest.mark.parametrize("request_, log, requests", [
@@ -198,7 +199,7 @@ def test_an_endless_body_is_bounded_by_the_disk(host, serve, request_):
     pytest.param(RULE_LIST, rules.REFUSED, 2, id="MD5 of the rules"),
     pytest.param(RULE_FILE, rules.REFUSED, 2, id="rules"),
 ])
-def test_a_body_cut_by_its_length_is_refused(host, serve, request_, log, requests):
+def test_a_body_truncated_by_its_length_is_refused(host, serve, request_, log, requests):
     server = serve(request_)
     server.reply(request_.path, http_reply(request_.body, length=6))
     update = request_.update
@@ -213,7 +214,7 @@ def test_a_body_cut_by_its_length_is_refused(host, serve, request_, log, request
     pytest.param(IDENTIFICATION, web_server.IDENTIFICATION, id="identification"),
     pytest.param(PROGRAM, web_server.PROGRAM, id="program"),
 ])
-def test_a_web_server_cut_by_its_length_is_installed(host, serve, request_, file):
+def test_a_web_server_truncated_by_its_length_is_installed(host, serve, request_, file):
     server = serve(request_)
     web_server.publish_build(server)
     server.reply(request_.path, http_reply(request_.body, length=6))

@@ -1,4 +1,4 @@
-"""Where the updater looks for the agent: the first line of /var/log/version_control."""
+"""The install directory: the first line of /var/log/version_control."""
 
 import pytest
 
@@ -17,7 +17,7 @@ def log_texts_below(directory):
     pytest.param("", "{}\n/nonexistent\n", id="only the first line counts"),
     pytest.param(" ", "{} \n", id="blank at the end is kept"),
 ])
-def test_the_first_line_is_taken_as_it_stands(host, suffix, content):
+def test_the_first_line_is_used_unchanged(host, suffix, content):
     place = host.root / f"place{suffix}"
     (place / "runlog").mkdir(parents=True)
     host.set_install_path(content.format(host.root / "place"))
@@ -39,7 +39,7 @@ def test_without_the_file_the_agent_is_in_the_default_place(make_host, server):
 
 
 def test_an_empty_first_line_does_not_lead_to_the_default_place(make_host):
-    # The log would be /runlog/update.log; an unknown type touches nothing else.
+    # The log would be /runlog/update.log. A run of an unknown type uses no other file.
     host = make_host(in_default_place=True)
     host.set_install_path("\n/usr/local/norvak_agent\n")
     assert host.update("7") == FAILED

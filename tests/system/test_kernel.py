@@ -1,4 +1,4 @@
-"""Kernel modules (type 1): what is fetched, verified and installed, and what a failure leaves."""
+"""Kernel modules (type 1): check, download, installation, and the state after a failure."""
 
 import pytest
 
@@ -18,7 +18,7 @@ RECORDED = f"+{RECORD}"
 
 @pytest.fixture
 def serve(host, scripted_server):
-    """Lets the scripted server offer all modules; replies that are given replace the good ones."""
+    """Lets the scripted server offer all modules, with the given replies instead of good ones."""
     def serve_modules(replies=None):
         publish_modules(scripted_server)
         for path, reply in (replies or {}).items():
@@ -31,7 +31,7 @@ def serve(host, scripted_server):
 
 @pytest.fixture
 def configured(host, server):
-    """The host, with nginx for its server and an older build of every module installed."""
+    """A host with an older build of every module, and nginx as its server."""
     host.configure(kernel_update_host=server.url)
     install(host, *MODULES, content=OLD)
     return host
@@ -42,7 +42,7 @@ def update(host, **options):
 
 
 def modules(host):
-    """The installed modules with their contents."""
+    """The contents of the installed modules, by name."""
     return {name: host.read(installed(name)) for name in MODULES if host.exists(installed(name))}
 
 
@@ -112,7 +112,7 @@ def test_an_installed_module_has_the_permissions_of_a_new_file(configured, serve
     assert {configured.mode(installed(name)) for name in MODULES} == {0o666}
 
 
-def test_a_large_module_is_installed_whole(configured, server):
+def test_a_large_module_is_installed_completely(configured, server):
     large = bytes(range(256)) * (4 << 12)  # 4 MiB
     publish_modules(server, {TESSEL: large})
     assert update(configured) == OK
@@ -201,7 +201,8 @@ def test_an_address_lost_between_check_and_download_fails_the_download(host, ser
     def lose_address():
         host.write("config.xml", "<norvak/>")
 
-    server = serve({list_path(TESSEL): http_reply(length=33, pieces=[lose_address, b"0" * 32 + b"\n"])})
+    server = serve({list_path(TESSEL): http_reply(length=33, pieces=[
+        lose_address, b"0" * 32 + b"\n"])})
     install(host, FIRST, TESSEL)
     assert update(host) == FAILED
     assert host.log_texts() == [*are_current(FIRST),
@@ -275,7 +276,7 @@ def test_a_list_may_lack_the_line_feed(configured, server):
                                       *are_current(QUORIN), ""]
 
 
-def test_white_space_around_the_digest_makes_every_run_fetch_the_module(configured, server):
+def test_with_white_space_around_the_digest_every_run_fetches_the_module(configured, server):
     publish_modules(server, lists={name: f" {digest(new(name))}\r\n".encode()
                                    for name in MODULES})
     assert update(configured) == OK
@@ -371,7 +372,7 @@ def test_the_record_is_written_before_the_list_is_requested(host, serve):
     assert host.changes() == [RECORDED]
 
 
-def test_the_record_is_written_anew_for_every_module(host, serve):
+def test_the_record_is_rewritten_for_every_module(host, serve):
     def lose():
         host.remove(RECORD)
 
@@ -416,7 +417,7 @@ def test_without_runlog_nothing_is_written_and_the_modules_are_updated(configure
     configured.assert_agent_undisturbed()
 
 
-# A host or a server that is not known.
+# An unknown server or host.
 
 
 def test_without_a_server_there_is_nothing_to_do(host, server):
@@ -454,8 +455,8 @@ def test_the_first_of_two_settings_counts(host, server):
 
 
 # The address: which directory of the server belongs to the host. The unit tests have the tables;
-# here are a few rows, in whole runs. The server has no such directory, and its error page of several
-# lines ends the run at the first list.
+# here are a few rows, in whole runs. The server has no such directory, and its error page of
+# several lines ends the run at the first list.
 
 
 def assert_first_request(host, server, path, **uname):
@@ -471,7 +472,7 @@ def assert_first_request(host, server, path, **uname):
     ("suse", "x86_64", "3.0.13-0.27-default", "suse-default/x64/3.0.13-0.27"),
     ("ubuntu", "x86_64", "2.6.32-21-server", "ubuntu-server/x64/2.6.32-21"),
 ])
-def test_the_host_tells_the_directory(configured, server, marker, machine, release, directory):
+def test_the_host_determines_the_directory(configured, server, marker, machine, release, directory):
     if marker:
         configured.write(marker, "")
     assert_first_request(configured, server, f"/kernels/{directory}", machine=machine,
@@ -486,7 +487,7 @@ def test_the_address_starts_with_the_setting_as_it_is_stored(configured, server)
 # Obstacles in the install directory.
 
 
-def test_what_an_earlier_run_left_is_removed(configured, server):
+def test_leftovers_of_an_earlier_run_are_removed(configured, server):
     publish_modules(server)
     configured.write(LIST, "what an earlier run left\n" * 100)
     configured.write(DOWNLOAD, OLD * 100_000)
@@ -522,7 +523,8 @@ def test_a_work_directory_that_is_gone_at_the_end_is_no_failure(host, serve):
     host.assert_agent_undisturbed()
 
 
-def test_a_file_in_the_place_of_the_work_directory_fails_the_check_and_goes(configured, server):
+def test_a_file_with_the_name_of_the_work_directory_fails_the_check_and_is_removed(
+        configured, server):
     publish_modules(server)
     configured.write(WORK_DIR, "")
     assert update(configured) == FAILED
@@ -549,7 +551,7 @@ def test_a_full_disk_fails_the_download(configured, server):
     configured.assert_agent_undisturbed()
 
 
-def test_a_move_that_fails_is_not_noticed(configured, server):
+def test_a_failed_move_goes_unnoticed(configured, server):
     publish_modules(server)
     configured.remove(installed(TESSEL))
     configured.write(f"{installed(TESSEL)}/file", "")

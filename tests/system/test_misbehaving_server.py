@@ -1,4 +1,4 @@
-"""What each request of the kernel, rule and web server updates makes of a bad reply.
+"""Bad replies to each request of the kernel, rule and web server updates.
 
 The forms that replies can take are shown with the agent software update, in test_download.py; here
 one of each kind goes through every other request.

@@ -1,4 +1,4 @@
-"""Protection rules (type 3): when they are fetched and installed, and the agent killed."""
+"""Protection rules (type 3): check, download, installation, and the end of the agent."""
 
 import pytest
 
@@ -10,13 +10,13 @@ from harness.rules import (CURRENT, DOWNLOAD, GET_LIST, GET_RULES, LIST, LIST_PA
 from harness.transfers import COULD_NOT_CONNECT, URL_MALFORMED, WRITE_ERROR, transfer_failed
 
 VERIFIED = UPDATED[:1]
-# The pid file goes with the agent.
+# The pid file is removed together with the agent.
 INSTALLED = ["-norvak.pid", f"~{RULES}"]
 
 
 @pytest.fixture
 def serve(host, scripted_server):
-    """Lets the scripted server offer new rules; replies that are given replace the good ones."""
+    """Lets the scripted server offer new rules, with the given replies instead of good ones."""
     def serve_rules(replies=None):
         publish_rules(scripted_server)
         for path, reply in (replies or {}).items():
@@ -30,14 +30,14 @@ def serve(host, scripted_server):
 
 @pytest.fixture
 def configured(host, server):
-    """The host, with nginx for its server and older rules installed."""
+    """A host with older rules, and nginx as its server."""
     host.configure(kernel_update_host=server.url)
     install_rules(host)
     return host
 
 
 def assert_nothing_done(host, server, requests=(GET_LIST,)):
-    """The rules are taken for current."""
+    """A run considers the rules current."""
     assert host.update("3") == FAILED
     assert host.log_texts() == NOTHING_TO_DO
     assert server.requests() == list(requests)
@@ -46,7 +46,7 @@ def assert_nothing_done(host, server, requests=(GET_LIST,)):
 
 
 def assert_refused(host, server):
-    """The rules are fetched, but not installed."""
+    """A run fetches the rules, but does not install them."""
     assert host.update("3") == FAILED
     assert host.log_texts() == REFUSED
     assert server.requests() == [GET_LIST, GET_RULES]
@@ -65,10 +65,10 @@ def assert_installed(host, server):
 def assert_agent_was_stopped(host):
     assert host.agent.was_killed()
     assert not host.exists("norvak.pid")
-    assert host.trace() == []  # nobody started it again
+    assert host.trace() == []  # it was not started again
 
 
-# Runs with a server that behaves.
+# Runs with a well-behaved server.
 
 
 def test_new_rules_are_installed_and_the_agent_is_killed(configured, server):
@@ -105,7 +105,7 @@ def test_until_the_agent_records_the_new_rules_they_are_installed_again(configur
     configured.assert_agent_undisturbed()
 
 
-def test_the_agent_lives_until_the_rules_are_whole(host, serve):
+def test_the_agent_runs_until_the_rules_are_complete(host, serve):
     serve({RULES_PATH: http_reply(length=len(NEW_RULES), pieces=[
         lambda: host.note("reply"), NEW_RULES[:-1], 0.1,
         lambda: host.note("last byte"), NEW_RULES[-1:]])})
@@ -126,7 +126,7 @@ def test_the_installed_rules_have_the_permissions_of_a_new_file(configured, serv
     assert configured.mode(RULES) == 0o666
 
 
-def test_large_rules_are_installed_whole(configured, server):
+def test_large_rules_are_installed_completely(configured, server):
     large = bytes(range(256)) * (4 << 12)  # 4 MiB
     publish_rules(server, large)
     assert configured.update("3") == OK
@@ -173,7 +173,7 @@ def test_the_first_line_of_the_record_is_compared(configured, server):
     assert_nothing_done(configured, server)
 
 
-def test_a_record_with_other_white_space_has_the_rules_installed_on_every_run(configured, server):
+def test_with_other_white_space_in_the_record_every_run_installs_the_rules(configured, server):
     publish_rules(server)
     configured.write(CURRENT, f"{digest()}\r\n")
     for _ in range(2):
@@ -251,7 +251,7 @@ def test_the_digest_text_of_a_missing_file_verifies_missing_rules(configured, se
 # The server's address.
 
 
-def test_without_a_server_the_bare_path_is_no_address(host, server):
+def test_without_a_server_address_the_url_is_malformed(host, server):
     publish_rules(server)
     host.configure(update_host=server.url, nginx_update_host=server.url,
                    rule_update_host=server.url)
@@ -263,7 +263,7 @@ def test_without_a_server_the_bare_path_is_no_address(host, server):
     host.assert_agent_undisturbed()
 
 
-def test_without_a_configuration_the_bare_path_is_no_address(host):
+def test_without_a_configuration_the_url_is_malformed(host):
     install_rules(host)
     assert host.update("3") == FAILED
     assert host.log_texts() == [transfer_failed(URL_MALFORMED), *NOTHING_TO_DO]
@@ -271,7 +271,7 @@ def test_without_a_configuration_the_bare_path_is_no_address(host):
     host.assert_agent_undisturbed()
 
 
-def test_the_server_is_looked_up_again_for_the_rules(host, serve):
+def test_the_address_is_read_again_for_the_rules(host, serve):
     holder, address = unused_address()
 
     def move_away():
@@ -302,7 +302,7 @@ def test_an_agent_that_does_not_run_is_no_failure(configured, server, pid_file):
     configured.remember()
     assert configured.update("3") == OK
     assert configured.log_texts() == UPDATED
-    assert configured.changes() == [f"~{RULES}"]  # a pid file stays when nobody could be killed
+    assert configured.changes() == [f"~{RULES}"]  # without a process to kill, the pid file is kept
     assert configured.trace() == []
 
 
@@ -320,7 +320,7 @@ def test_an_empty_pid_file_kills_the_updater_after_the_installation(configured, 
 # Obstacles in the install directory.
 
 
-def test_rules_that_cannot_be_moved_into_place_stop_the_agent_all_the_same(configured, server):
+def test_rules_that_cannot_be_installed_still_stop_the_agent(configured, server):
     publish_rules(server)
     configured.remove("template")
     configured.remember()
@@ -331,7 +331,8 @@ def test_rules_that_cannot_be_moved_into_place_stop_the_agent_all_the_same(confi
     assert_agent_was_stopped(configured)
 
 
-def test_a_directory_in_the_place_of_the_rules_stays_and_the_agent_is_stopped(configured, server):
+def test_a_directory_with_the_name_of_the_rules_is_kept_and_the_agent_is_stopped(
+        configured, server):
     publish_rules(server)
     configured.remove(RULES)
     configured.write(f"{RULES}/file", "")
@@ -351,7 +352,7 @@ def test_without_runlog_nothing_is_logged_and_the_rules_are_updated(configured, 
     assert_agent_was_stopped(configured)
 
 
-def test_what_an_earlier_run_left_is_removed(configured, server):
+def test_leftovers_of_an_earlier_run_are_removed(configured, server):
     publish_rules(server)
     configured.write(LIST, "what an earlier run left\n" * 100)
     configured.write(DOWNLOAD, OLD_RULES * 100_000)
@@ -376,7 +377,8 @@ def test_a_work_directory_that_is_gone_at_the_end_is_no_failure(host, serve):
     assert_nothing_done(host, server)
 
 
-def test_a_file_in_the_place_of_the_work_directory_ends_the_check_and_goes(configured, server):
+def test_a_file_with_the_name_of_the_work_directory_ends_the_check_and_is_removed(
+        configured, server):
     publish_rules(server)
     configured.write(WORK_DIR, "")
     assert configured.update("3") == FAILED

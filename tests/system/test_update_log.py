@@ -1,4 +1,4 @@
-"""The update log, as whole runs write it."""
+"""The update log of whole runs."""
 
 import datetime
 
@@ -57,7 +57,7 @@ def test_a_message_is_truncated_to_2047_bytes(host):
     ]
 
 
-def test_text_from_the_configuration_is_not_taken_for_a_format(host):
+def test_text_from_the_configuration_is_not_used_as_a_format(host):
     holder, address = unused_address()
     with holder:
         host.configure(**settings(f"http://{address}/%s%n%d%%"))
@@ -87,13 +87,13 @@ def test_with_a_read_only_runlog_all_lines_are_lost_and_nothing_else_changes(hos
     assert host.changes() == ["-norvak.pid", "~config.xml"]
 
 
-def test_a_directory_in_the_place_of_the_log_changes_nothing_else(host):
+def test_a_directory_with_the_name_of_the_log_changes_nothing_else(host):
     (host.root / "runlog/update.log").mkdir()
     assert host.update("7") == FAILED
     assert list((host.root / "runlog/update.log").iterdir()) == []
 
 
-def test_a_log_that_is_a_link_is_written_to_where_it_points(host):
+def test_a_log_that_is_a_link_is_followed(host):
     host.write("elsewhere.log", "")
     (host.root / "runlog/update.log").symlink_to("../elsewhere.log")
     assert host.update("7") == FAILED

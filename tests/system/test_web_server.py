@@ -1,4 +1,4 @@
-"""The web server program (type 2): which build is fetched, identified and installed.
+"""The web server program (type 2): check, download and installation of a build.
 
 Replies that fail are in test_misbehaving_server.py.
 """
@@ -17,7 +17,7 @@ NOTHING_REQUESTED = ["[NGINX] download nginx failed", ""]
 
 @pytest.fixture
 def serve(host, scripted_server):
-    """Lets the scripted server offer a new build; replies that are given replace the good ones."""
+    """Lets the scripted server offer a new build, with the given replies instead of good ones."""
     def serve_build(replies=None):
         publish_build(scripted_server)
         for path, reply in (replies or {}).items():
@@ -31,7 +31,7 @@ def serve(host, scripted_server):
 
 @pytest.fixture
 def configured(host, server):
-    """The host, with nginx for its server and an older build installed."""
+    """A host with an older build, and nginx as its server."""
     host.configure(nginx_update_host=server.url)
     install_build(host)
     return host
@@ -54,7 +54,7 @@ def assert_installed(host, server, program=NEW_PROGRAM, line=NEW_LINE):
     host.assert_agent_undisturbed()
 
 
-# Runs with a server that behaves.
+# Runs with a well-behaved server.
 
 
 def test_a_new_build_replaces_program_and_identification(configured, server):
@@ -103,7 +103,7 @@ def test_installed_files_have_the_permissions_of_new_files(configured, server):
     assert (configured.mode(PROGRAM), configured.mode(IDENTIFICATION)) == (0o666, 0o666)
 
 
-def test_a_large_program_is_installed_whole(configured, server):
+def test_a_large_program_is_installed_completely(configured, server):
     large = b"\x7fELF" + bytes(range(256)) * (4 << 12)  # 4 MiB
     publish_build(server, program=large)
     assert_installed(configured, server, program=large)
@@ -141,7 +141,7 @@ def test_the_word_size_chooses_the_processor_directory(configured, server, word_
 def test_the_version_goes_into_the_address_unescaped(host, serve, version_dir, requested):
     server = serve()
     assert update(host, version_dir=version_dir) == FAILED
-    # An error page of one line passes for an identification, but not for a program.
+    # An error page of one line is accepted as an identification, but not as a program.
     assert host.log_texts() == REFUSED
     assert server.requests() == [f"GET /nginx_new/x64/{requested}",
                                  f"GET /nginx_new/x64/{requested[:-3]}nginx"]
@@ -225,7 +225,7 @@ def test_an_installed_identification_that_cannot_be_opened_counts_as_empty(confi
     assert_installed(configured, server)
 
 
-def test_identifications_of_which_none_can_be_opened_are_equal(configured, server):
+def test_two_identifications_that_cannot_be_opened_are_equal(configured, server):
     publish_build(server, line=b"")  # leaves no file
     configured.remove(IDENTIFICATION)
     configured.write_unopenable(IDENTIFICATION)
@@ -236,7 +236,7 @@ def test_identifications_of_which_none_can_be_opened_are_equal(configured, serve
     assert_untouched(configured)
 
 
-def test_a_build_without_an_identification_takes_the_installed_one_away(configured, server):
+def test_a_build_without_an_identification_removes_the_installed_one(configured, server):
     publish_build(server, line=b"")
     assert update(configured) == OK
     assert update(configured) == OK
@@ -245,7 +245,7 @@ def test_a_build_without_an_identification_takes_the_installed_one_away(configur
     assert configured.changes() == [f"-{IDENTIFICATION}", f"~{PROGRAM}"]
 
 
-# The program: any file whose second to fourth bytes are the mark.
+# The program: any file whose second to fourth bytes are the ELF mark.
 
 
 def test_a_file_with_the_mark_is_a_program(configured, server):
@@ -257,7 +257,7 @@ def test_a_file_with_the_mark_is_a_program(configured, server):
     pytest.param(b"ELFELF", id="no first byte"),
     pytest.param(b"", id="empty"),
 ])
-def test_a_file_without_the_mark_is_no_program(configured, server, program):
+def test_a_file_without_the_mark_is_not_a_program(configured, server, program):
     publish_build(server, program=program)
     assert update(configured) == FAILED
     assert configured.log_texts() == REFUSED
@@ -274,13 +274,13 @@ def test_without_the_directory_of_the_program_only_the_identification_is_install
     configured.remove("nginx/bin")
     configured.remember()
     assert update(configured) == OK
-    assert update(configured) == FAILED  # and now there seems to be nothing new
+    assert update(configured) == FAILED  # the identification says that nothing is new
     assert configured.log_texts() == UPDATED + NOT_NEW
     assert configured.changes() == [f"~{IDENTIFICATION}"]
     configured.assert_agent_undisturbed()
 
 
-def test_an_identification_that_cannot_be_moved_has_the_build_installed_again(configured, server):
+def test_if_the_identification_cannot_be_installed_every_run_installs_the_build(configured, server):
     publish_build(server)
     configured.remove(IDENTIFICATION)
     configured.write(f"{IDENTIFICATION}/file", "")
@@ -303,10 +303,10 @@ def test_without_the_directory_of_the_web_server_nothing_is_installed(configured
     assert_untouched(configured)
 
 
-# What stands in the way.
+# Obstacles in the install directory.
 
 
-def test_what_an_earlier_run_left_is_removed(configured, server):
+def test_leftovers_of_an_earlier_run_are_removed(configured, server):
     publish_build(server)
     configured.write(LIST, OLD_LINE * 100)
     configured.write(DOWNLOAD, OLD_PROGRAM * 100_000)
@@ -326,7 +326,7 @@ def test_a_work_directory_that_is_gone_at_the_end_is_no_failure(host, serve):
     def remove():
         host.remove(WORK_DIR)
 
-    # The body of no bytes needs no directory.
+    # An empty body is written nowhere, so it needs no directory.
     server = serve({PROGRAM_PATH: http_reply(pieces=[remove])})
     assert update(host) == FAILED
     assert host.log_texts() == REFUSED
@@ -334,13 +334,14 @@ def test_a_work_directory_that_is_gone_at_the_end_is_no_failure(host, serve):
     assert_untouched(host)
 
 
-def test_a_file_in_the_place_of_the_work_directory_fails_the_update_and_goes(configured, server):
+def test_a_file_with_the_name_of_the_work_directory_fails_the_update_and_is_removed(
+        configured, server):
     publish_build(server)
     configured.write(WORK_DIR, "")
     assert update(configured) == FAILED
     assert configured.log_texts() == [transfer_failed(WRITE_ERROR), *NOTHING_REQUESTED]
     assert server.requests() == [GET_LIST]
-    # The clean-up takes away whatever stands under that name.
+    # The clean-up removes whatever has that name.
     assert_untouched(configured)
 
 

@@ -1,19 +1,19 @@
-"""What the system tests share: an agent's host, update servers, and readers of what a run leaves.
+"""Shared by the system tests: an agent's host, update servers, and access to the results of a run.
 
-host.py       the install tree, the stand-in agent, the runs of the updater
-namespace.py  private mounts and processes, so that a run touches nothing of the machine
-trace.py      what the agent's scripts saw when they ran
+host.py       the install tree, the dummy agent, the runs of the updater
+namespace.py  private mounts and process ids that protect the machine from a run
+trace.py      events recorded by the agent's scripts
 log.py        reading the update log
 package.py    agent packages and config.xml
 nginx.py      a real nginx that publishes files
 publisher.py  norvak_publish, server trees and what is published in them
 scripted.py   a server that misbehaves on purpose
-transfers.py  tables of how a transfer can go
+transfers.py  tables of good and bad replies
 updates.py    each update and its requests
-saves.py      counts how often a file is replaced
-skips.py      tells ctest of a module of which nothing could run
+saves.py      counts how often a file is saved
+skips.py      reports a module whose tests were all skipped to ctest
 
-Names, set-ups and log lines of one update each: software.py, kernel.py, rules.py, web_server.py.
+Names, set-up and log lines of one update each: software.py, kernel.py, rules.py, web_server.py.
 """
 
 from .host import (ABORTED, DATA_DIR, FAILED, KILLED, OK, START, TAR, VERSION_FILE, WORK_DIR,

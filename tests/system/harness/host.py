@@ -23,21 +23,21 @@ from . import log, namespace, package, trace
 _PATH = "/usr/sbin:/usr/bin:/sbin:/bin"
 _RUN_SECONDS = 30
 _MANY_RUNS_SECONDS = 120
-_AGENT_SECONDS = 300  # a stand-in agent that a broken test forgets does not stay for ever
+_AGENT_SECONDS = 300  # limits the life of a dummy agent that a test leaves running
 
 WORK_DIR = "update_norvak_soft"
 DATA_DIR = WORK_DIR + "/data"
 TAR = WORK_DIR + "/norvak_update_package.tar"
 VERSION_FILE = WORK_DIR + "/new_version"
 
-# The working directory in a trace: where the updater was started.
+# How a trace shows the directory in which the updater was started.
 START = "start"
 
 _LOG = "runlog/update.log"
 _TYPE_NAMES = {"0": "soft", "1": "kernel", "2": "nginx", "3": "rules"}
 _PAGE_BYTES = 4096
 
-# A line per entry: the digest of a file, the type of anything else; two blanks; the path.
+# One line per entry: MD5 of a file or type of anything else, two blanks, path.
 _LIST_TREE = (r"find . -mindepth 1 ! -type f -printf '%y  %p\n' && "
               "find . -type f -exec md5sum {} +")
 _TYPES = {stat.S_IFDIR: "d", stat.S_IFLNK: "l", stat.S_IFSOCK: "s", stat.S_IFIFO: "p"}
@@ -59,7 +59,7 @@ KILLED = -signal.SIGKILL
 
 
 class RunningUpdater:
-    """An updater that was started. It has a session of its own."""
+    """A started updater, in its own session."""
 
     def __init__(self, command, environment, with_streams=True):
         self._output = tempfile.TemporaryFile()
@@ -67,19 +67,19 @@ class RunningUpdater:
         self._expired = False
         if not with_streams:
             command = ["sh", "-c", 'exec "$@" <&- >&- 2>&-', "sh", *command]
-        # A runner in the background may ignore these signals, and its children inherit that.
+        # A test runner in the background may ignore these signals, which children inherit.
         command = ["env", "--default-signal=INT,QUIT", *command]
-        # Files and not pipes: a child that outlives the run does not hold up the reading.
+        # Files, not pipes: reading does not wait for a child that outlives the run.
         self._process = subprocess.Popen(command, env=environment, stdin=subprocess.DEVNULL,
                                          stdout=self._output, stderr=self._errors,
                                          start_new_session=True)
-        self.pid = self._process.pid  # also of its process group
+        self.pid = self._process.pid  # and of the process group
 
     def is_running(self):
         return self._process.poll() is None
 
     def ends_within(self, seconds):
-        """Waits for @a seconds, or less if the run ends before."""
+        """Waits until the run ends, at most @a seconds; whether it ended."""
         try:
             self._process.wait(seconds)
         except subprocess.TimeoutExpired:
@@ -97,7 +97,7 @@ class RunningUpdater:
         return result
 
     def kill(self):
-        """Kills the run with everything it started; harmless when it has ended."""
+        """Kills the run and its process group, if it has not ended."""
         if self.is_running():
             os.killpg(self._process.pid, signal.SIGKILL)
         self._process.wait()
@@ -118,7 +118,7 @@ class RunningUpdater:
 
 
 class Agent:
-    """A live process that stands in for the agent."""
+    """A dummy agent: a process that does nothing."""
 
     def __init__(self, directory):
         self._process = subprocess.Popen(
@@ -127,7 +127,7 @@ class Agent:
         self.pid = self._process.pid
 
     def is_alive(self):
-        """Whether it lives and no SIGKILL is under way to it."""
+        """Whether it runs and has no pending SIGKILL."""
         try:
             text = pathlib.Path(f"/proc/{self.pid}/status").read_text()
         except FileNotFoundError:
@@ -137,7 +137,7 @@ class Agent:
                 not int(status["ShdPnd"], 16) & 1 << signal.SIGKILL - 1)
 
     def was_killed(self):
-        """Whether it was ended by SIGKILL, and by no other signal."""
+        """Whether SIGKILL ended it."""
         return not self.is_alive() and self._process.wait(10) == KILLED
 
     def close(self):
@@ -146,15 +146,15 @@ class Agent:
 
 
 class AgentHost:
-    """A fresh install tree with a live agent, in a directory of its own.
+    """A fresh install tree with a dummy agent, in its own directory.
 
     Each run sees its own /var/log with the file version_control. All paths of the methods are
     relative to the install directory.
 
     @param updater           absolute path of the executable
-    @param uname_answers     called for the path of the library that answers uname()
-    @param in_default_place  install under /usr/local, without a file version_control
-    @param norvak_host       path of the program that tells what became of the runs; may be None
+    @param uname_answers     returns the path of the library that overrides uname()
+    @param in_default_place  install under /usr/local, without the file version_control
+    @param norvak_host       path of the program that reports the outcome of runs; may be None
     """
 
     def __init__(self, updater, uname_answers, in_default_place=False, norvak_host=None):
@@ -176,7 +176,7 @@ class AgentHost:
         self._agents = []
         self.mounts = [namespace.bind(self.var_log, "/var/log")]
         if in_default_place:
-            # A private /usr/local is the only way to the directory that is built in.
+            # The default directory is built in, so the run gets a private /usr/local.
             self.root = self._usr_local / "norvak_agent"
             self.path = "/usr/local/norvak_agent"
             self.mounts.append(namespace.bind(self._usr_local, "/usr/local"))
@@ -186,7 +186,7 @@ class AgentHost:
             self.set_install_path(f"{self.path}\n")
         self._lay_out()
 
-    # What stands on the host before a run.
+    # Set-up before a run.
 
     def set_install_path(self, content):
         """Writes @a content (text, or bytes) to version_control; None removes the file."""
@@ -202,26 +202,26 @@ class AgentHost:
         self.remember()
 
     def write(self, name, content, mode=0o644):
-        """Writes a file, with its directories."""
+        """Writes a file, creating its directories."""
         file = self.root / name
         file.parent.mkdir(parents=True, exist_ok=True)
         file.write_bytes(content.encode() if isinstance(content, str) else content)
         file.chmod(mode)
 
     def write_unopenable(self, name):
-        """Makes a file that is there but that nobody can open, root neither: a socket."""
+        """Creates a socket: it exists, but not even root can open it."""
         os.mknod(self.root / name, stat.S_IFSOCK | 0o644)
 
     def write_script(self, name, body="", mode=0o755):
-        """Writes a shell script that first adds its name to the trace."""
+        """Writes a shell script that first adds @a name to the trace."""
         self.write(name, self.script(name, body), mode)
 
     def script(self, name, body=""):
-        """A shell script that adds itself to the trace as @a name, then does @a body."""
+        """A shell script that adds @a name to the trace, then runs @a body."""
         return f"#!/bin/sh\nsh {self._trace_script} {shlex.quote(name)}\n{body}\n"
 
     def remove(self, name):
-        """Removes a file of the install tree, or a directory with what it holds."""
+        """Removes a file or directory tree of the install tree."""
         target = self.root / name
         if target.is_dir():
             shutil.rmtree(target)
@@ -229,7 +229,7 @@ class AgentHost:
             target.unlink()
 
     def start_agent(self, directory=None):
-        """Starts a stand-in agent, by default in the install directory; its id goes into norvak.pid."""
+        """Starts a dummy agent, by default in the install directory; writes its id to norvak.pid."""
         agent = Agent(directory or self.root)
         self._agents.append(agent)
         self._agent_pid_file.write_text(f"{agent.pid}\n")
@@ -239,16 +239,16 @@ class AgentHost:
 
     @property
     def agent(self):
-        """The stand-in agent that was started last."""
+        """The dummy agent started last."""
         return self._agents[-1]
 
     def assert_agent_undisturbed(self):
-        """The agent lives, and none of its scripts ran."""
+        """The agent still runs, and none of its scripts ran."""
         assert self.agent.is_alive()
         assert self.trace() == []
 
     def remember(self):
-        """Takes the tree as it stands for the one before the run: see changes()."""
+        """Makes the current tree the baseline of changes()."""
         self._before = self._contents()
 
     # Runs.
@@ -263,11 +263,11 @@ class AgentHost:
     def start(self, *args, mounts=(), environment=None, uname=None, with_streams=True, through=()):
         """Starts the updater.
 
-        @param mounts       further commands of namespace.py
-        @param environment  variables beside the few that every run gets
-        @param uname        answers of uname(), by variable of uname_answers.cpp
-        @param with_streams False: with standard input, output and error closed
-        @param through      a command that runs the updater, such as a tracer
+        @param mounts       additional commands, made by namespace.py
+        @param environment  additional variables
+        @param uname        what uname() returns, as variables of uname_answers.cpp
+        @param with_streams False: standard input, output and error are closed
+        @param through      a command that executes the updater, such as a tracer
         """
         self._last_runs.pop(args[0] if args else None, None)
         return self._start(namespace.command_line(
@@ -276,12 +276,12 @@ class AgentHost:
             with_streams)
 
     def update_at_once(self, *commands, uname=None, locked=False):
-        """Runs an updater for each list of arguments, all at the same time.
+        """Runs an updater for each list of arguments, all of them at the same time.
 
         Returns their exit statuses (128 and the number of the signal that ended one), and what they
         printed to standard error.
 
-        @param locked  take a lock around each run, one for each update type
+        @param locked  hold a lock during each run, one lock for each update type
         """
         lock = f"flock --close {self._base}/lock.$1 " if locked else ""
         preload = ["env", f"LD_PRELOAD={self._uname_answers()}"] if uname else []
@@ -296,9 +296,9 @@ class AgentHost:
         return [int(status) for status in run.stdout.split()], run.stderr
 
     def update_in_turn(self, count, *args, uname=None, free_bytes=None):
-        """Runs @a count updates one after the other; their exit statuses, and what they printed.
+        """Runs @a count updates one after the other; returns their exit statuses and their stderr.
 
-        @param free_bytes  the install directory is a disk of its own, with so much free space
+        @param free_bytes  put the install directory on its own disk with this much free space
         """
         mounts, afterwards = [], ":"
         if free_bytes:
@@ -322,9 +322,9 @@ class AgentHost:
         return [int(status) for status in run.stdout.split()], run.stderr
 
     def update_with_private_pids(self, *args):
-        """Runs the updater where process ids 0 and -1 mean nobody else's processes.
+        """Runs the updater in its own PID namespace, so that kill(-1) cannot hit other processes.
 
-        Returns the run and what became of a process in another group: "killed" or "alive".
+        Returns the run, and whether a process in another group is then "killed" or "alive".
         """
         reason = namespace.private_pids_unavailable()
         if reason:
@@ -337,7 +337,7 @@ class AgentHost:
             run.status = 128 - run.status
         return run, outcome.read_text().strip()
 
-    # What norvak_host says.
+    # Reports of norvak_host.
 
     def inspect(self, *args, mounts=(), uname=None, environment=None, through=()):
         """Runs norvak_host, with the options of start()."""
@@ -349,7 +349,7 @@ class AgentHost:
             self._variables(uname, environment)).finish()
 
     def check_status(self):
-        """What always holds between the exit status of the last run of a type and its outcome."""
+        """The outcome that norvak_host reports for the last run of each type fits its exit status."""
         for argument, status in self._last_runs.items():
             name = _TYPE_NAMES.get(argument)
             if not name or not self._norvak_host or not self.root.exists():
@@ -361,10 +361,10 @@ class AgentHost:
             if status == 255:
                 assert outcome != "updated", f"{name}: the run failed, its outcome is {outcome}"
 
-    # What a run left.
+    # Results of a run.
 
     def log(self):
-        """The update log, byte for byte; empty when there is none."""
+        """The bytes of the update log; empty if there is none."""
         return self.read(_LOG) if self.exists(_LOG) else b""
 
     def log_texts(self):
@@ -380,24 +380,24 @@ class AgentHost:
 
     @contextlib.contextmanager
     def locked(self, name):
-        """Holds an exclusive lock on a file during a block."""
+        """Holds an exclusive lock on a file inside the with block."""
         with open(self.root / name, "rb") as file:
             fcntl.flock(file, fcntl.LOCK_EX)
             yield
 
     def trace(self):
-        """What the scripts saw, in the order in which they ran."""
+        """The events that the scripts recorded, in order."""
         text = self._trace_file.read_text() if self._trace_file.exists() else ""
         return trace.read(text, self.path, str(self.start_dir), set(self._before))
 
     def note(self, who):
-        """Adds the event @a who to the trace, with what can be seen from here."""
+        """Adds the event @a who to the trace, as seen from the test."""
         subprocess.run(namespace.as_owner(["sh", str(self._trace_script), who]),
                        cwd=self.start_dir, env={"PATH": _PATH, "LD_LIBRARY_PATH": self.path},
                        check=True, timeout=_RUN_SECONDS)
 
     def changes(self):
-        """What differs from the tree before the run, the log apart: "+new", "-gone", "~changed"."""
+        """Differences from the baseline, without the log: "+new", "-removed", "~changed"."""
         before, after = self._before, self._contents()
         return sorted([f"+{name}" for name in after.keys() - before.keys()] +
                       [f"-{name}" for name in before.keys() - after.keys()] +
@@ -405,12 +405,12 @@ class AgentHost:
                        if after[name] != before[name]])
 
     def surroundings(self):
-        """The files beside the install directory, and what they hold; directories hold None."""
+        """The files outside the install directory, with their contents (None for a directory)."""
         return {path: path.read_bytes() if path.is_file() else None
                 for path in sorted(self._base.rglob("*"))
                 if path != self._trace_file and self.root not in (path, *path.parents)}
 
-    # A directory of mode 0644 is closed to the ordinary user who owns it, but not to a run.
+    # An ordinary user cannot enter a directory of mode 0644, a run (root in its namespace) can.
 
     def exists(self, name):
         try:
@@ -434,12 +434,12 @@ class AgentHost:
             return int(self._as_owner("stat", "-c", "%a", name).stdout, 8)
 
     def used_bytes(self):
-        """How much the install tree takes as a tmpfs."""
+        """The size of the install tree on a tmpfs."""
         sizes = [file.stat().st_size for file in self.root.rglob("*") if file.is_file()]
         return sum(-(-size // _PAGE_BYTES) * _PAGE_BYTES for size in sizes)
 
     def config_values(self):
-        """The settings that config.xml holds now, as pairs."""
+        """The current settings in config.xml, as pairs."""
         return package.config_values(self.read("config.xml"))
 
     def close(self):
@@ -451,7 +451,7 @@ class AgentHost:
         shutil.rmtree(self._base)
 
     def _lay_out(self):
-        # An empty file for a host without an agent: the scripts then report "none".
+        # Empty until an agent starts: the scripts then report "none".
         self._agent_pid_file.touch()
         self.root.mkdir()
         (self.root / "runlog").mkdir()
@@ -471,7 +471,8 @@ class AgentHost:
     def _variables(self, uname, environment=None):
         variables = {**self._environment(), **(environment or {}), **(uname or {})}
         if uname:
-            # The sanitizers' library wants to be the first; this one replaces nothing of theirs.
+            # The sanitizer runtime insists on being loaded first. This library does not
+            # interfere with it.
             variables["ASAN_OPTIONS"] = ":".join(
                 filter(None, [variables.get("ASAN_OPTIONS"), "verify_asan_link_order=0"]))
         return variables
@@ -482,7 +483,7 @@ class AgentHost:
         return started
 
     def _contents(self):
-        """The log apart, each entry's path with the digest of a file, the type of anything else."""
+        """All entries except the log: path to MD5 of a file or type of anything else."""
         try:
             found = dict(self._entries(self.root))
         except PermissionError:

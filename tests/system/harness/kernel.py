@@ -1,4 +1,4 @@
-"""Names and set-ups that the tests of the kernel module update share."""
+"""Names and set-up shared by the tests of the kernel module update."""
 
 import hashlib
 
@@ -9,14 +9,14 @@ LIST = WORK_DIR + "/md5"
 DOWNLOAD = WORK_DIR + "/kernel"
 RECORD = "runlog/kernel_version"
 
-# Makes every run's host the one for which the modules are published, whatever runs the tests.
+# Makes every run see the host for which the modules are published.
 VERSION = "2.6.32-431"
 UNAME = {"NORVAK_TEST_MACHINE": "x86_64", "NORVAK_TEST_RELEASE": f"{VERSION}.el6.x86_64"}
 _DIRECTORY = f"/kernels/centos/x64/{VERSION}"
 
 
 def new(name):
-    """The module @a name as it is published by default: of several blocks, and not text."""
+    """The module @a name as published by default: binary, and larger than one read."""
     return name.encode() + bytes(range(256)) * 300
 
 
@@ -52,7 +52,7 @@ def digest(content):
 
 
 def publish_modules(server, modules=None, lists=None):
-    """Publishes the modules with lists that fit; what is given replaces that of a module."""
+    """Publishes all modules with matching lists, except where others are given."""
     for name in MODULES:
         content = (modules or {}).get(name, new(name))
         published = (lists or {}).get(name, f"{digest(content)}\n".encode())
@@ -60,13 +60,13 @@ def publish_modules(server, modules=None, lists=None):
 
 
 def install(host, *names, content=None):
-    """Installs the modules @a names: as they are published by default, or with @a content."""
+    """Installs the modules @a names, with @a content or as published by default."""
     for name in names:
         host.write(installed(name), content or new(name))
     host.remember()
 
 
-# What the log says.
+# Expected log lines.
 
 
 def are_current(*names):

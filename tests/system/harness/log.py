@@ -3,8 +3,7 @@
 import datetime
 import re
 
-# The zone every run gets: fixed, not UTC, and with odd minutes, so that neither UTC nor the
-# machine's own zone can pass for it.
+# The time zone of every run. The odd minutes tell it from UTC and from the machine's own zone.
 TZ = "NPT-05:45"
 TIME_ZONE = datetime.timezone(datetime.timedelta(hours=5, minutes=45))
 

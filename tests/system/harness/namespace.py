@@ -1,4 +1,4 @@
-"""Private mounts and processes for a run, so that nothing of the machine is touched."""
+"""Private mounts and process ids for a run, which protect the machine."""
 
 import functools
 import os
@@ -6,7 +6,7 @@ import shlex
 import subprocess
 import tempfile
 
-# Tried in this order: what root may do, then what an ordinary user may.
+# Tried in this order: for root, then for an ordinary user.
 _MOUNTS = (["unshare", "--mount"], ["unshare", "--user", "--map-root-user", "--mount"])
 
 # With their own /proc: LeakSanitizer looks for its process there.
@@ -16,7 +16,7 @@ _PIDS = ["--pid", "--fork", "--kill-child", "--mount-proc"]
 @functools.lru_cache(maxsize=None)
 def _mount_namespace():
     complaints = []
-    # A directory with mounts below it, as /tmp can be, may not be bound by an ordinary user.
+    # An ordinary user may not bind a directory with mounts below it, such as /tmp.
     with tempfile.TemporaryDirectory() as directory:
         for command in _MOUNTS:
             complaint = _complaint([*command, "mount", "--bind", directory, "/var/log"])
@@ -33,20 +33,20 @@ def _complaint(command):
 
 
 def unavailable():
-    """Why no private mount namespace can be had here; empty when it can."""
+    """Why private mount namespaces are not available; empty if they are."""
     command, complaints = _mount_namespace()
     return "" if command else f"private mount namespaces are not allowed here ({complaints})"
 
 
 @functools.lru_cache(maxsize=None)
 def private_pids_unavailable():
-    """Why no process-id space of its own can be had here; empty when it can."""
+    """Why private PID namespaces are not available; empty if they are."""
     complaint = _complaint([*_mount_namespace()[0], *_PIDS, "true"])
     return complaint and f"private process ids are not allowed here ({complaint})"
 
 
 def as_owner(command):
-    """@a command with the rights that a run has: only these reach into a directory of mode 0644.
+    """@a command with the rights of a run, which can enter a directory of mode 0644.
 
     Root has them anyway, an ordinary user has them inside a user namespace.
     """
@@ -56,12 +56,12 @@ def as_owner(command):
 
 
 def ending_with_us(command):
-    """@a command, ended by SIGTERM when the tests are killed before they can end it."""
+    """@a command, which gets SIGTERM when the test process dies."""
     return ["setpriv", "--pdeathsig", "TERM", "--", *command]
 
 
 def bind(source, target):
-    """Puts the file or directory @a source over @a target, which exists."""
+    """Mounts the file or directory @a source over @a target, which must exist."""
     return f"mount --bind {shlex.quote(str(source))} {shlex.quote(str(target))}"
 
 
@@ -72,12 +72,12 @@ def bind_read_only(target):
 
 
 def small_disk(target, size):
-    """Puts an empty file system of @a size bytes over the directory @a target."""
+    """Mounts an empty file system of @a size bytes over the directory @a target."""
     return f"mount -t tmpfs -o size={size},mode=0755 tmpfs {shlex.quote(str(target))}"
 
 
 def umask(mask):
-    """Gives the run a file mode mask other than the usual 022. Not a mount, but taken as one."""
+    """Sets the umask of the run, otherwise 022. Not a mount, but used like one."""
     return f"umask {mask:03o}"
 
 
@@ -92,15 +92,14 @@ def command_line(mounts, directory, command, preload=None):
 
 
 def command_line_with_private_pids(mounts, directory, command, bystander_outcome):
-    """Like command_line(), in a process-id space of its own that ends with @a command.
+    """Like command_line(), in a PID namespace that ends with @a command.
 
-    The command leads a session of its own. A bystander in another process group writes its fate
-    to the file @a bystander_outcome: "killed" or "alive". The shell's status is that of the
-    command, 128 and the signal's number when a signal ended it.
+    The command leads its own session. Whether a bystander in another process group is then
+    "killed" or "alive" is written to the file @a bystander_outcome. The exit status is that of the
+    command, or 128 plus the number of the signal that ended it.
     """
     namespace = [*_mount_namespace()[0], *_PIDS]
-    # A process of kill(-1) is never the caller and never the first of its process-id space: the
-    # shell survives to report.
+    # kill(-1) spares the caller and the first process of the PID namespace, so this shell survives.
     return _with_setup(namespace, mounts, directory, f"""
         setsid sleep 60 & bystander=$!
         setsid {shlex.join(command)} & wait $! 2>/dev/null

@@ -15,7 +15,7 @@ _SEARCH_PATH = os.pathsep.join([os.environ.get("PATH", os.defpath), "/usr/sbin",
 _START_SECONDS = 10
 
 _CONFIG = pathlib.Path(__file__).with_name("nginx.conf")
-# A host setting that ends in one of the prefixes /broken and /moved gets that prefix's behaviour.
+# For hosts whose server setting ends in /broken or /moved.
 _LOCATIONS = """\
 location /broken/ {{ return 500 "the server is broken\\n"; }}
 location ~ ^/moved(/.*)$ {{ return 302 {url}$1; }}
@@ -25,7 +25,7 @@ location /flush/ {{ return 204; }}
 
 
 class Nginx:
-    """A running nginx. Its requests are told in the order in which they were answered."""
+    """A running nginx, which logs its requests in the order of its answers."""
 
     def __init__(self, prefix):
         self._prefix = pathlib.Path(prefix)

@@ -5,7 +5,7 @@ import tarfile
 import xml.etree.ElementTree
 from xml.sax.saxutils import quoteattr
 
-# What most packages of the tests carry: an installation that does nothing and succeeds.
+# The script of most packages in the tests: does nothing and succeeds.
 DEFAULT_UPDATE_SCRIPT = "#!/bin/sh\nexit 0\n"
 
 _CONFIG = """\
@@ -22,7 +22,7 @@ _CONFIG = """\
 
 
 def config_xml(settings):
-    """A config.xml with @a settings: a dictionary, or pairs where a name occurs twice."""
+    """A config.xml with @a settings: a dictionary, or pairs if a name occurs twice."""
     pairs = settings.items() if isinstance(settings, dict) else settings
     lines = [f"      <var name={quoteattr(name)} value={quoteattr(value)} note=\"kept\"/>"
              for name, value in pairs]
@@ -30,7 +30,7 @@ def config_xml(settings):
 
 
 def config_values(document):
-    """The settings of the config.xml @a document as pairs, in its order."""
+    """The settings of the config.xml @a document as pairs, in document order."""
     root = xml.etree.ElementTree.fromstring(document)
     return [(var.get("name"), var.get("value")) for var in root.findall("./Process/Data/var")]
 
@@ -38,7 +38,7 @@ def config_values(document):
 def package(files=None):
     """A tar archive of @a files (name to text or bytes); by default a script that succeeds.
 
-    Nothing in it is executable: making the script so is the updater's business.
+    Nothing in it is executable: the updater sets the mode of the script.
     """
     archive = io.BytesIO()
     with tarfile.open(fileobj=archive, mode="w", format=tarfile.GNU_FORMAT) as tar:

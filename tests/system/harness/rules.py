@@ -1,4 +1,4 @@
-"""Names and set-ups that the tests of the rule update share."""
+"""Names and set-up shared by the tests of the rule update."""
 
 import hashlib
 
@@ -15,7 +15,7 @@ RULES_PATH = "/tarn_rule/norvak_default_rule.xml"
 GET_LIST = f"GET {LIST_PATH}"
 GET_RULES = f"GET {RULES_PATH}"
 
-# Of several blocks, so that it does not come in one piece.
+# Larger than one read, so that it arrives in several pieces.
 NEW_RULES = b"<rules>\n" + b"  <rule/>\r\n" * 5000 + b"</rules>\n"
 OLD_RULES = b"<rules/>\n"
 
@@ -31,7 +31,7 @@ def digest(content=NEW_RULES):
 
 
 def publish_rules(server, content=NEW_RULES, published=None):
-    """Publishes a rule file with the text that announces it, by default its digest."""
+    """Publishes a rule file and the text that announces it, by default its digest."""
     if published is None:
         published = f"{digest(content)}\n".encode()
     server.publish({LIST_PATH[1:]: published, RULES_PATH[1:]: content})

@@ -8,20 +8,20 @@ import struct
 _CLOSE_WRITE = 0x008
 _MOVED_TO = 0x080
 _NONBLOCK = os.O_NONBLOCK
-_EVENT = struct.Struct("iIII")  # watch, mask, cookie, length of the name that follows
+_EVENT = struct.Struct("iIII")  # watch, mask, cookie, length of the following name
 
 _libc = ctypes.CDLL(None, use_errno=True)
 
 
 class Saves:
-    """How often the file was saved; final when the block of count_saves() has been left."""
+    """How often the file was saved; set at the end of the count_saves() block."""
 
     count = 0
 
 
 @contextlib.contextmanager
 def count_saves(path):
-    """Counts the saves of the file @a path during a block: written in place, or moved there."""
+    """Counts how often the file @a path is written in place or replaced by a rename."""
     descriptor = _libc.inotify_init1(_NONBLOCK)
     assert descriptor >= 0, os.strerror(ctypes.get_errno())
     saves = Saves()

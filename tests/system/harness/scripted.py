@@ -1,4 +1,4 @@
-"""A server on loopback that does exactly what it is told, down to the bytes."""
+"""A server on loopback that sends scripted replies, byte for byte."""
 
 import dataclasses
 import socket
@@ -7,7 +7,7 @@ import threading
 import time
 import typing
 
-_CONNECTION_SECONDS = 20  # no connection lives longer, whatever its peer does
+_CONNECTION_SECONDS = 20  # the longest life of a connection
 _MAX_REQUEST_BYTES = 1 << 16
 
 _NO_LINGER = struct.pack("ii", 1, 0)  # closing with it sends a reset
@@ -15,11 +15,11 @@ _NO_LINGER = struct.pack("ii", 1, 0)  # closing with it sends a reset
 
 @dataclasses.dataclass
 class Reply:
-    """What happens after a request.
+    """The reaction to a request.
 
-    The steps are taken in turn: bytes are sent, a number is a pause in seconds, anything else is
-    called without arguments. The end is "close", "reset", or "stall": silence until the server is
-    closed.
+    The steps are executed in order: bytes are sent, a number is a pause in seconds, anything else
+    is called without arguments. The end is "close", "reset", or "stall": the connection stays open
+    until the server is closed.
     """
 
     steps: typing.Iterable[typing.Union[bytes, float, typing.Callable[[], None]]]
@@ -27,10 +27,10 @@ class Reply:
 
 
 def http_reply(body=b"", status="200 OK", headers=(), length=None, pieces=None, end="close"):
-    """A well-formed reply, unless told otherwise.
+    """A well-formed reply by default.
 
-    @a length is what the header promises, the body's own by default. @a pieces are steps that
-    replace the body, for bodies that come bit by bit.
+    @a length is the value of Content-Length, by default that of the body. @a pieces are steps that
+    replace the body.
     """
     promised = len(body) if length is None else length
     head = [f"HTTP/1.1 {status}", f"Content-Length: {promised}", *headers, "", ""]
@@ -38,14 +38,14 @@ def http_reply(body=b"", status="200 OK", headers=(), length=None, pieces=None, 
 
 
 def unused_address():
-    """An open socket and "127.0.0.1:port", where nobody listens for as long as it stays open."""
+    """A socket that reserves a port without listening, and its address "127.0.0.1:port"."""
     holder = socket.socket()
     holder.bind(("127.0.0.1", 0))
     return holder, f"127.0.0.1:{holder.getsockname()[1]}"
 
 
 class ScriptedServer:
-    """Answers each path with its reply, any other with 404; several connections at once."""
+    """Answers each path with its reply, any other with 404. Handles parallel connections."""
 
     def __init__(self):
         self._replies = {}
@@ -68,7 +68,7 @@ class ScriptedServer:
         self._replies[path] = iter(replies)
 
     def publish(self, files):
-        """Publishes @a files as the nginx does: path without its leading slash to content."""
+        """Publishes @a files like Nginx.publish(): path without its leading slash to content."""
         for path, content in files.items():
             self.reply(f"/{path}", http_reply(content))
 
@@ -77,7 +77,7 @@ class ScriptedServer:
         return [head.split(b" HTTP/")[0].decode() for head in self.request_heads()]
 
     def request_heads(self):
-        """The requests so far, byte for byte, up to and with the empty line."""
+        """The bytes of the requests so far, up to and including the empty line."""
         with self._changed:
             return list(self._heads)
 
@@ -87,7 +87,7 @@ class ScriptedServer:
             del self._heads[:count]
 
     def wait_for_requests(self, count):
-        """Waits until @a count requests have come in."""
+        """Waits for @a count requests."""
         with self._changed:
             arrived = self._changed.wait_for(lambda: len(self._heads) >= count, 10)
         assert arrived, f"{count} requests expected, seen: {self.requests()}"
@@ -115,12 +115,12 @@ class ScriptedServer:
     def _serve(self, connection):
         with connection:
             connection.settimeout(_CONNECTION_SECONDS)
-            # Without it small pieces would be gathered into one.
+            # Otherwise small pieces would be merged.
             connection.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
             try:
                 self._answer(connection, self._read_head(connection))
             except OSError:
-                pass  # the peer went away, or said nothing for too long
+                pass  # the peer closed the connection or timed out
 
     def _read_head(self, connection):
         head = b""

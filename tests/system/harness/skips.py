@@ -1,11 +1,11 @@
-"""The exit status of a module of which nothing could run."""
+"""The exit status of a module whose tests were all skipped."""
 
-# Told to ctest as "skipped": such a module has not passed.
+# ctest reports this status as "skipped", not as passed.
 _ALL_SKIPPED = 77
 
 
 def report_all_skipped(session, exitstatus):
-    """For pytest_sessionfinish(), as the last of its kind."""
+    """To be called by the last pytest_sessionfinish() hook."""
     reporter = session.config.pluginmanager.get_plugin("terminalreporter")
     stats = reporter.stats if reporter else {}
     ran = any(stats.get(outcome) for outcome in ("passed", "failed", "error"))

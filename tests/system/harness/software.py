@@ -1,4 +1,4 @@
-"""Names and set-ups that the tests of the agent software update share."""
+"""Names and set-up shared by the tests of the agent software update."""
 
 import os
 

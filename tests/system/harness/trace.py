@@ -1,14 +1,13 @@
-"""What the agent's scripts see when the updater runs them."""
+"""The events that the agent's scripts record when the updater runs them."""
 
 import dataclasses
 import typing
 
-# Told apart, or of no interest: the update marker, and the log that every run writes.
+# Not reported as changes: the marker, which has its own field, and the log.
 _NOT_A_CHANGE = {"update", "runlog/update.log"}
 
-# One line per event. SIGKILL marks a process before the kernel gets round to ending it, and a
-# stand-in agent that was killed stays a zombie until the test looks at it: both are "dead". What
-# find complains of are directories that another run removes in front of it.
+# One line per event. A process with a pending SIGKILL is "dead", and so is a zombie, which a killed
+# agent stays until the test waits for it. find may report directories that another run removes.
 _SCRIPT = """\
 root={install}
 agent=none
@@ -31,13 +30,13 @@ printf '%s\\t%s\\t%s\\t%s\\t%s\\n' "$1" "$(pwd -P)" "${{LD_LIBRARY_PATH-unset}}"
 
 @dataclasses.dataclass
 class Step:
-    """One event of a run, as it looked from inside."""
+    """One event of a run."""
 
     who: str
     cwd: str  # "." is the install directory, "start" the directory the updater was started in
     marker: bool  # whether the update marker existed
-    agent: str  # "alive", "dead", or "none" when there was none to begin with
-    changes: typing.List[str]  # "+path" and "-path" against the install tree before the run
+    agent: str  # "alive", "dead", or "none" if none was started
+    changes: typing.List[str]  # "+path" and "-path" relative to the baseline
     ld_library_path: str = "."
 
 
@@ -47,7 +46,7 @@ def script(install, agent_pid, trace):
 
 
 def read(text, install, start, names_before):
-    """The steps that the trace @a text holds."""
+    """The steps in the trace @a text."""
     return [_step(line, install, start, names_before) for line in text.splitlines()]
 
 

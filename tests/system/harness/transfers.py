@@ -1,4 +1,4 @@
-"""Replies that are unusual, empty or broken, and what libcurl makes of them.
+"""Unusual, empty and broken replies, and the results that libcurl reports for them.
 
 Tables of test parameters, for every request that an updater sends.
 """
@@ -17,23 +17,23 @@ COULD_NOT_CONNECT = 7
 WEIRD_REPLY = 8
 PARTIAL_FILE = 18
 WRITE_ERROR = 23
-LINE_TOO_LONG = 27  # "out of memory": more than libcurl is ready to take
+LINE_TOO_LONG = 27  # CURLE_OUT_OF_MEMORY: more than libcurl accepts
 GOT_NOTHING = 52
 RECEIVE_ERROR = 56
 BAD_ENCODING = 61
-TOO_LARGE = 100  # what newer releases say of a head that is too long
+TOO_LARGE = 100  # newer releases: the headers are too long
 
 _OK = b"HTTP/1.1 200 OK\r\n"
 _CHUNKED = b"HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n"
 
 
 def transfer_failed(code):
-    """The line of the download itself."""
+    """The log line of the download itself."""
     return f"CUrlOp::url_down_file: curl_easy_perform failed[{code}]"
 
 
 def chunked(body, size):
-    """The body in chunks of @a size bytes, each sent on its own."""
+    """The body in chunks of @a size bytes, each sent separately."""
     pieces = [body[i:i + size] for i in range(0, len(body), size)]
     return Reply([_CHUNKED, *(b"%x\r\n%s\r\n" % (len(piece), piece) for piece in pieces),
                   b"0\r\n\r\n"])
@@ -44,11 +44,11 @@ def byte_by_byte(data):
 
 
 def endless(start, piece):
-    """A reply that goes on until the peer has had enough."""
+    """A reply without an end, sent until the peer closes the connection."""
     return Reply(itertools.chain([start], itertools.repeat(piece)))
 
 
-# Functions from a body to a reply in which it arrives whole.
+# Functions that return a reply with the complete body.
 WHOLE_BODIES = [
     pytest.param(lambda body: http_reply(length=len(body), pieces=[
         body[i:i + 64] for i in range(0, len(body), 64)]), id="many tiny pieces"),
@@ -57,7 +57,7 @@ WHOLE_BODIES = [
     pytest.param(lambda body: chunked(body, 7), id="chunks"),
     pytest.param(lambda body: Reply([b"HTTP/1.0 200 OK\r\n\r\n", body]), id="no length"),
     pytest.param(lambda body: http_reply(body, headers=["Content-Type: text/html; charset=GBK"]),
-                 id="a type that does not fit"),
+                 id="another content type"),
     pytest.param(lambda body: Reply([b"HTTP/1.1 100 Continue\r\n\r\n", *http_reply(body).steps]),
                  id="interim reply first"),
     pytest.param(lambda body: Reply([
@@ -68,11 +68,11 @@ WHOLE_BODIES = [
         *byte_by_byte(http_reply().steps[0].replace(b": 0", b": %d" % len(body)) + body[:500]),
         body[500:]]), id="byte by byte"),
     pytest.param(lambda body: http_reply(body, headers=["Content-Encoding: gzip"]),
-                 id="a compression that nobody asked for"),
-    pytest.param(lambda body: http_reply(body, length=1 << 80), id="a length beyond any number"),
+                 id="an unrequested compression"),
+    pytest.param(lambda body: http_reply(body, length=1 << 80), id="a length above 64 bits"),
     pytest.param(lambda body: Reply([
         b"%sContent-Length: 5\r\nTransfer-Encoding: chunked\r\n\r\n%x\r\n%s\r\n0\r\n\r\n"
-        % (_OK, len(body), body)]), id="a length beside chunks"),
+        % (_OK, len(body), body)]), id="a length and chunks"),
     pytest.param(lambda body: http_reply(body, headers=[f"Content-Length: {len(body)}"], length=5),
                  id="two lengths, the last one right"),
 ]
@@ -80,7 +80,7 @@ WHOLE_BODIES = [
 # Statuses that the updater ignores.
 ERROR_STATUSES = ["404 Not Found", "302 Found"]
 
-# A success that leaves no file.
+# Successful downloads that leave no file.
 EMPTY_BODIES = [
     pytest.param(http_reply(b""), id="200"),
     pytest.param(http_reply(b"", "404 Not Found"), id="404"),
@@ -91,7 +91,7 @@ EMPTY_BODIES = [
     pytest.param(Reply([_CHUNKED, b"0\r\n\r\n"]), id="no chunk"),
 ]
 
-# Without an end: the run waits for as long as the server likes.
+# Without an end: the run waits as long as the connection is open.
 STALLED = [
     pytest.param(Reply([], "stall"), id="no reply"),
     pytest.param(http_reply(b"abc", length=100, end="stall"), id="within the body"),
@@ -99,7 +99,7 @@ STALLED = [
 
 
 def failing_transfers(body):
-    """Replies in which @a body does not arrive whole, with libcurl's result."""
+    """Replies with an incomplete @a body, with libcurl's result."""
     half = len(body) // 2
     return [
         pytest.param(http_reply(body, length=len(body) + 1), PARTIAL_FILE, id="one byte missing"),
@@ -115,9 +115,9 @@ def failing_transfers(body):
 
 
 def refused_replies(body):
-    """Replies that are not HTTP, or break its rules, by name, with libcurl's possible results.
+    """Replies that are not HTTP or violate it, by name, with libcurl's possible results.
 
-    Those without an end are as long as libcurl bears them.
+    The endless ones exceed the limits of libcurl.
     """
     chunk = b"%x\r\n%s\r\n" % (len(body), body)
     return {
@@ -152,19 +152,19 @@ def refused_replies(body):
             endless(_OK, b"Header: value\r\n" * 256), RECEIVE_ERROR, TOO_LARGE),
         "endless interim replies": (
             endless(b"", b"HTTP/1.1 100 Continue\r\n\r\n" * 256), RECEIVE_ERROR),
-        "an endless header behind the chunks": (
+        "an endless header after the chunks": (
             endless(_CHUNKED + b"0\r\nHeader: ", b"x" * 4096), RECEIVE_ERROR, TOO_LARGE),
     }
 
 
 def cut_replies():
-    """Small replies cut at every offset: their bytes to (Reply, result), None for an empty body.
+    """Small replies truncated at every offset: bytes to (Reply, result), None for an empty body.
 
     A head that ends before its length is taken for one without a length, and a body without one
     ends with the connection.
     """
     measured = _OK + b"Content-Length: 14\r\n\r\nbody of a file"
-    chunks = b"5\r\nsmall\r\n0\r\n"  # the empty line behind it is not missed
+    chunks = b"5\r\nsmall\r\n0\r\n"  # the final empty line is optional
     cuts = [measured[:size] for size in range(len(measured))]
     cuts += [_CHUNKED + chunks[:size] for size in range(len(chunks))]
 

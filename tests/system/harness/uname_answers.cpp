@@ -1,4 +1,4 @@
-// Preloaded into the updater, answers uname() from the environment: NORVAK_TEST_MACHINE and
+// Preloaded into the updater, overrides uname(): the variables NORVAK_TEST_MACHINE and
 // NORVAK_TEST_RELEASE replace these two fields, NORVAK_TEST_UNAME_FAILS makes the call fail.
 #include <sys/syscall.h>
 #include <sys/utsname.h>
@@ -10,7 +10,7 @@
 
 namespace {
 
-// Only the updater itself is to be answered so, not the programs that it starts.
+// For the updater only, not for the programs that it starts.
 __attribute__((constructor)) void keep_from_children() { (void)unsetenv("LD_PRELOAD"); }
 
 template <std::size_t size>

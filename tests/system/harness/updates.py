@@ -1,4 +1,4 @@
-"""The updates and each of their requests, with what the log says when one goes wrong."""
+"""The updates and each of their requests, with the log of a run in which one fails."""
 
 import dataclasses
 from typing import Callable, Dict, List, Optional
@@ -12,34 +12,34 @@ from .package import package
 
 @dataclasses.dataclass
 class Update:
-    """An update with everything new; the log and the changes are those of its success."""
+    """An update that installs everything, with the log and the changes of its success."""
 
     arguments: List[str]
-    setting: str  # names the server
-    prepare: Callable  # called with the host: installs what is outdated
+    setting: str  # with the address of the server
+    prepare: Callable  # called with the host: installs old versions
     publish: Callable  # called with the server
     requests: List[str]
     log: List[str]
     changes: List[str]
     kills_agent: bool = False
-    settings: Dict[str, str] = dataclasses.field(default_factory=dict)  # other ones that it needs
+    settings: Dict[str, str] = dataclasses.field(default_factory=dict)  # additional settings
     uname: Optional[Dict[str, str]] = None
 
 
 @dataclasses.dataclass
 class Request:
-    """One request of an update, and the log of a run in which it goes wrong.
+    """One request of an update, and the log of a run in which it fails.
 
-    In these logs None stands for the line of the download itself, {url} for the server's address
-    and {root} for the install directory.
+    Placeholders in these logs: None for the line of the download itself, {url} for the server's
+    address, {root} for the install directory.
     """
 
     update: Update
     index: int
     body: bytes
     broken: List[Optional[str]]  # for a transfer that fails
-    page: Optional[List[str]]  # for an error page of several lines; None where it passes
-    empty: Optional[List[str]]  # for an empty body; None where it passes
+    page: Optional[List[str]]  # for an error page of several lines; None if it is accepted
+    empty: Optional[List[str]]  # for an empty body; None if it is accepted
     first_lines: List[str] = dataclasses.field(default_factory=list)  # logged before the request
 
     @property
@@ -48,7 +48,7 @@ class Request:
 
     @property
     def requests(self):
-        """The requests of a run that ends with this one."""
+        """The requests of a run that ends after this one."""
         return self.update.requests[:self.index + 1]
 
 
@@ -129,7 +129,7 @@ UPDATES = [
     pytest.param(WEB_SERVER, id="web server"),
 ]
 
-# Of the agent software update; the others have tests of their own.
+# Of the agent software update; those of the other updates are below.
 AGENT_REQUESTS = [
     pytest.param(VERSION, id="version"),
     pytest.param(PACKAGE, id="package"),

@@ -1,4 +1,4 @@
-"""Names and set-ups that the tests of the web server update share."""
+"""Names and set-up shared by the tests of the web server update."""
 
 WORK_DIR = "update_norvak_nginx"
 LIST = WORK_DIR + "/md5"
@@ -12,7 +12,7 @@ PROGRAM_PATH = f"/nginx_new/x64/{VERSION_DIR}/nginx"
 GET_LIST = f"GET {LIST_PATH}"
 GET_PROGRAM = f"GET {PROGRAM_PATH}"
 
-# Of several blocks, so that it does not come in one piece.
+# Larger than one read, so that it arrives in several pieces.
 NEW_PROGRAM = b"\x7fELF" + bytes(range(256)) * 300
 NEW_LINE = b"the new build\n"
 OLD_PROGRAM = b"\x7fELF of the older build"

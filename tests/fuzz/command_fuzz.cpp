@@ -1,5 +1,5 @@
-// Running a command line, up to the program and the arguments that would be executed: nothing is.
-// Input: PATH, - when not set|command line
+// Running a command line, up to the program and the arguments: nothing is executed.
+// Input: PATH, or - for none|command line
 #include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -14,8 +14,8 @@
 
 namespace {
 
-/// What the child process was to execute, as texts that each end with a NUL: the program, then the
-/// arguments. Shared with the child.
+/// What the child process was to execute, in memory shared with it: the program and the arguments,
+/// each terminated by a NUL.
 struct Execution {
   std::size_t size;
   char texts[std::size_t{1} << 20];
@@ -39,8 +39,7 @@ string_list executed() {
 
 }  // namespace
 
-// Stands in front of the C library's function for everything that is linked into this program:
-// notes what it was asked for.
+// Replaces the C library's function in this program: records its arguments.
 // NOLINTNEXTLINE(readability-inconsistent-declaration-parameter-name): reserved names there
 extern "C" int execv(const char* program, char* const* arguments) noexcept {
   append(program);

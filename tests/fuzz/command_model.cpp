@@ -74,7 +74,7 @@ std::optional<std::string> program_path(const std::string& command,
 }
 
 void set_path(const std::optional<std::string>& path) {
-  static auto* const variable = new std::string;  // outlives all who may read the environment
+  static auto* const variable = new std::string;  // never destroyed: the environment refers to it
   (void)::unsetenv("PATH");
   if (!path) return;
   *variable = "PATH=" + *path;

@@ -1,4 +1,4 @@
-// String helpers, each against a model that does the same in another way.
+// String helpers, each compared with a different implementation.
 // Input: first argument|second argument|text
 #include <cinttypes>
 #include <cstdio>
@@ -20,7 +20,7 @@ std::string trimmed(std::string text, const std::string& removed, bool left, boo
   return text;
 }
 
-/// What @a operation, which changes a string in place, makes of @a text.
+/// The result of @a operation, which changes a string in place, for @a text.
 template <typename Operation>
 std::string result_of(Operation operation, std::string text) {
   operation(text);
@@ -56,7 +56,7 @@ void check_trimming(const std::string& text, const std::string& bytes) {
   check_trim_byte(text, c, false, true, CStr::right_trim_byte);
 }
 
-/// Whether @a part stands in @a text at @a position.
+/// Whether @a text has @a part at @a position.
 bool stands_at(const std::string& text, std::size_t position, const std::string& part) {
   return text.compare(position, part.size(), part) == 0;
 }
@@ -68,7 +68,7 @@ std::size_t first_place(const std::string& text, const std::string& part, std::s
   return std::string::npos;
 }
 
-/// @a text without its closed spans, each of which begins at the first @a open there is.
+/// @a text without its closed spans, each of which begins at the first @a open.
 std::string without_remarks(std::string text, const std::string& open, const std::string& close) {
   for (;;) {
     const std::size_t begin = first_place(text, open, 0);

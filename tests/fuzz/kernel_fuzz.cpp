@@ -1,5 +1,5 @@
 // From the host's kernel release and machine to the directory of the update server.
-// Input: distribution code, f: the host cannot be asked|flavour before|machine|release
+// Input: distribution code, or f if uname() fails|old flavour|machine|release
 #include <optional>
 
 #include "fake_uname.h"
@@ -11,7 +11,7 @@ namespace {
 
 using KernelInfo = CUpdateKernelImpl::KernelInfo;
 
-constexpr std::size_t kUnameBytes = 64;  // what a field of the uname record holds
+constexpr std::size_t kUnameBytes = 64;  // the capacity of a field of struct utsname
 
 CUpdateKernelImpl updater;
 
@@ -31,7 +31,7 @@ std::string flavour_of(const std::string& release, int os_code, const std::strin
   return has("SERVER") ? "server" : "generic";
 }
 
-/// How much of @a release stands in front of its fourth character that is no digit.
+/// The length of @a release before its fourth character that is not a digit.
 std::size_t digits_and_three_others(const std::string& release) {
   std::size_t length = 0;
   for (int others = 0; length < release.size(); ++length) {

@@ -1,4 +1,4 @@
-// The readers of text files, and the install path, which is the first line of one.
+// Reading lines of text files, and the install path.
 // Input: limit|bytes of the file
 #include <algorithm>
 #include <cstddef>
@@ -14,7 +14,7 @@ namespace {
 
 constexpr int kInstallPathLimit = 1023;
 
-/// A limit has room for at least one character and the terminating zero.
+/// A limit with room for at least one character and the terminating zero.
 int limit_from(const std::string& text) { return std::clamp(fuzz::leading_int(text), 2, 4096); }
 
 void check_first_line(const string_list& pieces, int limit) {

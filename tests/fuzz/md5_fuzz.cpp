@@ -1,6 +1,6 @@
-// MD5 digests of a message that comes in pieces, from a file and as a string, and the comparison of
-// a downloaded module with its published digest.
-// Input: sizes of the pieces, separated by blanks|published list, in which # is the digest|message
+// MD5 digests of a message in pieces, from a file and as a string, and the comparison of a
+// downloaded module with its published digest.
+// Input: sizes of the pieces, separated by blanks|published list, # is the digest|message
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
@@ -19,7 +19,7 @@ constexpr std::size_t kListLimit = 128;
 
 CUpdateKernelImpl updater;
 
-// ---- RFC 1321 as it reads, one bit string and one table of sines ----
+// ---- RFC 1321, implemented literally ----
 
 std::string padded(std::string message) {
   const std::uint64_t bits = std::uint64_t{message.size()} * 8;
@@ -99,7 +99,8 @@ std::string digest_in_pieces(const std::string& message, const std::string& size
   std::size_t done = 0;
   for (std::size_t size = 0; stream >> size; done += size) {
     size = std::min(size, message.size() - done);
-    const std::string piece = message.substr(done, size);  // alone, so that no read goes past it
+    const std::string piece =
+        message.substr(done, size);  // a copy, so that sanitizers see reads past its end
     md5.MD5Update(&context, reinterpret_cast<const unsigned char*>(piece.data()),
                   static_cast<unsigned int>(size));
   }
@@ -111,7 +112,7 @@ std::string digest_in_pieces(const std::string& message, const std::string& size
   return utility::md5wrapper().convToString(digest);
 }
 
-/// Whether the first line of @a list is @a digest, but for blanks around it.
+/// Whether the first line of @a list is @a digest, apart from blanks around it.
 bool names_digest(const std::string& list, const std::string& digest) {
   const string_list pieces = fuzz::line_pieces(list, kListLimit);
   std::string line = pieces.empty() ? "" : pieces.front();

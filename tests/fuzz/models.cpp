@@ -15,7 +15,7 @@ long leading_long(const std::string& text) {
   const bool negative = i < text.size() && text[i] == '-';
   if (i < text.size() && (text[i] == '-' || text[i] == '+')) ++i;
 
-  // Counted downwards, where there is room for one more.
+  // Negative numbers have a larger range.
   long value = 0;
   for (; i < text.size() && text[i] >= '0' && text[i] <= '9'; ++i) {
     const int digit = text[i] - '0';

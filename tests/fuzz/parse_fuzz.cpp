@@ -1,5 +1,5 @@
-// Splitting a command line in place, and looking for its program in the directories of PATH.
-// Input: delimiters|PATH, - when not set|text
+// Splitting a command line in place, and looking up its program on PATH.
+// Input: delimiters|PATH, or - for none|text
 #include <algorithm>
 #include <vector>
 
@@ -11,7 +11,7 @@ using utility::CUnixHelper;
 
 namespace {
 
-/// @a text with its terminating zero in exactly the memory it needs.
+/// A copy of @a text with its terminating zero, without spare bytes.
 std::vector<char> exact_copy(const std::string& text) {
   std::vector<char> copy(text.begin(), text.end());
   copy.push_back('\0');

@@ -1,4 +1,4 @@
-// The text of the agent's pid file, up to the signal that would be sent.
+// Stopping the agent by its pid file, without sending the signal.
 // Input: bytes of the file
 #include <signal.h>
 #include <unistd.h>
@@ -14,7 +14,7 @@ namespace {
 constexpr char kPidFile[] = "/var/log/agent/norvak.pid";
 constexpr std::size_t kPidLimit = 32;
 
-/// What kill() was asked for, and what it answers.
+/// The arguments of the last kill(), and its result.
 struct Kill {
   int answer;
   int calls;
@@ -35,8 +35,7 @@ void check_stop(int kill_answer, int pid) {
 
 }  // namespace
 
-// Stands in front of the C library's function for everything that is linked into this program: no
-// signal is ever sent.
+// Replaces the C library's function in this program: no signal is ever sent.
 // NOLINTNEXTLINE(readability-inconsistent-declaration-parameter-name): reserved names there
 extern "C" int kill(pid_t pid, int signal) noexcept {
   last_kill = {last_kill.answer, last_kill.calls + 1, pid, signal};

@@ -1,5 +1,5 @@
-// Runs a fuzz target on the inputs that it is given, as files or directories of files: where there
-// is no fuzzing engine, the corpus is an ordinary test.
+// Runs a fuzz target without libFuzzer on the given files and directories of files, so that the
+// corpus is an ordinary test.
 #include <algorithm>
 #include <cstdint>
 #include <cstdio>
@@ -14,7 +14,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-/// The files at and directly in @a path, in an order that does not depend on the file system.
+/// The file @a path, or the files directly in the directory @a path, sorted.
 std::vector<std::string> inputs_at(const char* path) {
   if (!fs::is_directory(path)) return {path};
   std::vector<std::string> inputs;
@@ -25,19 +25,19 @@ std::vector<std::string> inputs_at(const char* path) {
   return inputs;
 }
 
-/// Runs the target on one input, whose name is the last line of the output if that does not end.
+/// Runs the target on one input. Its name, printed first, identifies an input that crashes.
 void run(const std::string& path) {
   (void)std::puts(path.c_str());
   (void)std::fflush(stdout);
   const std::string bytes = fuzz::read_file(path);
-  // Copied to its exact size, so that the sanitizers see every read past its end.
+  // Copied to a buffer of its exact size, so that the sanitizers see every read past its end.
   const std::vector<std::uint8_t> input(bytes.begin(), bytes.end());
   (void)LLVMFuzzerTestOneInput(input.data(), input.size());
 }
 
 }  // namespace
 
-// Targets that need no preparation leave theirs out.
+// The default for targets without initialisation.
 extern "C" __attribute__((weak)) int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
   return 0;
 }

@@ -16,7 +16,7 @@ namespace fuzz {
 
 namespace {
 
-/// @a text with everything but plain ASCII as \xNN.
+/// @a text with all bytes except printable ASCII as \xNN.
 std::string printable(std::string_view text) {
   std::string result;
   for (const char c : text) {

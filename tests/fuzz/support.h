@@ -1,8 +1,7 @@
-// What the fuzz targets share: how a property is checked, how an input holds several fields, and
-// files that nobody else sees.
+// Shared by the fuzz targets: checks of properties, inputs with several fields, and private files.
 //
-// A target is a program around LLVMFuzzerTestOneInput. It is linked either with libFuzzer or with
-// replay.cpp, which runs the inputs of the corpus and nothing else.
+// A target defines LLVMFuzzerTestOneInput. It is linked either with libFuzzer or with replay.cpp,
+// which runs only the inputs of the corpus.
 #pragma once
 
 #include <cstddef>
@@ -20,39 +19,39 @@ namespace fuzz {
 /// Aborts with @a property unless it @a holds: libFuzzer then stores the input.
 void check(bool holds, const char* property);
 
-/// As check() for two values that have to be equal, which are shown when they are not.
+/// As check() for two values that must be equal. They are printed if they differ.
 void check_equal(std::string_view actual, std::string_view expected, const char* property);
 void check_equal(const string_list& actual, const string_list& expected, const char* property);
 void check_equal(long long actual, long long expected, const char* property);
 
-/// The fields of an input, which are separated by '|' and hold every other byte. That character
-/// means nothing to the code under test, and inputs stay readable.
+/// The fields of an input, separated by '|', which has no meaning for the code under test. They can
+/// have all other bytes.
 class Fields {
  public:
   Fields(const std::uint8_t* data, std::size_t size)
       : rest_(reinterpret_cast<const char*>(data), size) {}
 
-  /// Takes the next field; empty when there is none left.
+  /// Returns the next field; empty if there is none left.
   std::string next();
 
-  /// What was not taken yet, separators included.
+  /// The remaining fields, with their separators.
   [[nodiscard]] std::string rest() const { return std::string(rest_); }
 
  private:
   std::string_view rest_;
 };
 
-/// @a bytes up to the first NUL, as code sees them that is handed a zero-terminated string.
+/// @a bytes up to the first NUL.
 std::string before_nul(const std::string& bytes);
 
-/// A directory that this process alone sees: a file system in memory over /var/log.
+/// A directory that only this process sees: a file system in memory, mounted over /var/log.
 inline constexpr char kDirectory[] = "/var/log";
 
-/// The file in it that names the agent's install directory, and that directory.
+/// In it: the file that names the agent's install directory, and that directory.
 inline constexpr char kInstallPathFile[] = "/var/log/version_control";
 inline constexpr char kInstallPath[] = "/var/log/agent";
 
-/// Makes these. Ends the process with kCannotRun, which counts as skipped, where the host does not
+/// Creates these. Ends the process with kCannotRun, which counts as skipped, if the host does not
 /// allow private mount namespaces. To be called by LLVMFuzzerInitialize.
 void enter_private_directory();
 

@@ -1,5 +1,5 @@
-// The version check as a whole: a configuration with an installed version, a server (a directory,
-// over file://) with a version file.
+// The whole version check, with a configuration that has an installed version, and a server (a
+// directory, over file://) that has a version file.
 // Input: installed version|bytes of the server's version file
 #include <sys/stat.h>
 
@@ -19,7 +19,7 @@ constexpr std::size_t kVersionLimit = 64;
 constexpr std::size_t kCountLimit = 1024;
 constexpr std::size_t kPrefix = 6;
 
-/// The end of a check: the answer, or nothing when a version was too short.
+/// The result of a check; nothing if a version was too short.
 using Answer = std::optional<bool>;
 
 // ---- The model ----
@@ -35,7 +35,7 @@ string_list fields_of(const std::string& text, const char* separators) {
   return fields;
 }
 
-/// Whether the version file is accepted: exactly one line, or piece of a long line, has text.
+/// Whether the version file is accepted: exactly one line (or piece of a long line) has text.
 bool has_one_line(const std::string& file) {
   int count = 0;
   for (const std::string& piece : fuzz::line_pieces(file, kCountLimit)) {
@@ -64,7 +64,7 @@ Answer model(const std::string& installed, const std::string& file) {
 
 // ---- The check ----
 
-/// @a text as an attribute value: what has a meaning there as a character reference.
+/// @a text as an attribute value, with special characters as references.
 std::string escaped(const std::string& text) {
   std::string result;
   for (const char c : text) {
@@ -112,7 +112,7 @@ void check_parse_version(const std::string& version, const std::string& separato
   fuzz::check_equal(parts, expected, "parse_version appends the fields");
 }
 
-/// Whether @a text can stand both in the configuration and in the first line of a version file.
+/// Whether both an attribute value and the first line of a version file can be @a text.
 bool fits_both_places(const std::string& text) {
   return text.size() >= kPrefix && text.size() < kVersionLimit &&
          text.find('\n') == std::string::npos;

@@ -1,10 +1,10 @@
-// With NORVAK_COVERAGE: a process that ends by _exit() or becomes another program keeps its counts.
+// With NORVAK_COVERAGE: saves the counters of a process that calls _exit() or an exec function.
 #include <sys/resource.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
 extern "C" {
-#include <gcov.h>  // knows C only
+#include <gcov.h>  // lacks extern "C"
 }
 
 namespace {
@@ -13,13 +13,13 @@ void keep_counts() {
   rlimit file_size = {};
   const bool whole =
       ::getrlimit(RLIMIT_FSIZE, &file_size) == 0 && file_size.rlim_cur == RLIM_INFINITY;
-  if (whole) __gcov_dump();  // a part of a file of counts would spoil those of all later processes
+  if (whole) __gcov_dump();  // a truncated file would make all later processes fail to merge theirs
 }
 
 }  // namespace
 
-// These stand in front of the library's functions for everything in this program. Their parameters
-// cannot have the names of the headers, which are reserved.
+// These replace the library's functions in this program. Their parameters cannot have the names in
+// the headers, which are reserved.
 // NOLINTBEGIN(readability-inconsistent-declaration-parameter-name)
 
 extern "C" void _exit(int status) {
@@ -30,7 +30,7 @@ extern "C" void _exit(int status) {
 
 extern "C" int execv(const char* path, char* const* arguments) {
   keep_counts();
-  __gcov_reset();  // what is counted from here on comes on top, should there be no such program
+  __gcov_reset();  // if the call fails, the process continues and counts from zero
   return static_cast<int>(::syscall(SYS_execve, path, arguments, environ));
 }
 

@@ -43,7 +43,7 @@ bool FakeUname::current(std::optional<utsname>& host) {
 
 }  // namespace test_support
 
-// Takes the place of the C library's function in everything that is linked into this program.
+// Replaces the C library's function in this program.
 extern "C" int uname(utsname* name) noexcept {
   std::optional<utsname> host;
   if (!test_support::FakeUname::current(host)) {

@@ -1,4 +1,4 @@
-// The answers that uname() gives in the unit test program.
+// Control of uname() in the unit test program.
 #pragma once
 
 #include <sys/utsname.h>
@@ -8,21 +8,21 @@
 
 namespace test_support {
 
-/// While it lives, uname() describes another host than the real one. They may be nested.
+/// While an object exists, uname() describes another host. Objects may be nested.
 class FakeUname {
  public:
-  /// A host with this machine name and kernel release, cut to what fits, and nothing else.
+  /// A host with this machine name and kernel release, truncated to the size of the fields.
   FakeUname(const std::string& machine, const std::string& release);
 
-  /// A host that cannot be asked: uname() fails and leaves the record alone.
+  /// A host where uname() fails and does not write to its argument.
   static FakeUname failing() { return FakeUname(std::nullopt); }
 
   ~FakeUname();
   FakeUname(const FakeUname&) = delete;
   FakeUname& operator=(const FakeUname&) = delete;
 
-  /// The host of the innermost object; nothing when it cannot be asked.
-  /// @return false when there is no such object
+  /// The host of the innermost object; nothing if uname() is to fail.
+  /// @return false if there is no object
   [[nodiscard]] static bool current(std::optional<utsname>& host);
 
  private:

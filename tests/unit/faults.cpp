@@ -1,4 +1,4 @@
-#undef _FORTIFY_SOURCE  // its headers have definitions of read() already
+#undef _FORTIFY_SOURCE  // its headers define read()
 
 #include "faults.h"
 
@@ -32,8 +32,8 @@ bool is_written_file(int fd) {
 
 }  // namespace
 
-// These stand in front of the libraries' functions for everything in this program. Their parameters
-// cannot have the names of the headers, which are reserved.
+// These replace the libraries' functions in this program. Their parameters cannot have the names in
+// the headers, which are reserved.
 // NOLINTBEGIN(readability-inconsistent-declaration-parameter-name)
 
 extern "C" ssize_t read(int fd, void* block, std::size_t size) {
@@ -65,7 +65,7 @@ extern "C" int access(const char* path, int mode) {
 
 extern "C" dirent* readdir(DIR* dir) {
   using Readdir = dirent* (*)(DIR*);
-  // The name that the headers give to readdir() where file offsets have 64 bits.
+  // The headers redirect readdir() to this name if file offsets have 64 bits.
   static const auto real_readdir = reinterpret_cast<Readdir>(::dlsym(RTLD_NEXT, "readdir64"));
   dirent* const entry = real_readdir(dir);
   if (active_fault == Fault::kNoEntryTypes && entry != nullptr) entry->d_type = DT_UNKNOWN;

@@ -1,4 +1,4 @@
-// Faults of the host that no arrangement of files brings about, for the unit test program.
+// Fault injection for the unit test program: faults that no set-up of files can cause.
 #pragma once
 
 #include <cstddef>
@@ -14,10 +14,10 @@ enum class Fault {
   kNoMemory,      ///< new (std::nothrow) gives null, for arrays too
 };
 
-/// Brings a fault into this process while it lives. One at a time.
+/// Injects a fault into this process while the object exists. One at a time.
 class ScopedFault {
  public:
-  /// @param readable_bytes  of kReadFails: how many bytes can be read first, over all files
+  /// @param readable_bytes  for kReadFails: how many bytes can be read before, over all files
   explicit ScopedFault(Fault fault, std::size_t readable_bytes = 0);
   ~ScopedFault();
   ScopedFault(const ScopedFault&) = delete;

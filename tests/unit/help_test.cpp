@@ -54,19 +54,19 @@ constexpr char kNoNamespaces[] = "this host does not allow private namespaces";
 constexpr std::size_t kDiskBytes = 65536;
 constexpr std::size_t kManyEntriesBytes = std::size_t{16} * 1024 * 1024;
 
-/// Whether the process, which nobody has waited for, has not ended.
+/// Whether the process, which has not been waited for, still runs.
 bool lives(const IdleProcess& process) {
   siginfo_t end = {};
   const auto id = static_cast<id_t>(process.pid());
   return ::waitid(P_PID, id, &end, WEXITED | WNOHANG | WNOWAIT) == 0 && end.si_pid == 0;
 }
 
-// Stopping the agent. The signal goes to whatever the pid file says: all of this runs in PID
-// namespaces, which it cannot leave.
+// Stopping the agent. The signal goes to whatever the pid file names, so these tests run in PID
+// namespaces, which confine it.
 
 class StopAgent : public AgentTest {
  protected:
-  /// Runs @a body, with its expectations, in a PID namespace and a session of its own.
+  /// Runs @a body, with its expectations, in its own PID namespace and session.
   static void in_namespace(const std::function<void()>& body) {
     const std::optional<int> status = run_in_pid_namespace(body);
     if (!status) GTEST_SKIP() << kNoNamespaces;
@@ -76,7 +76,7 @@ class StopAgent : public AgentTest {
   void write_pid(const std::string& text) const { write_file(agent("norvak.pid"), text); }
   [[nodiscard]] bool has_pid_file() const { return exists(agent("norvak.pid")); }
 
-  /// Stopping the agent by a pid file with this text kills @a process and removes the file.
+  /// Expects that a pid file with this text makes the function kill @a process and remove the file.
   void expect_killed(const std::string& text, IdleProcess& process) const {
     write_pid(text);
     EXPECT_EQ(CHelper::stop_norvak_agent(), 0) << text;
@@ -84,7 +84,7 @@ class StopAgent : public AgentTest {
     EXPECT_FALSE(has_pid_file()) << text;
   }
 
-  /// Stopping the agent by a pid file with this text kills the process group of the caller.
+  /// Expects that a pid file with this text makes the function kill the caller's process group.
   void expect_group_killed(const std::string& text) const {
     in_namespace([&] {
       const IdleProcess bystander;
@@ -99,7 +99,7 @@ class StopAgent : public AgentTest {
       char byte = 0;
       EXPECT_EQ(::read(ends[0], &byte, 1), 0) << "the rest of the group has not ended";
       EXPECT_TRUE(lives(bystander));
-      EXPECT_TRUE(has_pid_file()) << "nobody was left to remove it";
+      EXPECT_TRUE(has_pid_file()) << "no process was left to remove it";
     });
   }
 
@@ -173,7 +173,7 @@ TEST_F(StopAgent, ANegativeNumberNamesAProcessGroup) {
   });
 }
 
-TEST_F(StopAgent, AProcessThatHasEndedFailsAndThePidFileStays) {
+TEST_F(StopAgent, FailsForAnEndedProcessAndKeepsThePidFile) {
   in_namespace([this] {
     const pid_t ended = ::fork();
     if (ended == 0) ::_exit(0);
@@ -190,7 +190,7 @@ TEST_F(StopAgent, DoesNotWaitForTheEndOfTheProcess) {
     IdleProcess process;
     write_pid(std::to_string(process.pid()));
     EXPECT_EQ(CHelper::stop_norvak_agent(), 0);
-    EXPECT_EQ(::kill(process.pid(), 0), 0) << "nobody has waited for it";
+    EXPECT_EQ(::kill(process.pid(), 0), 0) << "it has not been waited for";
     EXPECT_EQ(process.wait_for_signal(), SIGKILL);
   });
 }
@@ -203,8 +203,8 @@ TEST_F(StopAgent, WithoutAPidFileNothingIsSignalled) {
   });
 }
 
-TEST_F(StopAgent, APidFileThatCannotBeReadNamesNobody) {
-  ASSERT_EQ(::mkdir(agent("norvak.pid").c_str(), 0755), 0);  // opens, but cannot be read
+TEST_F(StopAgent, APidFileThatCannotBeReadNamesNoProcess) {
+  ASSERT_EQ(::mkdir(agent("norvak.pid").c_str(), 0755), 0);  // can be opened, but not read
   in_namespace([this] {
     const IdleProcess bystander(IdleProcess::Group::kOfTheCaller);
     EXPECT_EQ(CHelper::stop_norvak_agent(), -1);
@@ -340,7 +340,7 @@ TEST_F(RenameFile, CrossesFileSystems) {
   EXPECT_EQ(names_in(dir_.path()), (string_list{"disk"}));
 }
 
-TEST_F(RenameFile, WithoutASourceTheTargetIsGoneAllTheSame) {
+TEST_F(RenameFile, WithoutASourceTheTargetIsStillRemoved) {
   write_file(dir_ / "target", "old");
   EXPECT_EQ(rename("source", "target"), -1);
   EXPECT_EQ(names_in(dir_.path()), string_list());
@@ -358,7 +358,7 @@ TEST_F(RenameFile, WithoutTheTargetsDirectoryTheSourceStays) {
   EXPECT_EQ(names_in(dir_.path()), (string_list{"source"}));
 }
 
-TEST_F(RenameFile, ATargetThatCannotBeDeletedStaysAndSoDoesTheSource) {
+TEST_F(RenameFile, IfTheTargetCannotBeDeletedBothFilesStay) {
   write_file(dir_ / "source", "new");
   write_file(dir_ / "directory/file", "old");
   EXPECT_EQ(rename("source", "directory"), -1);
@@ -366,7 +366,7 @@ TEST_F(RenameFile, ATargetThatCannotBeDeletedStaysAndSoDoesTheSource) {
   EXPECT_EQ(read_file(dir_ / "directory/file"), "old");
 }
 
-TEST_F(RenameFile, ASourceThatCannotBeDeletedIsNoFailure) {
+TEST_F(RenameFile, SucceedsEvenIfTheSourceCannotBeDeleted) {
   write_file(dir_ / "source", "new");
   const FileMount mount(dir_ / "source", dir_ / "source");
   if (!mount.mounted()) GTEST_SKIP() << kNoNamespaces;
@@ -375,7 +375,7 @@ TEST_F(RenameFile, ASourceThatCannotBeDeletedIsNoFailure) {
   EXPECT_TRUE(exists(dir_ / "source"));
 }
 
-TEST_F(RenameFile, AFullDiskKeepsTheSourceAndLeavesNoHalfTarget) {
+TEST_F(RenameFile, AFullDiskKeepsTheSourceAndLeavesNoPartialTarget) {
   ASSERT_EQ(::mkdir((dir_ / "disk").c_str(), 0755), 0);
   const SmallDisk disk(dir_ / "disk", kDiskBytes);
   if (!disk.mounted()) GTEST_SKIP() << kNoNamespaces;
@@ -386,14 +386,14 @@ TEST_F(RenameFile, AFullDiskKeepsTheSourceAndLeavesNoHalfTarget) {
   EXPECT_EQ(names_in(dir_ / "disk"), string_list());
 }
 
-TEST_F(RenameFile, AnErrorThatOnlyTheCloseShowsKeepsTheSource) {
+TEST_F(RenameFile, AnErrorReportedByCloseKeepsTheSource) {
   write_file(dir_ / "source", "new");
   const ScopedFault fault(Fault::kCloseFails);
   EXPECT_EQ(rename("source", "target"), -1);
   EXPECT_EQ(names_in(dir_.path()), (string_list{"source"}));
 }
 
-TEST_F(RenameFile, AReadErrorKeepsTheSourceAndLeavesNoHalfTarget) {
+TEST_F(RenameFile, AReadErrorKeepsTheSourceAndLeavesNoPartialTarget) {
   write_file(dir_ / "source", std::string(200000, 'a'));
   {
     const ScopedFault fault(Fault::kReadFails, 150000);
@@ -411,8 +411,8 @@ TEST_F(RenameFile, ADirectoryIsNotMoved) {
 
 // Removing files and trees.
 
-/// One file system mounted over another, so that both are seen as one. The numbers of the lower
-/// one's files get their highest bit set, where the host can do that.
+/// An overlay file system. Where the host supports it, the inode numbers of the lower file system's
+/// files have the highest bit set.
 class Overlay {
  public:
   Overlay(const std::string& lower, const std::string& upper, std::string mount_point)
@@ -482,7 +482,7 @@ TEST_F(RemoveFile, AFileIsDeleted) {
   EXPECT_EQ(names_in(dir_.path()), string_list());
 }
 
-TEST_F(RemoveFile, ATreeIsDeletedWhole) {
+TEST_F(RemoveFile, ATreeIsDeletedCompletely) {
   for (const char* const name : {"tree/a/b/c/file", "tree/a/file", "tree/d/.hidden", "tree/...",
                                  "tree/.d/..e/file", "tree/a b\n\"c'"})
     write_file(dir_ / name, "contents");
@@ -505,7 +505,7 @@ TEST_F(RemoveFile, AMissingPathFails) {
   EXPECT_EQ(remove("missing"), -1);
   EXPECT_EQ(remove("missing/file"), -1);
   make_link("missing", "dangling");
-  EXPECT_EQ(remove("dangling"), -1) << "what it leads to is missing";
+  EXPECT_EQ(remove("dangling"), -1) << "its target is missing";
   EXPECT_EQ(names_in(dir_.path()), (string_list{"dangling"}));
 }
 
@@ -558,7 +558,7 @@ TEST_F(RemoveFile, ABlockDeviceInATreeEndsTheRemoval) {
   EXPECT_EQ(names_in(dir_ / "tree"), (string_list{"device"}));
 }
 
-TEST_F(RemoveFile, EntriesWithoutATypeAreTakenForFiles) {
+TEST_F(RemoveFile, EntriesWithoutATypeAreTreatedAsFiles) {
   write_file(dir_ / "tree/sub/file", "");
   write_file(dir_ / "flat/file", "");
   {
@@ -603,7 +603,7 @@ TEST_F(RemoveFile, EntriesWithInodeNumbersOf64BitsAreDeleted) {
   EXPECT_EQ(names_in(dir_ / "merged"), string_list());
 }
 
-TEST_F(RemoveFile, AFailureEndsTheRemovalAndIsTold) {
+TEST_F(RemoveFile, AFailureEndsTheRemovalAndIsReported) {
   write_file(dir_ / "tree/sub/busy", "kept");
   const FileMount mount(dir_ / "tree/sub/busy", dir_ / "tree/sub/busy");
   if (!mount.mounted()) GTEST_SKIP() << kNoNamespaces;
@@ -612,7 +612,7 @@ TEST_F(RemoveFile, AFailureEndsTheRemovalAndIsTold) {
   EXPECT_EQ(read_file(dir_ / "tree/sub/busy"), "kept");
 }
 
-TEST_F(RemoveFile, WhatComesBehindAFailureIsLeftAlone) {
+TEST_F(RemoveFile, EntriesAfterAFailureAreLeftAlone) {
   for (int i = 0; i < 20; ++i) write_file(dir_ / ("tree/" + std::to_string(i)), "");
   string_list in_order;
   for (const auto& entry : std::filesystem::directory_iterator(dir_ / "tree"))
@@ -635,7 +635,7 @@ TEST_F(RemoveFile, ADirectoryThatCannotBeRemovedItselfIsEmptied) {
   EXPECT_EQ(names_in(dir_ / "disk"), string_list());
 }
 
-TEST_F(RemoveFile, AsDeepATreeAsAPathCanNameNeedsFewDescriptors) {
+TEST_F(RemoveFile, TheDeepestTreeThatAPathCanNameNeedsFewDescriptors) {
   constexpr std::size_t kLevels = 2000;
   const SmallDisk in_memory(dir_.path(), kManyEntriesBytes);  // for speed
   std::string path = dir_ / "tree";
@@ -654,7 +654,7 @@ TEST_F(RemoveFile, AsDeepATreeAsAPathCanNameNeedsFewDescriptors) {
   EXPECT_EQ(names_in(dir_.path()), string_list());
 }
 
-TEST_F(RemoveFile, ALargeDirectoryIsDeletedWhole) {
+TEST_F(RemoveFile, ALargeDirectoryIsDeletedCompletely) {
   const SmallDisk in_memory(dir_.path(), kManyEntriesBytes);  // for speed
   for (int i = 0; i < 2000; ++i) write_file(dir_ / ("tree/" + std::to_string(i)), "");
   EXPECT_EQ(remove("tree"), 0);

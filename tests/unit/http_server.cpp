@@ -48,7 +48,7 @@ std::uint16_t port_of(int listener) {
   return ntohs(address.sin_port);
 }
 
-/// The method and the path of a request: what stands in front of its second blank.
+/// The method and the path of a request: everything before its second blank.
 std::string request_line(const std::string& request) {
   const std::string::size_type method_end = request.find(' ');
   return method_end == std::string::npos ? request
@@ -65,7 +65,7 @@ void send_all(int connection, std::string_view bytes) {
   }
 }
 
-/// Makes the closing of the connection a reset.
+/// Makes close() reset the connection.
 void reset_at_close(int connection) {
   const linger none = {1, 0};
   (void)::setsockopt(connection, SOL_SOCKET, SO_LINGER, &none, sizeof none);
@@ -130,14 +130,14 @@ void HttpServer::serve_connection(utility::Descriptor connection) {
   if (reply.end == End::kHold) held_.push_back(std::move(connection));
 }
 
-/// @return false when the server is to stop, or the time is up
+/// @return false if the server is stopping or the time limit has passed
 bool HttpServer::wait_for_input(int fd, int milliseconds) const {
   std::array<pollfd, 2> waited_for = {pollfd{fd, POLLIN, 0}, pollfd{stop_.get(), POLLIN, 0}};
   return ::poll(waited_for.data(), waited_for.size(), milliseconds) > 0 &&
          waited_for[1].revents == 0;
 }
 
-/// @return the request without its closing empty line; empty when it did not come whole
+/// @return the request without its final empty line; empty if it is incomplete
 std::string HttpServer::read_request(int connection) const {
   std::string request;
   while (wait_for_input(connection, kPatienceMilliseconds)) {

@@ -1,4 +1,4 @@
-// A web server for the unit tests, which answers as it is told to.
+// A scripted web server for the unit tests.
 #pragma once
 
 #include <condition_variable>
@@ -15,17 +15,17 @@
 
 namespace test_support {
 
-/// Serves on a free port of 127.0.0.1 from a thread of its own, one request per connection and one
+/// Serves on a free port of 127.0.0.1 in its own thread, one request per connection and one
 /// connection after the other. A path without a reply is answered with status 404 and the body
-/// "no such file\n". Every wait has an end, and the destructor stops the server. While it lives,
-/// libcurl in this process uses no proxy.
+/// "no such file\n". Every wait has a timeout, and the destructor stops the server. While the
+/// object exists, libcurl in this process uses no proxy.
 class HttpServer {
  public:
-  /// What ends a connection when the reply is out.
+  /// What happens to a connection after the reply.
   enum class End {
     kClose,
-    kReset,  ///< the client's system reports a connection reset by its peer
-    kHold,   ///< the connection stays open, and the client waits for more, until the server stops
+    kReset,  ///< is reset
+    kHold,   ///< stays open until the server stops
   };
 
   HttpServer();
@@ -45,14 +45,14 @@ class HttpServer {
   /// Answers @a path from now on with exactly these bytes, status line and headers included.
   void reply_raw(const std::string& path, std::string bytes, End end = End::kClose);
 
-  /// The requests so far in their order, like "GET /norvak/version.txt".
+  /// The requests so far, in order, like "GET /norvak/version.txt".
   [[nodiscard]] std::vector<std::string> requests() const;
 
-  /// The same with their headers: all bytes up to the empty line, which is not included.
+  /// The same with their headers: all bytes before the empty line.
   [[nodiscard]] std::vector<std::string> raw_requests() const;
 
-  /// Waits until there have been @a count requests.
-  /// @return false when there were fewer after 5 seconds
+  /// Waits for @a count requests.
+  /// @return false if there were fewer after 5 seconds
   [[nodiscard]] bool wait_for_requests(std::size_t count) const;
 
  private:
@@ -69,16 +69,16 @@ class HttpServer {
 
   ScopedVariable no_proxy_{"no_proxy", "*"};
   utility::Descriptor listener_;
-  utility::Descriptor stop_;  ///< an event counter: readable when the server is to stop
+  utility::Descriptor stop_;  ///< an eventfd: readable once the server is to stop
   std::uint16_t port_ = 0;
-  std::vector<utility::Descriptor> held_;  ///< touched by the server's thread only
+  std::vector<utility::Descriptor> held_;  ///< used by the server's thread only
 
-  mutable std::mutex mutex_;  ///< guards what follows
+  mutable std::mutex mutex_;  ///< guards the following members
   mutable std::condition_variable request_came_;
   std::map<std::string, Reply, std::less<>> replies_;
   std::vector<std::string> requests_;
 
-  std::thread thread_;  // last: it uses all the others
+  std::thread thread_;  // last, because it uses all other members
 };
 
 }  // namespace test_support

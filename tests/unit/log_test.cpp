@@ -105,12 +105,12 @@ TEST_F(UpdateLog, TheArgumentsAreExpandedInTheFormat) {
   EXPECT_EQ(log_messages(), (string_list{"transfer failed[-7] at 100%"}));
 }
 
-TEST_F(UpdateLog, PercentSignsInArgumentsAreOnlyCharacters) {
+TEST_F(UpdateLog, PercentSignsInArgumentsHaveNoMeaning) {
   CUpdateLog::write_log("host %s", "%s%n%d%%");
   EXPECT_EQ(log_messages(), (string_list{"host %s%n%d%%"}));
 }
 
-TEST_F(UpdateLog, AMessageIsCutAfter2047Characters) {
+TEST_F(UpdateLog, AMessageIsTruncatedAfter2047Characters) {
   for (const std::size_t length : {2046U, 2047U, 2048U, 2049U, 3000U, 100000U}) {
     (void)::unlink(log_path().c_str());
     std::string message(length, 'a');
@@ -133,7 +133,7 @@ TEST_F(UpdateLog, WithoutItsDirectoryTheLinesAreLost) {
   EXPECT_EQ(names_in(install_path()), string_list());
 }
 
-TEST_F(UpdateLog, WhereItCannotBeWrittenTheLinesAreLost) {
+TEST_F(UpdateLog, IfItCannotBeWrittenTheLinesAreLost) {
   ASSERT_EQ(::mkdir(log_path().c_str(), 0755), 0);
   CUpdateLog::write_log("lost");
   CUpdateLog::write_space();
@@ -199,7 +199,7 @@ TEST_F(UpdateLog, NoFileStaysOpen) {
 
 // Several processes.
 
-/// A run of the updater in a child process, which says through a pipe when it is done.
+/// A writer in a child process, which closes a pipe when it is done.
 class Writer {
  public:
   template <typename Body>
@@ -234,7 +234,7 @@ class Writer {
   pid_t child_ = -1;
 };
 
-TEST_F(UpdateLog, FiftyProcessesTearNoLine) {
+TEST_F(UpdateLog, FiftyProcessesKeepEveryLineWhole) {
   constexpr int kProcesses = 50;
   constexpr int kLines = 20;
   EXPECT_EQ(run_in_child([] {
@@ -291,7 +291,7 @@ TEST_F(UpdateLog, OnlyTheSeparatorWaitsForAnExclusiveLock) {
   EXPECT_EQ(log_messages(), (string_list{"message", ""}));
 }
 
-TEST_F(UpdateLog, AnInterruptedSeparatorGoesOnWaiting) {
+TEST_F(UpdateLog, AnInterruptedSeparatorKeepsWaiting) {
   const utility::Descriptor file(::open(log_path().c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644));
   ASSERT_EQ(::flock(file.get(), LOCK_EX), 0);
   const Writer separator([] {

@@ -4,6 +4,6 @@
 
 int main(int argc, char** argv) {
   testing::InitGoogleTest(&argc, argv);
-  (void)test_support::enter_private_namespace();  // tests that need it skip themselves without it
+  (void)test_support::enter_private_namespace();  // without it the tests that need it are skipped
   return RUN_ALL_TESTS();
 }

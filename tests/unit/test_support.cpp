@@ -31,7 +31,7 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr unsigned kLongestChildSeconds = 20;
-constexpr int kNotSetUp = 100;  // exit code of a child without its namespace
+constexpr int kNotSetUp = 100;  // exit code of a child whose namespace was not set up
 
 bool private_namespace = false;
 volatile std::sig_atomic_t interruptions = 0;
@@ -45,7 +45,7 @@ bool write_once(const char* path, const std::string& text) {
   return !out.fail();
 }
 
-/// Becomes root of a new user namespace, which may mount what it likes in it.
+/// Becomes root in a new user namespace and may then mount file systems.
 bool become_namespace_root() {
   const std::string user = std::to_string(::geteuid());
   const std::string group = std::to_string(::getegid());
@@ -62,8 +62,8 @@ bool become_namespace_root() {
   ::_exit(testing::Test::HasFailure() ? 1 : 0);
 }
 
-/// The message of a line of the update log; nothing when the line does not begin with a time stamp
-/// in brackets and two tabs.
+/// The message of a line of the update log; nothing if the line does not begin with a time stamp in
+/// brackets and two tabs.
 std::optional<std::string> message_of(const std::string& line) {
   constexpr std::string_view kShape = "[0000-00-00 00:00:00]\t\t";
   const auto fits = [](char shape, char c) {
@@ -75,7 +75,7 @@ std::optional<std::string> message_of(const std::string& line) {
 }
 
 pid_t fork_child(const std::function<void()>& body) {
-  (void)std::fflush(nullptr);  // or the child prints it again
+  (void)std::fflush(nullptr);  // or the child would print it again
   const pid_t child = ::fork();
   if (child == 0) run_and_exit(body);
   return child;
@@ -88,8 +88,8 @@ int wait_for(pid_t child) {
   return status;
 }
 
-/// The first process of a PID namespace, on whose end all others in it are killed: waits for the
-/// one that runs @a body and reports its wait status.
+/// The first process of a PID namespace, whose end kills all others in it. Waits for the one that
+/// runs @a body and reports its wait status.
 [[noreturn]] void run_as_first_process(const std::function<void()>& body, int report) {
   (void)::prctl(PR_SET_PDEATHSIG, SIGKILL);
   if (::getpid() != 1) ::_exit(kNotSetUp);

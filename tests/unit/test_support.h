@@ -1,5 +1,4 @@
-// What the unit tests share: private namespaces, child processes, scratch directories, small file
-// helpers.
+// Shared by the unit tests: private namespaces, child processes, scratch directories, file helpers.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -14,26 +13,26 @@
 
 namespace test_support {
 
-/// Moves this process into a mount namespace of its own, in which /var/log is empty and writable
-/// and nothing that is mounted shows outside. Without root rights it moves into a user namespace
-/// as well. Must be called before there are threads.
-/// @return false where the host does not allow it
+/// Moves this process into its own mount namespace, where /var/log is empty and writable and mounts
+/// are not visible outside. Without root rights it enters a user namespace as well. Must be called
+/// before threads are started.
+/// @return false if the host does not allow it
 bool enter_private_namespace();
 
 /// Whether enter_private_namespace was called and succeeded.
 bool in_private_namespace();
 
-/// Runs @a body in a child process, which is ended after 20 seconds. Expectations that fail in it
-/// are printed and make its exit code 1.
-/// @return the wait status of the child: 0 when all expectations held
+/// Runs @a body in a child process, which is killed after 20 seconds. Failed expectations are
+/// printed and make its exit code 1.
+/// @return the wait status of the child: 0 if all expectations held
 int run_in_child(const std::function<void()>& body);
 
-/// The same in a PID namespace, a session and a process group of its own, so that no signal that
-/// @a body sends leaves them; what @a body started ends with it. Needs the private namespace.
-/// @return the wait status of the child; nothing where the host does not allow it
+/// The same in its own PID namespace, session and process group, which confine the signals that
+/// @a body sends. Processes that @a body starts end with it. Needs the private namespace.
+/// @return the wait status of the child; nothing if the host does not allow it
 std::optional<int> run_in_pid_namespace(const std::function<void()>& body);
 
-/// A child process that does nothing until it is killed, at the latest by the destructor.
+/// A child process that does nothing until it is killed, by the destructor at the latest.
 class IdleProcess {
  public:
   enum class Group { kOfItsOwn, kOfTheCaller };
@@ -46,14 +45,14 @@ class IdleProcess {
   [[nodiscard]] pid_t pid() const { return pid_; }
 
   /// Waits at most 5 seconds for the end of the process.
-  /// @return the signal that ended it; 0 when none did
+  /// @return the signal that ended it; 0 if none did
   int wait_for_signal();
 
  private:
   pid_t pid_;
 };
 
-/// A signal every millisecond, which interrupts the system calls of this process.
+/// Interrupts the system calls of this process with a signal every millisecond.
 class Interruptions {
  public:
   Interruptions();
@@ -61,11 +60,11 @@ class Interruptions {
   Interruptions(const Interruptions&) = delete;
   Interruptions& operator=(const Interruptions&) = delete;
 
-  /// How many signals have come so far.
+  /// The number of signals so far.
   [[nodiscard]] static int count();
 };
 
-/// A value of an environment variable, until the old one is restored.
+/// Sets an environment variable; the destructor restores the old value.
 class ScopedVariable {
  public:
   /// @param value  null removes the variable
@@ -79,7 +78,7 @@ class ScopedVariable {
   std::optional<std::string> old_value_;
 };
 
-/// A directory of its own below the system's temporary directory, removed with all it holds.
+/// A new directory below the system's temporary directory; the destructor removes it recursively.
 class ScratchDirectory {
  public:
   ScratchDirectory();
@@ -89,15 +88,14 @@ class ScratchDirectory {
 
   [[nodiscard]] const std::string& path() const { return path_; }
 
-  /// Path of @a name, a relative path, in the directory.
+  /// The path of @a name, which is relative to the directory.
   [[nodiscard]] std::string operator/(const std::string& name) const { return path_ + "/" + name; }
 
  private:
   std::string path_;
 };
 
-/// A small file system of @a bytes in memory, mounted over a directory. Needs the private
-/// namespace.
+/// A file system in memory of @a bytes, mounted over a directory. Needs the private namespace.
 class SmallDisk {
  public:
   SmallDisk(std::string mount_point, std::size_t bytes);
@@ -112,7 +110,7 @@ class SmallDisk {
   bool mounted_;
 };
 
-/// The umask of this process, until the old one is restored.
+/// Sets the umask of this process; the destructor restores the old one.
 class ScopedUmask {
  public:
   explicit ScopedUmask(mode_t mask) : old_mask_(::umask(mask)) {}
@@ -124,8 +122,8 @@ class ScopedUmask {
   mode_t old_mask_;
 };
 
-/// A file mounted over another one, which cannot be deleted or replaced meanwhile. Needs the
-/// private namespace.
+/// Mounts a file over another one, which cannot be deleted or replaced while the object exists.
+/// Needs the private namespace.
 class FileMount {
  public:
   /// Both files exist, and may be the same.
@@ -141,25 +139,25 @@ class FileMount {
   bool mounted_;
 };
 
-/// Replaces the contents of @a path, making the directories above it.
+/// Replaces the contents of @a path, creating the directories above it.
 void write_file(const std::string& path, const std::string& contents);
 
-/// Writes a shell script that can be executed.
+/// Writes an executable shell script.
 void write_script(const std::string& path, const std::string& commands);
 
-/// The contents of @a path; fails the test when it cannot be read.
+/// The contents of @a path; the test fails if it cannot be read.
 std::string read_file(const std::string& path);
 
-/// The last @a bytes of @a path, which is at least so long.
+/// The last @a bytes of @a path, which must be at least that long.
 std::string end_of(const std::string& path, std::size_t bytes);
 
-/// Lengthens a file to @a size bytes. What is added takes no disk space.
+/// Extends a file to @a size bytes with a hole, which takes no disk space.
 void grow_file(const std::string& path, off_t size);
 
-/// The smallest size of a file that 32 bits with a sign cannot hold.
+/// The smallest file size that does not fit into a signed 32-bit number.
 inline constexpr off_t kTwoGib = off_t{1} << 31;
 
-/// The size of @a path in bytes, -1 where nothing is.
+/// The size of @a path in bytes; -1 if it does not exist.
 off_t size_of(const std::string& path);
 
 bool exists(const std::string& path);
@@ -170,26 +168,25 @@ mode_t mode_of(const std::string& path);
 /// The names in a directory, sorted.
 std::vector<std::string> names_in(const std::string& path);
 
-/// A test that works on the files of an agent: /var/log/version_control names a scratch directory.
-/// Skipped where the host does not allow private namespaces.
+/// A test on the files of an agent: /var/log/version_control names a scratch directory. Skipped if
+/// the host does not allow private namespaces.
 class AgentTest : public testing::Test {
  protected:
   void SetUp() override;
 
-  /// Path of @a name, a relative path, in the install directory.
+  /// The path of @a name, which is relative to the install directory.
   [[nodiscard]] std::string agent(const std::string& name) const { return install_ / name; }
 
   [[nodiscard]] const std::string& install_path() const { return install_.path(); }
 
-  /// The messages in the update log, without their time stamps. A line that is not well-formed
-  /// fails the test.
+  /// The messages in the update log, without their time stamps. A malformed line fails the test.
   [[nodiscard]] std::vector<std::string> log_messages() const;
 
  private:
   ScratchDirectory install_;
 };
 
-/// Names the install directory in /var/log/version_control, as it stands.
+/// Writes @a text to /var/log/version_control, unchanged.
 void write_install_path(const std::string& text);
 
 inline constexpr char kInstallPathFile[] = "/var/log/version_control";

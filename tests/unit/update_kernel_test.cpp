@@ -45,7 +45,7 @@ constexpr char kOldModule[] = "old module\n";
 constexpr char kModule[] = "hello\n";
 const std::string kMd5("b1946ac92492d2347c6235b4d2611184");  // of kModule
 
-// The host of these tests, where they do not say otherwise.
+// The default host of these tests.
 constexpr char kMachine[] = "x86_64";
 constexpr char kRelease[] = "2.6.32-431.el6.x86_64";
 constexpr char kTesselList[] = "/kernels/centos/x64/2.6.32-431/tessel_linux/md5";
@@ -97,7 +97,7 @@ struct OsTypeCase {
 
 class UpdateKernelOsType : public UpdateKernel, public WithParamInterface<OsTypeCase> {};
 
-TEST_P(UpdateKernelOsType, IsToldByMarkerFiles) {
+TEST_P(UpdateKernelOsType, IsDeterminedByMarkerFiles) {
   for (const std::string& marker : GetParam().markers) write_file(agent(marker), "suse centos\n");
   EXPECT_EQ(updater_.get_os_type(), GetParam().os_type);
 }
@@ -122,7 +122,7 @@ struct ArchCase {
 
 class UpdateKernelArch : public TestWithParam<ArchCase> {};
 
-TEST_P(UpdateKernelArch, IsToldByTheMachineName) {
+TEST_P(UpdateKernelArch, IsDeterminedByTheMachineName) {
   const FakeUname host(GetParam().machine, kRelease);
   EXPECT_EQ(CUpdateKernelImpl().get_local_os_arch(), GetParam().arch);
 }
@@ -133,16 +133,16 @@ INSTANTIATE_TEST_SUITE_P(
            ArchCase{"I586", "i586", "x64"}, ArchCase{"I486", "i486", "x64"},
            ArchCase{"X86_64", "x86_64", "x64"}, ArchCase{"Aarch64", "aarch64", "x64"},
            ArchCase{"Capitals", "I686", "x64"}, ArchCase{"Longer", "i6860", "x64"},
-           ArchCase{"Shorter", "i38", "x64"}, ArchCase{"BlankBehind", "i386 ", "x64"},
+           ArchCase{"Shorter", "i38", "x64"}, ArchCase{"BlankAfter", "i386 ", "x64"},
            ArchCase{"Empty", "", "x64"}),
     case_name<ArchCase>);
 
-TEST(UpdateKernelHost, ThatCannotBeAskedHasNoArch) {
+TEST(UpdateKernelHost, WithoutUnameHasNoArch) {
   const FakeUname host = FakeUname::failing();
   EXPECT_EQ(CUpdateKernelImpl().get_local_os_arch(), "");
 }
 
-TEST(UpdateKernelHost, ThatCannotBeAskedLeavesTheKernelAsItWas) {
+TEST(UpdateKernelHost, WithoutUnameKeepsTheOldKernel) {
   const FakeUname host = FakeUname::failing();
   for (const int os_code : {kCentos, kSuse, kUbuntu}) {
     KernelInfo info{"version", "flavour"};
@@ -160,7 +160,7 @@ struct ReleaseCase {
   int os_code;
   const char* version;
   const char* flavour;
-  const char* old_flavour = "";  ///< what the record held before
+  const char* old_flavour = "";  ///< in the record before the call
 };
 
 class UpdateKernelRelease : public TestWithParam<ReleaseCase> {};
@@ -185,7 +185,7 @@ constexpr ReleaseCase kTypicalReleases[] = {
     {"UbuntuServer", "2.6.32-21-server", kUbuntu, "2.6.32-21", "server"},
 };
 
-// On CentOS and Ubuntu the version ends in front of the fourth character that is no digit.
+// On CentOS and Ubuntu the version ends before the fourth character that is not a digit.
 constexpr ReleaseCase kVersionLengths[] = {
     {"Empty", "", kCentos, "", ""},
     {"EmptyOnUbuntu", "", kUbuntu, "", "generic"},
@@ -205,10 +205,10 @@ constexpr ReleaseCase kVersionLengths[] = {
     {"NonDigitsInARow", "2..6..18", kCentos, "2..6.", ""},
     {"BytesAbove127Count", "3\303\251.1\3772", kCentos, "3\303\251.1", ""},
     {"BytesAbove127StayAsTheyAre", "\351\271\37710", kCentos, "\351\271\37710", ""},
-    {"CapitalsInFrontOfTheCut", "2.6el.18", kCentos, "2.6EL", ""},
+    {"CapitalsBeforeTheCut", "2.6el.18", kCentos, "2.6EL", ""},
 };
 
-// The first that matches, wherever it stands.
+// The first flavour that the release contains anywhere.
 constexpr ReleaseCase kFlavourOrders[] = {
     {"XenBeforePae", "2.6.18-1.el5PAExen", kCentos, "2.6.18-1", "xen"},
     {"AnyLetterCase", "2.6.18-1.el5XeN", kCentos, "2.6.18-1", "xen"},
@@ -230,14 +230,14 @@ constexpr ReleaseCase kFlavourOrders[] = {
     {"NegativeCodeIsAsUbuntu", "2.6.32-21-xen", -1, "2.6.32-21", "generic"},
 };
 
-// On SUSE the version ends in front of the flavour.
+// On SUSE the version ends before the flavour.
 constexpr ReleaseCase kSuseReleases[] = {
     {"Empty", "", kSuse, "", ""},
     {"NoFlavour", "3.0.101-63", kSuse, "3.0.101-63", ""},
     {"ManyNonDigits", "2.6.16.60-0.54.5-default", kSuse, "2.6.16.60-0.54.5", "default"},
-    {"TextBehindTheFlavour", "3.0-1-default-debug", kSuse, "3.0-1", "default"},
+    {"TextAfterTheFlavour", "3.0-1-default-debug", kSuse, "3.0-1", "default"},
     {"FirstOccurrence", "3-default-1-default", kSuse, "3", "default"},
-    {"FlavourInFront", "-default-3.0", kSuse, "", "default"},
+    {"FlavourAtTheStart", "-default-3.0", kSuse, "", "default"},
     {"WithoutADashAllIsKept", "3.0.13-0.27default", kSuse, "3.0.13-0.27DEFAULT", "default"},
     {"DashElsewhereAllIsKept", "2.6.16.60-0.85.1-xenpae", kSuse, "2.6.16.60-0.85.1-XENPAE", "pae"},
     {"FlavourStaysAsItWas", "3.0.101-63-xen", kSuse, "3.0.101-63", "xen", "xen"},
@@ -256,7 +256,7 @@ INSTANTIATE_TEST_SUITE_P(Flavour, UpdateKernelRelease, ValuesIn(kFlavourOrders),
 INSTANTIATE_TEST_SUITE_P(Suse, UpdateKernelRelease, ValuesIn(kSuseReleases),
                          case_name<ReleaseCase>);
 
-/// A line of the table of real kernels.
+/// A row of the table of real kernels.
 struct RealKernel {
   std::string distribution;
   std::string machine;
@@ -337,7 +337,7 @@ constexpr UrlCase kUrls[] = {
 
 INSTANTIATE_TEST_SUITE_P(Urls, UpdateKernelUrl, ValuesIn(kUrls), case_name<UrlCase>);
 
-TEST_F(UpdateKernel, TheServerAddressIsTakenAsItIsStored) {
+TEST_F(UpdateKernel, TheServerAddressIsUsedUnchanged) {
   write_config({{"Kernel_update_host", "a"},
                 {"update_host", "b"},
                 {"kernel_update_host", " ftp://host/path/ "},
@@ -388,11 +388,11 @@ INSTANTIATE_TEST_SUITE_P(
            VerificationCase{"Capitals", "B1946AC92492D2347C6235B4D2611184\n", false},
            VerificationCase{"OtherDigest", "d41d8cd98f00b204e9800998ecf8427e\n", false},
            VerificationCase{"DigestTooShort", kMd5.substr(0, 31) + "\n", false},
-           VerificationCase{"TextBehindTheDigest", kMd5 + "  tessel_linux.ko\n", false},
+           VerificationCase{"TextAfterTheDigest", kMd5 + "  tessel_linux.ko\n", false},
            VerificationCase{"TrimmedFormFeed", kMd5 + "\f\n", false},
            VerificationCase{"DigestInTheSecondLine", "\n" + kMd5 + "\n", false},
            VerificationCase{"Empty", "", false},
-           VerificationCase{"TextBehind127Characters", kMd5 + std::string(95, ' ') + "x", true},
+           VerificationCase{"TextAfter127Characters", kMd5 + std::string(95, ' ') + "x", true},
            VerificationCase{"TextAsThe127thCharacter", kMd5 + std::string(94, ' ') + "x", false},
            VerificationCase{"DigestCutAfter127Characters", std::string(96, ' ') + kMd5, false}),
     case_name<VerificationCase>);
@@ -423,7 +423,7 @@ TEST_F(UpdateKernel, AModuleThatCanOnlyBeReadInPartIsNotVerified) {
 
 // The check
 
-TEST_F(UpdateKernel, TheCheckRecordsTheVersionAndAsksForTheListOnly) {
+TEST_F(UpdateKernel, TheCheckRecordsTheVersionAndRequestsOnlyTheList) {
   write_file(tessel(), kModule);
   server_.reply(kTesselList, kMd5 + "\n");
   EXPECT_EQ(updater_.check_update_kernel("tessel_linux"), 1);
@@ -470,8 +470,8 @@ INSTANTIATE_TEST_SUITE_P(
            ListCase{"OtherDigest", "d41d8cd98f00b204e9800998ecf8427e\n", 0, 0},
            ListCase{"Capitals", "B1946AC92492D2347C6235B4D2611184\n", 0, 0},
            ListCase{"CarriageReturn", kMd5 + "\r\n", 0, 0},
-           ListCase{"BlankInFront", " " + kMd5 + "\n", 0, 0},
-           ListCase{"BlankBehind", kMd5 + " \n", 0, 0}, ListCase{"NoDigest", "no digest", 0, 0},
+           ListCase{"BlankBefore", " " + kMd5 + "\n", 0, 0},
+           ListCase{"BlankAfter", kMd5 + " \n", 0, 0}, ListCase{"NoDigest", "no digest", 0, 0},
            ListCase{"DigestOfAFileThatCannotBeRead", "-1\n", 0, 0},
            ListCase{"OneLineFeed", "\n", 0, 0},
            ListCase{"TwoLines", kMd5 + "\n" + kMd5 + "\n", -1, -1},
@@ -484,8 +484,8 @@ INSTANTIATE_TEST_SUITE_P(
            ListCase{"TwoPiecesOfOneLine", std::string(1024, 'x'), -1, -1}),
     case_name<ListCase>);
 
-/// An empty list takes a reply without a body, which leaves no file, where a file that cannot be
-/// deleted can be opened: a directory.
+/// An empty reply leaves no file. To get an empty list, a directory has its name: it cannot be
+/// deleted, but opened.
 TEST_F(UpdateKernel, AListWithoutALineMeansADownload) {
   write_file(tessel(), kModule);
   make_full_directory(list_path());
@@ -495,7 +495,7 @@ TEST_F(UpdateKernel, AListWithoutALineMeansADownload) {
 }
 
 TEST_F(UpdateKernel, AListThatCannotBeOpenedFailsTheCheck) {
-  write_file(list_path(), "the list of the module before\n");
+  write_file(list_path(), "the list of the previous module\n");
   write_file(tessel(), kModule);
   reply_empty(kTesselList);
   EXPECT_EQ(updater_.check_update_kernel("tessel_linux"), -1);
@@ -530,12 +530,12 @@ TEST_F(UpdateKernel, AnErrorPageOfSeveralLinesIsAnAbnormalList) {
 
 TEST_F(UpdateKernel, AnErrorPageOfOneLineMeansADownload) {
   write_file(tessel(), kModule);
-  EXPECT_EQ(updater_.check_update_kernel("tessel_linux"), 0);  // the server knows no such file
+  EXPECT_EQ(updater_.check_update_kernel("tessel_linux"), 0);  // the server has no such file
   EXPECT_EQ(read_file(list_path()), "no such file\n");
   EXPECT_EQ(log_messages(), Lines());
 }
 
-TEST_F(UpdateKernel, EachCheckReplacesTheListOfTheModuleBefore) {
+TEST_F(UpdateKernel, EachCheckReplacesTheListOfThePreviousModule) {
   write_file(tessel(), kModule);
   write_file(quorin(), kOldModule);
   server_.reply(kTesselList, kMd5 + "\n");
@@ -546,7 +546,7 @@ TEST_F(UpdateKernel, EachCheckReplacesTheListOfTheModuleBefore) {
   EXPECT_EQ(server_.requests(), gets({kTesselList, kQuorinList}));
 }
 
-// What check and download must know about the host
+// What check and download need to know about the host
 
 TEST_F(UpdateKernel, WithoutTheServersSettingThereIsNothingToDo) {
   write_config({{"update_host", server_address()}});
@@ -563,7 +563,7 @@ TEST_F(UpdateKernel, WithoutAConfigurationThereIsNothingToDo) {
   expect_nothing_is_done();
 }
 
-TEST_F(UpdateKernel, OnAHostThatCannotBeAskedThereIsNothingToDo) {
+TEST_F(UpdateKernel, WithoutUnameThereIsNothingToDo) {
   const FakeUname host = FakeUname::failing();
   expect_nothing_is_done();
 }
@@ -579,7 +579,7 @@ TEST_F(UpdateKernel, WithAnEmptyVersionThereIsNothingToDo) {
   expect_nothing_is_done();
 }
 
-TEST_F(UpdateKernel, AnUnknownMachineNameDoesNotHinderTheCheck) {
+TEST_F(UpdateKernel, AnUnknownMachineNameDoesNotPreventTheCheck) {
   const FakeUname host("", kRelease);
   server_.reply(kTesselList, kMd5);
   EXPECT_EQ(updater_.check_update_kernel("tessel_linux"), 0);
@@ -615,7 +615,7 @@ TEST_F(UpdateKernel, ARecordThatCannotBeDeletedIsOverwritten) {
   EXPECT_EQ(read_file(record()), "2.6.32-431");
 }
 
-TEST_F(UpdateKernel, TheCheckGoesOnWithoutTheRecordsDirectory) {
+TEST_F(UpdateKernel, TheCheckContinuesWithoutTheRecordsDirectory) {
   ASSERT_EQ(::rmdir(agent("runlog").c_str()), 0);
   write_file(tessel(), kModule);
   server_.reply(kTesselList, kMd5);
@@ -623,7 +623,7 @@ TEST_F(UpdateKernel, TheCheckGoesOnWithoutTheRecordsDirectory) {
   EXPECT_FALSE(exists(agent("runlog")));
 }
 
-TEST_F(UpdateKernel, TheCheckGoesOnWhenTheRecordCannotBeReplaced) {
+TEST_F(UpdateKernel, TheCheckContinuesIfTheRecordCannotBeReplaced) {
   make_full_directory(record());
   write_file(tessel(), kModule);
   server_.reply(kTesselList, kMd5);
@@ -639,10 +639,10 @@ TEST_F(UpdateKernel, TheDownloadLeavesTheRecordAlone) {
   EXPECT_EQ(read_file(record()), "old record");
 }
 
-/// An install directory with a path of a chosen length.
+/// An install directory with a path of a given length.
 class UpdateKernelLongPath : public UpdateKernel {
  protected:
-  /// @return the names in the directory of the record after a check
+  /// Runs a check. @return the names in the directory of the record
   Lines record_names(std::size_t install_path_length) {
     std::string install = agent("");
     install.append(install_path_length - install.size(), 'd');
@@ -663,7 +663,7 @@ TEST_F(UpdateKernelLongPath, OfTheRecordMayHave127Characters) {
   EXPECT_EQ(record_names(127 - 23), Lines({"kernel_version", "other"}));
 }
 
-TEST_F(UpdateKernelLongPath, OfTheRecordIsCutAfter127Characters) {
+TEST_F(UpdateKernelLongPath, OfTheRecordIsTruncatedAfter127Characters) {
   EXPECT_EQ(record_names(128 - 23), Lines({"kernel_versio", "other"}));
 }
 
@@ -738,7 +738,7 @@ TEST_F(UpdateKernel, AnErrorPageIsNotInstalled) {
 TEST_F(UpdateKernel, AnEmptyModuleIsNotInstalled) {
   write_file(tessel(), kOldModule);
   write_file(list_path(), kMd5 + "\n");
-  write_file(download_path(), kModule);  // of an earlier run
+  write_file(download_path(), kModule);  // left by an earlier run
   reply_empty(kTesselFile);
   EXPECT_EQ(updater_.download_kernel("tessel_linux"), -1);
   EXPECT_EQ(log_messages(), Lines({kTesselRefused}));
@@ -763,7 +763,7 @@ TEST_F(UpdateKernel, AModuleThatCannotBeDownloadedIsNotInstalled) {
   EXPECT_EQ(read_file(download_path()), "cut short");
 }
 
-TEST_F(UpdateKernel, AFailedInstallationIsNotNoticed) {
+TEST_F(UpdateKernel, AFailedInstallationGoesUnnoticed) {
   make_full_directory(tessel());
   write_file(list_path(), kMd5 + "\n");
   server_.reply(kTesselFile, kModule);
@@ -795,7 +795,7 @@ struct ClearCase {
 
 class UpdateKernelClear : public UpdateKernel, public WithParamInterface<ClearCase> {};
 
-TEST_P(UpdateKernelClear, LeavesTheEngineModulesTogetherOrNone) {
+TEST_P(UpdateKernelClear, LeavesBothEngineModulesOrNone) {
   const ClearCase& before = GetParam();
   if (before.tessel) write_file(tessel(), kModule);
   if (before.quorin) write_file(quorin(), kModule);
@@ -814,14 +814,14 @@ INSTANTIATE_TEST_SUITE_P(Modules, UpdateKernelClear,
                                 ClearCase{"None", false, false, false}),
                          case_name<ClearCase>);
 
-TEST_F(UpdateKernel, ALinkThatLeadsNowhereCountsAsNoModuleAndIsRemoved) {
+TEST_F(UpdateKernel, ADanglingLinkDoesNotCountAsAModuleAndIsRemoved) {
   ASSERT_EQ(::symlink("nowhere", tessel().c_str()), 0);
   write_file(quorin(), kModule);
   updater_.clear_tarn_kernel();
   EXPECT_EQ(names_in(install_path()), Lines({"config.xml", "runlog", "update_norvak_kernel"}));
 }
 
-TEST_F(UpdateKernel, AfterAFailedDownloadOfTesselALonelyQuorinIsRemoved) {
+TEST_F(UpdateKernel, AfterAFailedDownloadOfTesselASingleQuorinIsRemoved) {
   write_file(quorin(), kOldModule);
   server_.reply(kTesselList, kMd5);
   ASSERT_EQ(updater_.check_update_kernel("tessel_linux"), 0);

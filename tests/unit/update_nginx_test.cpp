@@ -41,7 +41,7 @@ constexpr char kServerProgram[] = "/nginx_new/x64/1.22/nginx";
 constexpr char kNotNew[] = "[NGINX]is not new version";
 constexpr char kNew[] = "[NGINX]new version is exist, download now";
 
-/// A host with an installed web server, and a newer one on the test's server.
+/// A host with an installed web server program, and a newer one on the server.
 class UpdateNginx : public UpdaterTest {
  protected:
   void SetUp() override {
@@ -94,7 +94,7 @@ INSTANTIATE_TEST_SUITE_P(
     Values(WordSizeCase{"Bit64", "64-bit", "x64"}, WordSizeCase{"Capitals", "64-BIT", "x64"},
            WordSizeCase{"MixedCase", "64-bIt", "x64"}, WordSizeCase{"Bit32", "32-bit", "x86"},
            WordSizeCase{"NoHyphen", "64bit", "x86"}, WordSizeCase{"X86_64", "x86_64", "x86"},
-           WordSizeCase{"Empty", "", "x86"}, WordSizeCase{"BlankInFront", " 64-bit", "x86"},
+           WordSizeCase{"Empty", "", "x86"}, WordSizeCase{"BlankBefore", " 64-bit", "x86"},
            WordSizeCase{"Longer", "64-bits", "x86"}, WordSizeCase{"Shorter", "64-bi", "x86"}),
     case_name<WordSizeCase>);
 
@@ -108,12 +108,12 @@ struct ProgramCase {
 
 class UpdateNginxProgram : public UpdateNginx, public WithParamInterface<ProgramCase> {};
 
-TEST_P(UpdateNginxProgram, IsToldByItsSecondToFourthByte) {
+TEST_P(UpdateNginxProgram, IsRecognisedByItsSecondToFourthByte) {
   write_file(agent("file"), GetParam().contents);
   EXPECT_EQ(CUpdateNginxImpl::is_elf(agent("file").c_str()), GetParam().is_elf);
 }
 
-TEST_P(UpdateNginxProgram, IsInstalledWhenItIsOne) {
+TEST_P(UpdateNginxProgram, IsInstalledIfItIsOne) {
   server_.reply(kServerProgram, GetParam().contents);
   EXPECT_EQ(download(), GetParam().is_elf ? 0 : -1);
   EXPECT_EQ(log_messages(), Lines({kNew}));
@@ -138,11 +138,11 @@ INSTANTIATE_TEST_SUITE_P(
            ProgramCase{"ErrorPage", "<html><h1>404</h1></html>\n", false}),
     case_name<ProgramCase>);
 
-TEST_F(UpdateNginx, AFileThatIsMissingIsNoProgram) {
+TEST_F(UpdateNginx, AMissingFileIsNotAProgram) {
   EXPECT_FALSE(CUpdateNginxImpl::is_elf(agent("missing").c_str()));
 }
 
-TEST_F(UpdateNginx, ADirectoryIsNoProgram) {
+TEST_F(UpdateNginx, ADirectoryIsNotAProgram) {
   EXPECT_FALSE(CUpdateNginxImpl::is_elf(install_path().c_str()));
 }
 
@@ -173,7 +173,7 @@ const LineCase kLines[] = {
     {"LineFeedOnlyDownloaded", "build 7", "build 7\n", false},
     {"LineFeedOnlyInstalled", "build 7\n", "build 7", false},
     {"CarriageReturn", "build 7\n", "build 7\r\n", false},
-    {"BlankBehind", "build 7\n", "build 7 \n", false},
+    {"BlankAfter", "build 7\n", "build 7 \n", false},
     {"LetterCase", "build a\n", "build A\n", false},
     {"LongerText", "build 7", "build 77", false},
     {"LaterLinesAreIgnored", "build 7\none\n", "build 7\ntwo\n", true},
@@ -184,9 +184,9 @@ const LineCase kLines[] = {
     {"NothingDownloadedIsAnEmptyText", "", std::nullopt, true},
     {"NothingDownloaded", "build 7\n", std::nullopt, false},
     {"EmptyAndALineFeed", "", "\n", false},
-    {"DifferentBehind127Characters", kLongLine + "aone", kLongLine + "atwo", true},
+    {"DifferentAfter127Characters", kLongLine + "aone", kLongLine + "atwo", true},
     {"DifferentAsThe127thCharacter", kLongLine + "a", kLongLine + "b", false},
-    {"LineFeedBehind127Characters", kLongLine + "a\n", kLongLine + "a", true},
+    {"LineFeedAfter127Characters", kLongLine + "a\n", kLongLine + "a", true},
 };
 
 INSTANTIATE_TEST_SUITE_P(Lines, UpdateNginxLine, ValuesIn(kLines), case_name<LineCase>);
@@ -202,7 +202,7 @@ TEST_F(UpdateNginx, AnInstalledLineThatCannotBeOpenedIsAnEmptyText) {
 
 // The configuration
 
-TEST_F(UpdateNginx, TheServerAddressIsTakenAsItIsStored) {
+TEST_F(UpdateNginx, TheServerAddressIsUsedUnchanged) {
   write_config({{"NGINX_UPDATE_HOST", "a"},
                 {"kernel_update_host", "b"},
                 {"nginx_update_host", " http://host/path/ "},
@@ -274,7 +274,7 @@ TEST_F(UpdateNginx, TheProgramIsInstalledBeforeItsLine) {
             Lines({"delete nginx", "create nginx", "delete md5", "create md5"}));
 }
 
-TEST_F(UpdateNginx, AFailedInstallationOfTheProgramIsNotNoticed) {
+TEST_F(UpdateNginx, AFailedInstallationOfTheProgramGoesUnnoticed) {
   ASSERT_EQ(::unlink(program().c_str()), 0);
   make_full_directory(program());
   EXPECT_EQ(download(), 0);

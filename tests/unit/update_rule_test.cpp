@@ -41,7 +41,7 @@ const std::string kOtherMd5("d41d8cd98f00b204e9800998ecf8427e");
 constexpr char kVerified[] = "download_tarn_rules_file: check download rule MD5 success";
 constexpr char kRefused[] = "download_tarn_rules_file: check download rule MD5 false";
 
-/// A host with both engine modules and old rules, and newer rules on the test's server.
+/// A host with both engine modules and old rules, and newer rules on the server.
 class UpdateRule : public UpdaterTest {
  protected:
   void SetUp() override {
@@ -162,14 +162,14 @@ TEST_F(UpdateRule, ADigestThatCannotBeDownloadedMeansNoUpdate) {
 }
 
 TEST_F(UpdateRule, AnEmptyReplyMeansNoUpdate) {
-  write_file(downloaded_md5(), kMd5);  // of an earlier run
+  write_file(downloaded_md5(), kMd5);  // left by an earlier run
   reply_empty(kServerMd5);
   EXPECT_FALSE(updater_.check_tarn_rules_md5());
   EXPECT_EQ(log_messages(), Lines());
 }
 
-/// An empty text takes a reply without a body, which leaves no file, where a file that cannot be
-/// deleted can be opened: a directory.
+/// An empty reply leaves no file. To get an empty text, a directory has its name: it cannot be
+/// deleted, but opened.
 TEST_F(UpdateRule, ADigestTextWithoutALineMeansNoUpdate) {
   make_full_directory(downloaded_md5());
   reply_empty(kServerMd5);
@@ -186,7 +186,7 @@ TEST_F(UpdateRule, AnErrorPageOfSeveralLinesMeansNoUpdate) {
 
 // The configuration
 
-TEST_F(UpdateRule, TheServerIsThatOfTheKernelModules) {
+TEST_F(UpdateRule, TheServerIsTheOneOfTheKernelModules) {
   write_config({{"rule_update_host", "a"},
                 {"Kernel_Update_Host", "b"},
                 {"kernel_update_host", " http://host/path/ "},
@@ -204,7 +204,7 @@ TEST_F(UpdateRule, WithoutAServerAddressTheBarePathsAreRequested) {
   EXPECT_EQ(updater_.get_url_from_xml(), "");
   EXPECT_FALSE(updater_.check_tarn_rules_md5());
   EXPECT_EQ(updater_.download_tarn_rules_file(), -1);
-  // "/tarn_rule/md5" and the like are no URLs.
+  // Paths such as "/tarn_rule/md5" are not URLs.
   constexpr char kNoUrl[] = "CUrlOp::url_down_file: curl_easy_perform failed[3]";
   EXPECT_EQ(log_messages(), Lines({kNoUrl, kNoUrl}));
   EXPECT_EQ(read_file(rules()), kOldRules);
@@ -290,12 +290,12 @@ const VerificationCase kVerifications[] = {
     {"OtherDigest", kOtherMd5 + "\n", false},
     {"Capitals", kCapitalMd5 + "\n", false},
     {"CarriageReturn", kMd5 + "\r\n", false},
-    {"BlankInFront", " " + kMd5 + "\n", false},
-    {"BlankBehind", kMd5 + " \n", false},
-    {"TextBehindTheDigest", kMd5 + "  norvak_default_rule.xml\n", false},
+    {"BlankBefore", " " + kMd5 + "\n", false},
+    {"BlankAfter", kMd5 + " \n", false},
+    {"TextAfterTheDigest", kMd5 + "  norvak_default_rule.xml\n", false},
     {"TooShort", kMd5.substr(0, 31) + "\n", false},
     {"DigestInTheSecondLine", "\n" + kMd5 + "\n", false},
-    {"DigestBehindManyBlanks", std::string(127, ' ') + kMd5 + "\n", false},
+    {"DigestAfterManyBlanks", std::string(127, ' ') + kMd5 + "\n", false},
     {"Empty", "", false},
 };
 
@@ -339,14 +339,14 @@ TEST_F(UpdateRule, AnErrorPageIsNotInstalled) {
 
 TEST_F(UpdateRule, EmptyRulesAreNotInstalled) {
   write_file(downloaded_md5(), kMd5 + "\n");
-  write_file(downloaded_rules(), kRules);  // of an earlier run
+  write_file(downloaded_rules(), kRules);  // left by an earlier run
   reply_empty(kServerRules);
   EXPECT_EQ(updater_.download_tarn_rules_file(), -1);
   EXPECT_EQ(log_messages(), Lines({kRefused}));
   EXPECT_EQ(read_file(rules()), kOldRules);
 }
 
-TEST_F(UpdateRule, AFailedInstallationIsNotNoticed) {
+TEST_F(UpdateRule, AFailedInstallationGoesUnnoticed) {
   ASSERT_EQ(::unlink(rules().c_str()), 0);
   make_full_directory(rules());
   write_file(downloaded_md5(), kMd5 + "\n");
@@ -356,7 +356,7 @@ TEST_F(UpdateRule, AFailedInstallationIsNotNoticed) {
   EXPECT_EQ(read_file(downloaded_rules()), kRules);
 }
 
-TEST_F(UpdateRule, AMissingTemplateDirectoryIsNotMade) {
+TEST_F(UpdateRule, AMissingTemplateDirectoryIsNotCreated) {
   test_support::write_install_path(agent("other") + "\n");
   write_file(agent("other/config.xml"), read_file(agent("config.xml")));
   (void)updater_.init();

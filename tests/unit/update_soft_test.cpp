@@ -61,10 +61,10 @@ constexpr char kConfigFailed[] = "[SOFT] call run_update_norvak_agent->update_co
 constexpr char kUnpackFailed[] = "call decompress_package failed";
 constexpr char kScriptFailed[] = "call exec_script failed";
 
-/// Where it is false, numbers are cut to 32 bits already when they are read.
+/// If false, strtol() itself limits numbers to 32 bits.
 constexpr bool kWideLong = sizeof(long) > sizeof(int);
 
-/// A host with an old agent, whose configuration names the test's server.
+/// A host with an old agent, which gets its updates from the server of the test.
 class UpdateSoft : public UpdaterTest {
  protected:
   void SetUp() override {
@@ -98,7 +98,7 @@ class UpdateSoft : public UpdaterTest {
   fs::path start_directory_;
 };
 
-TEST_F(UpdateSoft, InitMakesBothDirectoriesWithoutASearchBit) {
+TEST_F(UpdateSoft, InitCreatesBothDirectoriesWithoutASearchBit) {
   const ScopedUmask umask(0);
   updater_.release();
   EXPECT_EQ(updater_.init(), 0);
@@ -109,7 +109,7 @@ TEST_F(UpdateSoft, InitMakesBothDirectoriesWithoutASearchBit) {
 
 // The settings
 
-TEST_F(UpdateSoft, TheServerAddressIsTakenAsItIsStored) {
+TEST_F(UpdateSoft, TheServerAddressIsUsedUnchanged) {
   write_config({{"Update_Host", "a"},
                 {"kernel_update_host", "b"},
                 {"update_host", " http://host/path/ "},
@@ -164,7 +164,7 @@ INSTANTIATE_TEST_SUITE_P(
            MethodCase{"Above64Bits", "99999999999999999999", kWideLong ? -1 : INT_MAX}),
     case_name<MethodCase>);
 
-TEST_F(UpdateSoft, AMissingUpdateMethodLeavesTheNumberAsItWas) {
+TEST_F(UpdateSoft, AMissingUpdateMethodKeepsTheNumber) {
   write_config({{"version", kOldVersion}});
   int update_type = 7;
   EXPECT_EQ(updater_.get_update_method(update_type), 0);
@@ -195,7 +195,7 @@ struct VersionFileCase {
   const char* name;
   std::string contents;
   bool accepted;
-  std::string version;  ///< the one that is read from the file
+  std::string version;  ///< as read from the file
 };
 
 class UpdateSoftVersionFile : public UpdateSoft, public WithParamInterface<VersionFileCase> {};
@@ -245,7 +245,7 @@ INSTANTIATE_TEST_SUITE_P(Files, UpdateSoftVersionFile, ValuesIn(kVersionFiles),
                          case_name<VersionFileCase>);
 
 TEST_F(UpdateSoft, AnEmptyReplyIsNoVersionFile) {
-  write_file(version_file(), "agent_9\n");  // of an earlier run
+  write_file(version_file(), "agent_9\n");  // left by an earlier run
   reply_empty(kServerVersion);
   EXPECT_EQ(updater_.download_norvak_version_file(), -1);
   EXPECT_FALSE(exists(version_file()));
@@ -369,9 +369,9 @@ constexpr VersionsCase kVersions[] = {
     {"NoNumberIsZero", "abcdef3.0", "abcdef3.x", false},
     {"NoNumberIsLessThanOne", "abcdef3.x", "abcdef3.1", true},
     {"LeadingDigitsOfAField", "abcdef3.1", "abcdef3.2beta", true},
-    {"TextBehindTheDigitsDoesNotCount", "abcdef3.2", "abcdef3.2beta", false},
+    {"TextAfterTheDigitsDoesNotCount", "abcdef3.2", "abcdef3.2beta", false},
     {"NegativeNumbers", "abcdef3.-2", "abcdef3.-1", true},
-    {"BlankInFront", "abcdef3. 1", "abcdef3.  2", true},
+    {"BlankBefore", "abcdef3. 1", "abcdef3.  2", true},
     {"PlusSign", "abcdef3.1", "abcdef3.+2", true},
     {"OnlyDotsSeparate", "abcdef3,1", "abcdef3,2", false},
     {"CarriageReturn", "abcdef3.1", "abcdef3.1\r", false},
@@ -417,7 +417,7 @@ struct ShortVersionCase {
   const char* name;
   const char* installed;
   const char* version_file;
-  const char* size;  ///< of the version that is found too short
+  const char* size;  ///< of the version that is too short
 };
 
 class UpdateSoftShortVersion : public UpdateSoft, public WithParamInterface<ShortVersionCase> {};
@@ -478,7 +478,7 @@ INSTANTIATE_TEST_SUITE_P(Machines, UpdateSoftMachine,
                                 MachineCase{"Empty", "", "/norvak/x86/nvupdate.tar"}),
                          case_name<MachineCase>);
 
-TEST_F(UpdateSoft, AHostThatCannotBeAskedGetsThe32BitPackage) {
+TEST_F(UpdateSoft, WithoutUnameTheHostGetsThe32BitPackage) {
   const FakeUname host = FakeUname::failing();
   EXPECT_EQ(updater_.download_norvak_update_package(), 0);
   EXPECT_EQ(server_.requests(), gets({"/norvak/x86/nvupdate.tar"}));
@@ -491,7 +491,7 @@ TEST_F(UpdateSoft, WithoutAServerAddressNoPackageIsRequested) {
   EXPECT_EQ(log_messages(), Lines());
 }
 
-TEST_F(UpdateSoft, AFailedDownloadOfThePackageHasNoLineOfItsOwn) {
+TEST_F(UpdateSoft, AFailedDownloadOfThePackageIsLoggedOnlyByTheDownload) {
   reply_cut_short(kServerPackage);
   EXPECT_EQ(updater_.download_norvak_update_package(), -1);
   EXPECT_EQ(log_messages(), Lines({kCutShort}));
@@ -505,7 +505,7 @@ struct CommandCase {
   int result;
 };
 
-/// Kills with signal 9 what the shell started for a command is, also where a shell stands between.
+/// Kills the process that runs a command with signal 9, also if that is an additional shell.
 constexpr char kGetKilled[] =
     "test \"$(cat /proc/$PPID/comm)\" = sh && kill -9 $PPID\n"
     "kill -9 $$\n";
@@ -539,11 +539,11 @@ TEST_F(UpdateSoft, ATarProgramThatCannotBeExecutedIsAFailure) {
 
 TEST_F(UpdateSoft, AMissingScriptIsAFailure) { EXPECT_EQ(updater_.exec_script(), -1); }
 
-TEST_F(UpdateSoft, ACommandForWhichThereIsNoProcessIsAFailure) {
+TEST_F(UpdateSoft, ACommandThatCannotBeForkedIsAFailure) {
   write_script(agent("tool/tar"), "exit 0");
   write_script(data_dir() + "/update", "exit 0");
   const int status = run_in_child([this] {
-    // A PID namespace in which the first process has ended takes no more.
+    // fork() fails in a PID namespace whose first process has ended.
     ASSERT_EQ(::unshare(CLONE_NEWPID), 0);
     ASSERT_EQ(run_in_child([] {}), 0);
     EXPECT_EQ(updater_.decompress_package(), -1);
@@ -552,7 +552,7 @@ TEST_F(UpdateSoft, ACommandForWhichThereIsNoProcessIsAFailure) {
   EXPECT_EQ(status, 0);
 }
 
-TEST_F(UpdateSoft, TheTarProgramIsToldWhatToUnpackWhere) {
+TEST_F(UpdateSoft, TheTarProgramGetsPackageAndDirectory) {
   write_script(agent("tool/tar"), "echo \"$0 $*\" > " + agent("arguments"));
   EXPECT_EQ(updater_.decompress_package(), 0);
   EXPECT_EQ(read_file(agent("arguments")),
@@ -565,7 +565,7 @@ TEST_F(UpdateSoft, PathsAreInsertedUnquoted) {
   write_script(agent("with"), "echo \"$*\" > " + agent("arguments"));
   test_support::write_install_path(install + "\n");
   (void)updater_.init();
-  EXPECT_EQ(updater_.decompress_package(), 0);  // of the program in front of the blank
+  EXPECT_EQ(updater_.decompress_package(), 0);  // runs the program before the blank
   EXPECT_EQ(read_file(agent("arguments")), "blank/tool/tar xvf " + install +
                                                "/update_norvak_soft/norvak_update_package.tar -C " +
                                                install + "/update_norvak_soft/data\n");
@@ -587,7 +587,7 @@ TEST_F(UpdateSoft, TheScriptIsMadeExecutable) {
   EXPECT_EQ(mode_of(data_dir() + "/update"), 0544U);
 }
 
-/// Sends what this process writes to a descriptor into a file.
+/// Redirects a descriptor of this process to a file.
 class Redirection {
  public:
   Redirection(int fd, const std::string& path) : fd_(fd), old_(::dup(fd)) {
@@ -603,7 +603,7 @@ class Redirection {
   utility::Descriptor old_;
 };
 
-TEST_F(UpdateSoft, WhatTheCommandsPrintIsDiscardedButNotTheirErrors) {
+TEST_F(UpdateSoft, StandardOutputOfTheCommandsIsDiscardedStandardErrorIsNot) {
   write_script(agent("tool/tar"), "echo listing; echo tar error >&2");
   write_script(data_dir() + "/update", "echo progress; echo script error >&2");
   {
@@ -618,8 +618,8 @@ TEST_F(UpdateSoft, WhatTheCommandsPrintIsDiscardedButNotTheirErrors) {
 
 // The installation
 
-/// An agent with its programs. They, and the script of the package, note in a file who ran where,
-/// and whether the update marker and the agent's pid file were there.
+/// An agent with its programs. They and the script of the package record in a file which of them
+/// ran where, and whether the update marker and the agent's pid file existed.
 class UpdateSoftInstallation : public UpdateSoft {
  protected:
   void SetUp() override {
@@ -631,7 +631,7 @@ class UpdateSoftInstallation : public UpdateSoft {
     fs::current_path(agent("runlog"));
   }
 
-  /// The command that makes a script's note.
+  /// The command that adds a note of @a who.
   [[nodiscard]] std::string note(const std::string& who) const {
     return "echo \"" + who + " in ${PWD##*/}$(test -e " + agent("update") +
            " && echo ', marker')$(test -e " + agent("norvak.pid") + " && echo ', pid file')\" >> " +
@@ -640,12 +640,12 @@ class UpdateSoftInstallation : public UpdateSoft {
 
   [[nodiscard]] Lines notes() const {
     Lines lines;
-    std::ifstream notes(agent("notes"));  // without a note there is no file
+    std::ifstream notes(agent("notes"));  // missing if there are no notes
     for (std::string line; std::getline(notes, line);) lines.push_back(line);
     return lines;
   }
 
-  /// Publishes a package, whose script makes its note and does @a commands.
+  /// Publishes a package whose script adds its note and runs @a commands.
   void publish(const std::string& commands) { publish_with("update", commands); }
 
   void publish_with(const std::string& script, const std::string& commands) {
@@ -656,7 +656,7 @@ class UpdateSoftInstallation : public UpdateSoft {
     server_.reply(kServerPackage, read_file(archive));
   }
 
-  /// The installation failed after the agent was stopped, which is started again.
+  /// Expects that the agent was stopped and started again.
   void expect_restarted(const Lines& messages, const Lines& expected_notes) {
     EXPECT_EQ(log_messages(), messages);
     EXPECT_EQ(notes(), expected_notes);
@@ -665,14 +665,14 @@ class UpdateSoftInstallation : public UpdateSoft {
     EXPECT_FALSE(exists(agent("update")));
   }
 
-  /// Whether the agent's process is still there; it is not waited for.
+  /// Whether the agent still runs. Does not wait for it.
   [[nodiscard]] bool agent_runs() const {
     siginfo_t end = {};
     const auto pid = static_cast<id_t>(agent_process_.pid());
     return ::waitid(P_PID, pid, &end, WEXITED | WNOHANG | WNOWAIT) == 0 && end.si_pid == 0;
   }
 
-  /// The package could not be had, and the agent goes on.
+  /// Expects that the package was not available and that the agent still runs.
   void expect_untouched(const Lines& messages) {
     EXPECT_EQ(log_messages(), messages);
     EXPECT_EQ(notes(), Lines());
@@ -732,7 +732,7 @@ TEST_F(UpdateSoftInstallation, AfterAFailedDownloadTouchesNothing) {
 
 TEST_F(UpdateSoftInstallation, OfAnErrorPageFailsToUnpack) {
   const std::string before = read_file(config());
-  EXPECT_EQ(updater_.run_update_norvak_agent(), -1);  // the server knows no such file
+  EXPECT_EQ(updater_.run_update_norvak_agent(), -1);  // the server has no such file
   expect_restarted({kUnpackFailed, kUpdateFailed},
                    {"tar in runlog, marker", "startup.sh in runlog"});
   EXPECT_EQ(read_file(config()), before);
@@ -759,7 +759,7 @@ TEST_F(UpdateSoftInstallation, OfAPackageWithoutAScriptFails) {
   EXPECT_TRUE(exists(data_dir() + "/upgrade"));
 }
 
-TEST_F(UpdateSoftInstallation, KeepsWhatAFailingScriptDid) {
+TEST_F(UpdateSoftInstallation, KeepsTheChangesOfAFailingScript) {
   const std::string before = read_file(config());
   publish("echo new > ../../program; exit 3");
   EXPECT_EQ(updater_.run_update_norvak_agent(), -1);
@@ -774,14 +774,14 @@ TEST_F(UpdateSoftInstallation, WithAScriptThatIsKilledFails) {
   expect_restarted({kScriptFailed, kUpdateFailed}, kAllNotes);
 }
 
-TEST_F(UpdateSoftInstallation, FailsWhenTheScriptRemovesTheConfiguration) {
+TEST_F(UpdateSoftInstallation, FailsIfTheScriptRemovesTheConfiguration) {
   publish("rm ../../config.xml");
   EXPECT_EQ(updater_.run_update_norvak_agent(), -1);
   expect_restarted({kConfigFailed}, kAllNotes);
 }
 
-/// A configuration that is a link to where the package is put is gone when the package is there.
-TEST_F(UpdateSoftInstallation, FailsSilentlyWhenTheConfigurationIsGoneBeforeUnpacking) {
+/// The configuration is a link to the file that the downloaded package replaces.
+TEST_F(UpdateSoftInstallation, FailsSilentlyIfTheConfigurationDisappearsBeforeUnpacking) {
   publish("");
   ASSERT_EQ(::rename(config().c_str(), package().c_str()), 0);
   ASSERT_EQ(::symlink(package().c_str(), config().c_str()), 0);
@@ -790,7 +790,7 @@ TEST_F(UpdateSoftInstallation, FailsSilentlyWhenTheConfigurationIsGoneBeforeUnpa
   EXPECT_EQ(names_in(data_dir()), Lines());
 }
 
-TEST_F(UpdateSoftInstallation, GoesOnWithoutARunningAgent) {
+TEST_F(UpdateSoftInstallation, ContinuesWithoutARunningAgent) {
   publish("");
   ASSERT_EQ(::unlink(agent("norvak.pid").c_str()), 0);
   EXPECT_EQ(updater_.run_update_norvak_agent(), 0);
@@ -798,14 +798,14 @@ TEST_F(UpdateSoftInstallation, GoesOnWithoutARunningAgent) {
   EXPECT_TRUE(agent_runs());
 }
 
-TEST_F(UpdateSoftInstallation, DoesNotLookAtTheResultOfTheStart) {
+TEST_F(UpdateSoftInstallation, IgnoresTheResultOfTheStart) {
   publish("");
   write_script(agent("startup.sh"), "exit 1");
   EXPECT_EQ(updater_.run_update_norvak_agent(), 0);
   EXPECT_EQ(log_messages(), Lines());
 }
 
-TEST_F(UpdateSoftInstallation, KeepsTheContentsOfAMarkerThatExistsAndDeletesItAtTheEnd) {
+TEST_F(UpdateSoftInstallation, KeepsTheContentsOfAnExistingMarkerAndDeletesItAtTheEnd) {
   write_file(agent("update"), "marker of an earlier run");
   publish("cp ../../update ../../marker");
   EXPECT_EQ(updater_.run_update_norvak_agent(), 0);
@@ -822,21 +822,21 @@ TEST_F(UpdateSoftInstallation, GivesTheMarkerThePermissionsOfANewFile) {
   EXPECT_EQ(read_file(agent("modes")), "666\n664\n");
 }
 
-TEST_F(UpdateSoftInstallation, DeletesAnEmptyDirectoryInThePlaceOfTheMarker) {
+TEST_F(UpdateSoftInstallation, DeletesAnEmptyDirectoryWithTheNameOfTheMarker) {
   ASSERT_EQ(::mkdir(agent("update").c_str(), 0755), 0);
   publish("");
   EXPECT_EQ(updater_.run_update_norvak_agent(), 0);
   EXPECT_FALSE(exists(agent("update")));
 }
 
-TEST_F(UpdateSoftInstallation, GoesOnWithoutAMarker) {
+TEST_F(UpdateSoftInstallation, ContinuesWithoutAMarker) {
   make_full_directory(agent("update"));
   publish("");
   EXPECT_EQ(updater_.run_update_norvak_agent(), 0);
   EXPECT_EQ(names_in(agent("update")), Lines({"occupant"}));
 }
 
-TEST_F(UpdateSoftInstallation, LeavesNothingBehindAfterTheRelease) {
+TEST_F(UpdateSoftInstallation, LeavesNoFilesAfterTheRelease) {
   publish("");
   EXPECT_EQ(updater_.run_update_norvak_agent(), 0);
   EXPECT_EQ(names_in(data_dir()), Lines({"update"}));
@@ -853,11 +853,11 @@ TEST_F(UpdateSoftInstallation, DoesNotUnpackWithoutAConfiguration) {
 
 // The carry-over of settings
 
-/// The server's version is known, and a script puts the new configuration in place.
+/// The version file exists, and a script installs the new configuration.
 class UpdateSoftCarryOver : public UpdateSoft {
  protected:
-  /// Notes the update method of the old configuration, installs the new one, and edits it.
-  /// @return how often it was saved
+  /// Records the update method of the old configuration, installs the new one, and edits it.
+  /// @return how often the new one was saved
   std::size_t carry_over(const Settings& old_settings, const Settings& new_settings) {
     write_config(new_settings);
     EXPECT_EQ(::rename(config().c_str(), agent("new_config.xml").c_str()), 0);
@@ -961,11 +961,11 @@ TEST_F(UpdateSoftCarryOver, OfAManualRunEmptiesTheVersion) {
 
 TEST_F(UpdateSoftCarryOver, CountsAnEmptyValueAsAChange) {
   const Settings installed = {{"version", "?"}, {"update_type", "1"}, {"version", "!"}};
-  EXPECT_EQ(carry_over(settings(), installed), 2U);  // of a manual run, which knows no version
+  EXPECT_EQ(carry_over(settings(), installed), 2U);  // as in a manual run, without a version
   expect_settings({{"version", ""}, {"update_type", "0"}, {"version", "!"}});
 }
 
-TEST_F(UpdateSoftCarryOver, OfAManualRunTakesTheVersionFileThatIsLeftOver) {
+TEST_F(UpdateSoftCarryOver, OfAManualRunUsesALeftoverVersionFile) {
   write_file(version_file(), "agent_3.0\nsecond line\n");
   EXPECT_EQ(carry_over(settings(), {{"version", "?"}}), 1U);
   expect_settings({{"version", "agent_3.0"}});
@@ -999,7 +999,7 @@ TEST_F(UpdateSoftCarryOver, FailsWithAMalformedConfiguration) {
   EXPECT_EQ(log_messages(), Lines());
 }
 
-TEST_F(UpdateSoftCarryOver, DoesNotNoticeThatASaveFails) {
+TEST_F(UpdateSoftCarryOver, IgnoresThatASaveFails) {
   const SmallDisk disk(install_path(), 65536);
   ASSERT_TRUE(disk.mounted());
   write_config(settings());

@@ -1,4 +1,4 @@
-// What the four updaters do alike: their life between init() and release().
+// What the four updaters have in common: init() and release().
 #include <sys/stat.h>
 
 #include <filesystem>
@@ -53,7 +53,7 @@ using AllUpdaters =
     testing::Types<CUpdateSoftImpl, CUpdateKernelImpl, CUpdateNginxImpl, CUpdateRuleImpl>;
 TYPED_TEST_SUITE(Updaters, AllUpdaters, UpdaterNames);
 
-TYPED_TEST(Updaters, InitMakesTheWorkDirectoryWithoutASearchBit) {
+TYPED_TEST(Updaters, InitCreatesTheWorkDirectoryWithoutASearchBit) {
   const ScopedUmask umask(0);
   EXPECT_EQ(this->updater_.init(), 0);
   EXPECT_EQ(mode_of(this->work_dir()), 0644U);
@@ -68,20 +68,20 @@ TYPED_TEST(Updaters, InitLeavesAnExistingWorkDirectoryAsItIs) {
   EXPECT_EQ(read_file(this->work_dir() + "/leftover"), "leftover");
 }
 
-TYPED_TEST(Updaters, InitDoesNotNoticeThatTheWorkDirectoryCannotBeMade) {
+TYPED_TEST(Updaters, InitIgnoresThatTheWorkDirectoryCannotBeCreated) {
   write_file(this->work_dir(), "a file");
   EXPECT_EQ(this->updater_.init(), 0);
   EXPECT_EQ(read_file(this->work_dir()), "a file");
 }
 
-TYPED_TEST(Updaters, InitReadsTheInstallDirectoryAfresh) {
+TYPED_TEST(Updaters, InitReadsTheInstallDirectoryAgain) {
   (void)this->updater_.init();
   test_support::write_install_path(this->agent("runlog") + "\n");
   (void)this->updater_.init();
   EXPECT_EQ(names_in(this->agent("runlog")), Lines({kWorkDir<TypeParam>}));
 }
 
-TYPED_TEST(Updaters, ReleaseRemovesTheWorkDirectoryWithEverythingInIt) {
+TYPED_TEST(Updaters, ReleaseRemovesTheWorkDirectoryRecursively) {
   (void)this->updater_.init();
   write_file(this->work_dir() + "/file", "file");
   write_file(this->work_dir() + "/deep/deeper/file", "file");
@@ -90,14 +90,14 @@ TYPED_TEST(Updaters, ReleaseRemovesTheWorkDirectoryWithEverythingInIt) {
   EXPECT_EQ(names_in(this->install_path()), Lines({"beside", "runlog"}));
 }
 
-TYPED_TEST(Updaters, ReleaseRemovesAFileInThePlaceOfTheWorkDirectory) {
+TYPED_TEST(Updaters, ReleaseRemovesAFileWithTheNameOfTheWorkDirectory) {
   write_file(this->work_dir(), "a file");
   (void)this->updater_.init();
   this->updater_.release();
   EXPECT_FALSE(exists(this->work_dir()));
 }
 
-TYPED_TEST(Updaters, ReleaseWithTheWorkDirectoryGoneIsHarmless) {
+TYPED_TEST(Updaters, ReleaseWithoutAWorkDirectoryIsHarmless) {
   (void)this->updater_.init();
   ASSERT_GT(std::filesystem::remove_all(this->work_dir()), 0U);
   this->updater_.release();
@@ -105,7 +105,7 @@ TYPED_TEST(Updaters, ReleaseWithTheWorkDirectoryGoneIsHarmless) {
   EXPECT_EQ(this->log_messages(), Lines());
 }
 
-TYPED_TEST(Updaters, TheEndOfTheObjectLeavesTheWorkDirectory) {
+TYPED_TEST(Updaters, TheDestructorLeavesTheWorkDirectory) {
   {
     TypeParam updater;
     (void)updater.init();

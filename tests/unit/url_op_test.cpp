@@ -55,7 +55,7 @@ string_list failure_with(int code) {
   return {"CUrlOp::url_down_file: curl_easy_perform failed[" + std::to_string(code) + "]"};
 }
 
-/// A whole reply that sends its body in these pieces: the client sees each of them alone.
+/// A complete reply with these pieces as chunks, which the client receives separately.
 std::string chunked_reply(const std::vector<std::string>& pieces) {
   std::string reply = "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n";
   for (const std::string& piece : pieces) {
@@ -66,7 +66,7 @@ std::string chunked_reply(const std::vector<std::string>& pieces) {
   return reply + "0\r\n\r\n";
 }
 
-/// Downloads into a file of the agent's from a server that the test scripts.
+/// Downloads from a scripted server into a file of the agent.
 class Download : public test_support::AgentTest {
  protected:
   [[nodiscard]] std::string target() const { return agent("file"); }
@@ -83,16 +83,16 @@ class Download : public test_support::AgentTest {
 
 }  // namespace
 
-// Stands in front of the library's function for everything in this program, and notes the option.
+// Replaces the library's function in this program, and records the option.
 #undef curl_easy_setopt
 #pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wvarargs"  // the header, too, has an enumeration in front of "..."
+#pragma GCC diagnostic ignored "-Wvarargs"  // the header has an enumeration before "...", too
 extern "C" CURLcode curl_easy_setopt(CURL* curl, CURLoption option, ...) {
   using Setopt = CURLcode (*)(CURL*, CURLoption, ...);
   static const auto real_setopt = reinterpret_cast<Setopt>(::dlsym(RTLD_NEXT, "curl_easy_setopt"));
   std::va_list arguments;
   va_start(arguments, option);
-  void* const value = va_arg(arguments, void*);  // or a long, of the same size
+  void* const value = va_arg(arguments, void*);  // or a long, which has the same size
   va_end(arguments);
   options_set.push_back(option);
   return real_setopt(curl, option, value);
@@ -116,7 +116,7 @@ TEST_F(Download, ATargetThatExistsIsReplacedNotAppendedTo) {
   EXPECT_EQ(read_file(target()), "new\n");
 }
 
-TEST_F(Download, TheRequestIsThatOfTheLibrarysDefaults) {
+TEST_F(Download, TheRequestHasTheLibrarysDefaultHeaders) {
   server_.reply("/file", "new\n");
   EXPECT_EQ(download(), 0);
   EXPECT_EQ(server_.raw_requests(),
@@ -150,7 +150,7 @@ TEST_F(Download, AnEmptyBodyLeavesNoFile) {
   EXPECT_EQ(log_messages(), string_list());
 }
 
-TEST_F(Download, ABodyInManyPiecesIsPutTogether) {
+TEST_F(Download, ABodyInManyPiecesIsJoined) {
   std::vector<std::string> pieces;
   std::string whole;
   for (int i = 0; i < 1000; ++i) {
@@ -162,7 +162,7 @@ TEST_F(Download, ABodyInManyPiecesIsPutTogether) {
   EXPECT_EQ(read_file(target()), whole);
 }
 
-TEST_F(Download, ALargeBodyArrivesWhole) {
+TEST_F(Download, ALargeBodyIsComplete) {
   std::string body(std::size_t{2} * 1024 * 1024 + 1, '\0');
   for (std::size_t i = 0; i < body.size(); ++i) body[i] = static_cast<char>(i % 251);
   server_.reply("/file", body);
@@ -170,13 +170,13 @@ TEST_F(Download, ALargeBodyArrivesWhole) {
   EXPECT_TRUE(read_file(target()) == body);
 }
 
-TEST_F(Download, ABodyThatEndsWithTheConnectionIsWhole) {
+TEST_F(Download, ABodyThatEndsWithTheConnectionIsComplete) {
   server_.reply_raw("/file", "HTTP/1.0 200 OK\r\n\r\nbody");
   EXPECT_EQ(download(), 0);
   EXPECT_EQ(read_file(target()), "body");
 }
 
-TEST_F(Download, EachFileHasARequestOfItsOwn) {
+TEST_F(Download, EachFileHasItsOwnRequest) {
   server_.reply("/file", "first");
   EXPECT_EQ(download(), 0);
   server_.reply("/file", "second");
@@ -185,7 +185,7 @@ TEST_F(Download, EachFileHasARequestOfItsOwn) {
   EXPECT_EQ(server_.requests(), (string_list{"GET /file", "GET /file"}));
 }
 
-TEST_F(Download, ABodyCutShortFailsAndLeavesItsPart) {
+TEST_F(Download, ATruncatedBodyFailsAndLeavesItsPart) {
   server_.reply_raw("/file", "HTTP/1.1 200 OK\r\nContent-Length: 100\r\n\r\npart");
   EXPECT_EQ(download(), -1);
   EXPECT_EQ(log_messages(), failure_with(CURLE_PARTIAL_FILE));
@@ -208,7 +208,7 @@ TEST_F(Download, AResetConnectionFails) {
 
 TEST_F(Download, ARefusedConnectionFailsWithCode7) {
   const utility::Descriptor silent(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-  sockaddr_in address = {};  // of a port that is taken, but not listened on
+  sockaddr_in address = {};  // a port that is bound, but not listened on
   address.sin_family = AF_INET;
   address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
   socklen_t size = sizeof address;
@@ -234,7 +234,7 @@ TEST_F(Download, AMissingDirectoryFailsWithCode23) {
   EXPECT_EQ(log_messages(), (string_list{"CUrlOp::url_down_file: curl_easy_perform failed[23]"}));
 }
 
-TEST_F(Download, AnOldTargetThatCannotBeDeletedIsNoFailureOfItsOwn) {
+TEST_F(Download, AnOldTargetThatCannotBeDeletedIsNotAnErrorByItself) {
   server_.reply("/file", "new\n");
   ASSERT_EQ(::mkdir(target().c_str(), 0755), 0);
   EXPECT_EQ(download(), -1) << "a directory cannot be written";
@@ -259,7 +259,7 @@ TEST_F(Download, AFullDiskFailsWithCode23AndLeavesThePartThatFits) {
   EXPECT_EQ(read_file(path), std::string(kDiskBytes, 'a'));
 }
 
-TEST_F(Download, AnErrorThatOnlyTheCloseShowsFailsWithCode23) {
+TEST_F(Download, AnErrorReportedByCloseFailsWithCode23) {
   server_.reply("/file", "new\n");
   {
     const ScopedFault fault(Fault::kCloseFails);
@@ -268,7 +268,7 @@ TEST_F(Download, AnErrorThatOnlyTheCloseShowsFailsWithCode23) {
   EXPECT_EQ(log_messages(), failure_with(CURLE_WRITE_ERROR));
 }
 
-TEST_F(Download, NothingButTheAddressTheFileAndIpv4IsSetSoThatNothingLimitsItsTime) {
+TEST_F(Download, OnlyTheAddressTheFileAndIpv4AreSetSoThereIsNoTimeout) {
   server_.reply("/file", "new\n");
   options_set.clear();
   EXPECT_EQ(download(), 0);
@@ -287,7 +287,7 @@ TEST_F(Download, AServerThatNeverAnswersBlocksTheRun) {
   }
   EXPECT_TRUE(server_.wait_for_requests(1));
   (void)::usleep(100000);
-  EXPECT_EQ(::waitpid(run, nullptr, WNOHANG), 0) << "it has given up";
+  EXPECT_EQ(::waitpid(run, nullptr, WNOHANG), 0) << "it has ended";
   (void)::kill(run, SIGKILL);
   EXPECT_EQ(::waitpid(run, nullptr, 0), run);
   EXPECT_EQ(log_messages(), string_list());
@@ -296,7 +296,7 @@ TEST_F(Download, AServerThatNeverAnswersBlocksTheRun) {
 TEST_F(Download, AHostNameWithOnlyAnIpv6AddressDoesNotResolve) {
   if (!exists("/etc/hosts") || !exists("/etc/nsswitch.conf"))
     GTEST_SKIP() << "this host has no files that names are resolved by";
-  // An address of the discard prefix: the C library takes ::1 for an IPv4 address too.
+  // From the discard-only prefix: the C library treats ::1 as an IPv4 address, too.
   write_file(agent("hosts"), "100::6 six.norvak.test\n127.0.0.1 four.norvak.test\n");
   write_file(agent("nsswitch.conf"), "hosts: files\n");
   const FileMount hosts(agent("hosts"), "/etc/hosts");
@@ -343,7 +343,7 @@ TEST_F(Download, WithoutAHandleTheDownloadFails) {
 /// A test with an empty directory.
 class DownloadStep : public testing::Test {
  protected:
-  /// What the write callback returns for @a count items of @a size bytes to the file @a name.
+  /// The result of the write callback for @a count items of @a size bytes and the file @a name.
   std::size_t write(const std::string& name, std::string data, std::size_t size,
                     std::size_t count) const {
     std::string path = dir_ / name;

@@ -59,7 +59,7 @@ std::string replaced(std::string s, const std::string& from, const std::string& 
   return s;
 }
 
-/// The number that a string stream reads, which is what the conversions are to agree with.
+/// The number that a string stream reads; the conversions must agree with it.
 template <typename Number>
 Number streamed(const std::string& text) {
   Number number = 0;
@@ -126,7 +126,7 @@ TEST(CStr, LeftAndRightTrimByteEachTouchOneEnd) {
   EXPECT_EQ(nothing_else, "");
 }
 
-TEST(CStr, RemarkMarkerIsCutOffWithAllBehindItAndTheBlankInFrontStays) {
+TEST(CStr, ARemarkIsRemovedFromItsMarkerOnAndTheBlankBeforeStays) {
   EXPECT_EQ(without_remark("#", "setting 1 # a remark # in a remark"), "setting 1 ");
 }
 
@@ -135,7 +135,7 @@ TEST(CStr, RemarkMarkerCutsAtItsFirstOccurrence) {
   EXPECT_EQ(without_remark("#", "# all"), "");
   EXPECT_EQ(without_remark("#", "none"), "none");
   EXPECT_EQ(without_remark("#", ""), "");
-  EXPECT_EQ(without_remark("", "an empty marker stands at the start"), "");
+  EXPECT_EQ(without_remark("", "an empty marker is found at the start"), "");
 }
 
 TEST(CStr, ClosedRemarksAreRemovedAndAnUnclosedOneStays) {
@@ -151,7 +151,7 @@ TEST(CStr, RemarkSpansFollowTheirRules) {
       {"nothing to do", "<", ">", "text", "text"},
       {"empty text", "<", ">", "", ""},
       {"whole text", "<", ">", "<text>", ""},
-      {"a close in front is no close", "<", ">", "a> b <c> d", "a> b  d"},
+      {"a close before the open does not count", "<", ">", "a> b <c> d", "a> b  d"},
       {"the first close ends the span", "<", ">", "<a<b>c>", "c>"},
       {"what grew together is searched again", "<", ">", "a<<1>b>c", "ab>c"},
       {"spans may join to a new one", "(*", "*)", "((*1*)*2*)3", "3"},
@@ -220,7 +220,7 @@ TEST(CStr, WhatWasInsertedIsNotReplacedAgain) {
 
 TEST(CStr, ReplacingTheEmptyStringChangesNothing) { EXPECT_EQ(replaced("text", "", "x"), "text"); }
 
-TEST(CStr, NumbersAreReadAsFarAsTheyGo) {
+TEST(CStr, NumbersEndAtTheFirstOtherCharacter) {
   struct Case {
     std::string text;
     long long number;

@@ -66,7 +66,7 @@ class File : public testing::Test {
   ScratchDirectory dir_;
 };
 
-/// A pipe, read and written by two threads: only the one of the test is interrupted by signals.
+/// A pipe between two threads. Signals interrupt only the thread of the test.
 class Pipe : public testing::Test {
  protected:
   Pipe() {
@@ -121,7 +121,7 @@ TEST(Descriptor, OwnsNothingAfterAMove) {
   {
     const Descriptor second(std::move(first));
     EXPECT_EQ(second.get(), fd);
-    EXPECT_FALSE(first);  // NOLINT(bugprone-use-after-move): what a move leaves is what is tested
+    EXPECT_FALSE(first);  // NOLINT(bugprone-use-after-move): the moved-from state is tested
   }
   EXPECT_FALSE(is_open(fd));
 }
@@ -136,9 +136,9 @@ TEST(Descriptor, ClosesOnce) {
   EXPECT_TRUE(Descriptor(-1).close());
 }
 
-TEST(Descriptor, TellsThatAnOpenFailed) { EXPECT_FALSE(Descriptor(::open("", O_RDONLY))); }
+TEST(Descriptor, ReportsAFailedOpen) { EXPECT_FALSE(Descriptor(::open("", O_RDONLY))); }
 
-TEST(Descriptor, TellsThatACloseFailed) {
+TEST(Descriptor, ReportsAFailedClose) {
   EXPECT_FALSE(Descriptor(::dup(-1))) << "dup failed";
   const int fd = open_null();
   Descriptor owner(fd);
@@ -146,7 +146,7 @@ TEST(Descriptor, TellsThatACloseFailed) {
   EXPECT_FALSE(owner.close());
 }
 
-TEST_F(Pipe, ReadingTakesWhatIsThere) {
+TEST_F(Pipe, ReadingReturnsTheAvailableBytes) {
   ASSERT_EQ(utility::write_all(write_end_->get(), "abc", 3), 3U);
   std::array<char, 8> block{};
   EXPECT_EQ(utility::read_some(read_end_->get(), block.data(), 2), 2);
@@ -156,7 +156,7 @@ TEST_F(Pipe, ReadingTakesWhatIsThere) {
   EXPECT_EQ(utility::read_some(read_end_->get(), block.data(), block.size()), 0) << "at the end";
 }
 
-TEST_F(Pipe, ReadingGoesOnAfterInterruptions) {
+TEST_F(Pipe, ReadingContinuesAfterInterruptions) {
   const Interruptions interruptions;
   std::thread writer = uninterrupted_thread([this] {
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
@@ -168,15 +168,15 @@ TEST_F(Pipe, ReadingGoesOnAfterInterruptions) {
   writer.join();
 }
 
-TEST_F(File, ReadingTellsErrors) {
+TEST_F(File, ReadingReportsErrors) {
   std::array<char, 8> block{};
   const Descriptor directory(::open(dir_.path().c_str(), O_RDONLY | O_CLOEXEC));
   EXPECT_EQ(utility::read_some(directory.get(), block.data(), block.size()), -1);
   EXPECT_EQ(errno, EISDIR);
 }
 
-TEST_F(Pipe, WritingGoesOnAfterShortWritesAndInterruptions) {
-  const std::string text = text_of(std::size_t{512} * 1024);  // much more than a pipe holds
+TEST_F(Pipe, WritingContinuesAfterShortWritesAndInterruptions) {
+  const std::string text = text_of(std::size_t{512} * 1024);  // more than fits into a pipe
   std::string received;
   std::thread reader = uninterrupted_thread([&] {
     std::array<char, 4096> block{};
@@ -197,7 +197,7 @@ TEST_F(Pipe, WritingGoesOnAfterShortWritesAndInterruptions) {
   EXPECT_TRUE(received == text);
 }
 
-TEST_F(Pipe, WritingEndsAtAnErrorAndTellsHowFarItCame) {
+TEST_F(Pipe, WritingEndsAtAnErrorAndReturnsTheBytesWritten) {
   ASSERT_EQ(::fcntl(write_end_->get(), F_SETFL, O_NONBLOCK), 0);
   const int capacity = ::fcntl(write_end_->get(), F_GETPIPE_SZ);
   ASSERT_GT(capacity, 0);
@@ -237,7 +237,7 @@ TEST_F(File, ACopyHasThePermissionsOfANewFile) {
   }
 }
 
-TEST_F(File, ACopyReplacesALinkAndNotWhatItLeadsTo) {
+TEST_F(File, ACopyReplacesALinkAndNotItsTarget) {
   write_file(dir_ / "source", "new");
   write_file(dir_ / "file", "untouched");
   ASSERT_EQ(::symlink("file", (dir_ / "target").c_str()), 0);
@@ -246,7 +246,7 @@ TEST_F(File, ACopyReplacesALinkAndNotWhatItLeadsTo) {
   EXPECT_EQ(read_file(dir_ / "file"), "untouched");
 }
 
-TEST_F(File, ACopyToADanglingLinkIsMadeWhereItLeads) {
+TEST_F(File, ACopyToADanglingLinkCreatesItsTarget) {
   write_file(dir_ / "source", "new");
   ASSERT_EQ(::symlink("file", (dir_ / "target").c_str()), 0);
   EXPECT_EQ(copy("source", "target"), CopyResult::kCopied);
@@ -254,7 +254,7 @@ TEST_F(File, ACopyToADanglingLinkIsMadeWhereItLeads) {
   EXPECT_EQ(read_file(dir_ / "file"), "new");
 }
 
-TEST_F(File, ACopyNeverWritesIntoAFileThatIsThereAllTheSame) {
+TEST_F(File, ACopyNeverWritesIntoAFileThatAppearsMeanwhile) {
   write_file(dir_ / "source", "new");
   write_file(dir_ / "target", "of another run");
   const test_support::ScopedFault fault(test_support::Fault::kAccessFails);
@@ -262,7 +262,7 @@ TEST_F(File, ACopyNeverWritesIntoAFileThatIsThereAllTheSame) {
   EXPECT_EQ(read_file(dir_ / "target"), "of another run");
 }
 
-TEST_F(File, AMissingSourceCostsTheOldTarget) {
+TEST_F(File, WithAMissingSourceTheOldTargetIsLost) {
   write_file(dir_ / "target", "old");
   EXPECT_EQ(copy("missing", "target"), CopyResult::kFailed);
   EXPECT_EQ(names_in(dir_.path()), string_list());
@@ -287,7 +287,7 @@ TEST_F(File, ATargetThatCannotBeDeletedIsLeftAlone) {
   EXPECT_EQ(read_file(dir_ / "busy"), "old");
 }
 
-TEST_F(File, ASourceThatCannotBeReadGivesThePartInFront) {
+TEST_F(File, AReadErrorGivesEverythingBeforeIt) {
   ASSERT_EQ(::mkdir((dir_ / "directory").c_str(), 0755), 0);
   EXPECT_EQ(copy("directory", "target"), CopyResult::kReadFailed);
   EXPECT_EQ(read_file(dir_ / "target"), "");
@@ -300,7 +300,7 @@ TEST_F(File, ASourceThatCannotBeReadGivesThePartInFront) {
   EXPECT_TRUE(read_file(dir_ / "target") == text_of(200000));
 }
 
-TEST_F(File, AFullDiskEndsTheCopyAndLeavesNoPart) {
+TEST_F(File, AFullDiskEndsTheCopyAndLeavesNoPartialFile) {
   ASSERT_EQ(::mkdir((dir_ / "disk").c_str(), 0755), 0);
   const SmallDisk disk(dir_ / "disk", kDiskBytes);
   if (!disk.mounted()) GTEST_SKIP() << "this host does not allow private mount namespaces";
@@ -313,7 +313,7 @@ TEST_F(File, AFullDiskEndsTheCopyAndLeavesNoPart) {
   EXPECT_EQ(copy("source", "disk/target"), CopyResult::kCopied) << "it just fits";
 }
 
-TEST_F(File, AnErrorThatOnlyTheCloseShowsEndsTheCopyToo) {
+TEST_F(File, AnErrorReportedByCloseFailsTheCopy) {
   write_file(dir_ / "source", "new");
   {
     const ScopedFault fault(Fault::kCloseFails);
@@ -323,7 +323,7 @@ TEST_F(File, AnErrorThatOnlyTheCloseShowsEndsTheCopyToo) {
   EXPECT_EQ(copy("source", "target"), CopyResult::kCopied) << "without the fault";
 }
 
-TEST_F(File, ACopyWithoutMemoryCostsNothing) {
+TEST_F(File, WithoutMemoryNothingIsChanged) {
   write_file(dir_ / "source", "new");
   write_file(dir_ / "target", "old");
   {
@@ -348,18 +348,18 @@ TEST_F(File, ACopyLeavesNoFileOpen) {
 TEST_F(File, ASourceOver2GibIsOpened) {
   write_file(dir_ / "source", "begin");
   grow_file(dir_ / "source", kTwoGib);
-  const ScopedFault fault(Fault::kReadFails, 5);  // copying it all would take long
+  const ScopedFault fault(Fault::kReadFails, 5);  // copying the whole file would take too long
   EXPECT_EQ(copy("source", "target"), CopyResult::kReadFailed);
   EXPECT_EQ(size_of(dir_ / "target"), 5);
 }
 
-TEST_F(File, ACopyGoesOnBeyond2Gib) {
+TEST_F(File, ACopyContinuesBeyond2Gib) {
   ASSERT_EQ(::mkfifo((dir_ / "source").c_str(), 0600), 0);
   std::thread writer([this] {
     const Descriptor source(::open((dir_ / "source").c_str(), O_WRONLY | O_CLOEXEC));
     EXPECT_EQ(utility::write_all(source.get(), "begin", 5), 5U);
     for (int waited = 0; size_of(dir_ / "target") < 5 && waited < 5000; ++waited) ::usleep(1000);
-    grow_file(dir_ / "target", kTwoGib - 1);  // stands for the bytes that would take long
+    grow_file(dir_ / "target", kTwoGib - 1);  // a hole: writing all bytes takes too long
     EXPECT_EQ(utility::write_all(source.get(), "end", 3), 3U);
   });
   EXPECT_EQ(copy("source", "target"), CopyResult::kCopied);
@@ -474,7 +474,7 @@ TEST_F(File, AWorkDirectoryThatExistsIsKept) {
   EXPECT_EQ(read_file(dir_ / "work/file"), "kept");
 }
 
-TEST_F(File, AWorkDirectoryThatCannotBeMadeIsMissing) {
+TEST_F(File, AWorkDirectoryThatCannotBeCreatedIsMissing) {
   utility::make_work_dir(dir_ / "missing/work");
   EXPECT_EQ(names_in(dir_.path()), string_list());
 }

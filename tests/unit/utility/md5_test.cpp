@@ -22,8 +22,8 @@ using State = std::array<std::uint32_t, 4>;
 constexpr State kInitialState = {0x67452301, 0xefcdab89, 0x98badcfe, 0x10325476};
 constexpr std::size_t kBlockBytes = 64;
 
-/// The algorithm as the textbook has it, for comparison: one loop over the 64 steps, with the sine
-/// table computed, over the whole message with its padding. Slow and plain.
+/// A plain and slow implementation for comparison: one loop over the 64 steps, with a computed sine
+/// table, over the whole padded message.
 namespace textbook {
 
 void add_block(State& state, const unsigned char* block) {
@@ -47,8 +47,7 @@ void add_block(State& state, const unsigned char* block) {
   state = {state[0] + a, state[1] + b, state[2] + c, state[3] + d};
 }
 
-/// The digest of a message that continues one of @a bits_before bits, a whole number of blocks,
-/// which led to @a state.
+/// The digest of the rest of a message, after @a bits_before bits (whole blocks) led to @a state.
 Digest digest(Bytes message, State state = kInitialState, std::uint64_t bits_before = 0) {
   const std::uint64_t bits = bits_before + 8 * std::uint64_t{message.size()};
   message.push_back(0x80);
@@ -67,7 +66,7 @@ Digest digest(Bytes message, State state = kInitialState, std::uint64_t bits_bef
 
 Bytes bytes_of(const std::string& text) { return {text.begin(), text.end()}; }
 
-/// A message without a pattern that a fault could hide behind.
+/// A pseudo-random message.
 Bytes message_of(std::size_t size) {
   Bytes message(size);
   std::uint32_t random = 1;
@@ -88,7 +87,7 @@ Digest final_digest(MD5_CTX& context) {
   return digest;
 }
 
-/// The digest of @a message, handed over in pieces that end at @a cuts, which ascend.
+/// The digest of @a message, passed in pieces that end at @a cuts, in ascending order.
 Digest digest_in_pieces(const Bytes& message, const std::vector<std::size_t>& cuts) {
   MD5_CTX context;
   MD5().MD5Init(&context);
@@ -156,7 +155,7 @@ TEST(Md5, EveryCutIntoTwoPiecesGivesTheSameDigest) {
   }
 }
 
-TEST(Md5, ArbitraryCutsGiveTheSameDigest) {
+TEST(Md5, AnyCutsGiveTheSameDigest) {
   const Bytes message = message_of(1000);
   const std::string whole = hex(textbook::digest(message));
   std::uint32_t random = 7;
@@ -189,7 +188,7 @@ TEST(Md5, AnUpdateWithoutBytesChangesNothing) {
   EXPECT_EQ(final_digest(context), textbook::digest(message));
 }
 
-TEST(Md5, TheMessageMayStandAtAnyAddress) {
+TEST(Md5, TheMessageMayBeUnaligned) {
   const Bytes message = message_of(130);
   for (std::size_t offset = 1; offset < 16; ++offset) {
     Bytes shifted(offset, 0);
@@ -201,7 +200,7 @@ TEST(Md5, TheMessageMayStandAtAnyAddress) {
   }
 }
 
-/// As if whole blocks had been taken already: a message of that length would take seconds.
+/// Starts with a count of whole blocks, because a message of that length would take seconds.
 void expect_right_count(std::uint64_t bits_before) {
   const Bytes message = message_of(150);
   for (const std::size_t cut : {0U, 1U, 63U, 64U, 65U, 150U}) {
@@ -251,7 +250,7 @@ TEST(Md5, TheEndClearsTheState) {
                           [](unsigned char byte) { return byte == 0; }));
 }
 
-TEST(Md5, AStateCanBeginAgain) {
+TEST(Md5, AStateCanBeReused) {
   MD5_CTX context;
   MD5().MD5Init(&context);
   const Bytes first = message_of(100);
@@ -260,7 +259,7 @@ TEST(Md5, AStateCanBeginAgain) {
   EXPECT_EQ(hex(final_digest(context)), "d41d8cd98f00b204e9800998ecf8427e");
 }
 
-TEST(Md5, DigestsInProgressDoNotMeet) {
+TEST(Md5, DigestsInProgressAreIndependent) {
   MD5 md5;
   MD5_CTX first;
   MD5_CTX second;

@@ -44,12 +44,12 @@ TEST(Md5Wrapper, AMissingFileGivesMinusOne) {
   EXPECT_EQ(md5wrapper().getHashFromFile(""), "-1");
 }
 
-TEST(Md5Wrapper, FilesAroundTheBlockSizesAreDigestedWhole) {
+TEST(Md5Wrapper, FilesAroundTheBlockSizesAreDigestedCompletely) {
   struct Case {
     std::size_t size;
     const char* digest;
   };
-  // As md5sum prints them for so many times the letter a.
+  // The output of md5sum for this many letters a.
   constexpr Case kCases[] = {
       {1, "0cc175b9c0f1b6a831c399e269772661"},     {63, "b06521f39153d618550606be297466d5"},
       {64, "014842d480b571495a4a0363793f7367"},    {65, "c743a45e0d2e6a95cb859adae0248435"},
@@ -66,8 +66,8 @@ TEST(Md5Wrapper, FilesAroundTheBlockSizesAreDigestedWhole) {
   }
 }
 
-// Its length in bits needs more than 32 bits, and it takes more than one update of the state.
-TEST(Md5Wrapper, AStringOfMoreThan512MibIsDigestedWhole) {
+// Its length in bits does not fit into 32 bits, and it is longer than one update.
+TEST(Md5Wrapper, AStringOfMoreThan512MibIsDigestedCompletely) {
   const std::string text((std::size_t{1} << 29) + 1, 'a');
   EXPECT_EQ(md5wrapper().getHashFromString(text), "078bda7798db94df0cbf9700c4029912");
 }
@@ -119,30 +119,30 @@ TEST(Md5Wrapper, AFileOver2GibIsOpened) {
   const ScratchDirectory dir;
   write_file(dir / "file", "a");
   grow_file(dir / "file", kTwoGib);
-  const ScopedFault fault(Fault::kReadFails, 1);  // reading it all takes long
+  const ScopedFault fault(Fault::kReadFails, 1);  // reading the whole file takes too long
   EXPECT_EQ(md5wrapper().getHashFromFile(dir / "file"), "0cc175b9c0f1b6a831c399e269772661");
 }
 
-TEST(Md5Wrapper, AFileOver2GibIsDigestedWhole) {
+TEST(Md5Wrapper, AFileOver2GibIsDigestedCompletely) {
 #ifndef NDEBUG
   GTEST_SKIP() << "takes long without optimisation";
 #endif
   if (!test_support::in_private_namespace())
     GTEST_SKIP() << "this host does not allow private mount namespaces";
-  const std::string path = "/var/log/file";  // in memory, which reads what is not there fastest
+  const std::string path = "/var/log/file";  // a file system in memory reads holes fastest
   write_file(path, "");
   grow_file(path, kTwoGib);
   std::ofstream(path, std::ios::app) << "end";
   EXPECT_EQ(md5wrapper().getHashFromFile(path),
-            "6a1ec11900bf4bf6d15aaed82dbd1ec7");  // as md5sum prints it
+            "6a1ec11900bf4bf6d15aaed82dbd1ec7");  // the output of md5sum
 }
 
 TEST(Md5Wrapper, AFileThatCannotBeReadHasTheDigestOfNothing) {
-  const ScratchDirectory dir;  // a directory can be opened, but every read of it fails
+  const ScratchDirectory dir;  // a directory can be opened, but not read
   EXPECT_EQ(md5wrapper().getHashFromFile(dir.path()), kEmptyDigest);
 }
 
-TEST(Md5Wrapper, AReadErrorEndsTheDigestLikeTheEndOfTheFile) {
+TEST(Md5Wrapper, AReadErrorCountsAsTheEndOfTheFile) {
   const ScratchDirectory dir;
   const std::string contents = text_of(100000);
   write_file(dir / "file", contents);

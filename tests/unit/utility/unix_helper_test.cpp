@@ -59,7 +59,7 @@ class InstallPath : public testing::Test {
     (void)::rmdir(test_support::kInstallPathFile);
   }
 
-  /// The install directory when this text stands in the file that names it.
+  /// The install directory if version_control has this text.
   static std::string install_path_from(const std::string& text) {
     write_install_path(text);
     return CUnixHelper::get_norvak_path();
@@ -73,7 +73,7 @@ TEST_F(InstallPath, IsTheFirstLineWithoutItsLineFeed) {
   EXPECT_EQ(install_path_from("/opt/agent/\n"), "/opt/agent/");
 }
 
-TEST_F(InstallPath, KeepsABlankBehindThePath) {
+TEST_F(InstallPath, KeepsABlankAfterThePath) {
   EXPECT_EQ(install_path_from("/opt/agent \n"), "/opt/agent ");
 }
 
@@ -95,11 +95,11 @@ TEST_F(InstallPath, IsEmptyWhenTheFileIsEmpty) {
 }
 
 TEST_F(InstallPath, IsTheDefaultWhenTheFileCannotBeRead) {
-  ASSERT_EQ(::mkdir(test_support::kInstallPathFile, 0755), 0);  // opens, but cannot be read
+  ASSERT_EQ(::mkdir(test_support::kInstallPathFile, 0755), 0);  // can be opened, but not read
   EXPECT_EQ(CUnixHelper::get_norvak_path(), "/usr/local/norvak_agent");
 }
 
-TEST_F(InstallPath, IsCutAfter1022Characters) {
+TEST_F(InstallPath, IsTruncatedAfter1022Characters) {
   for (const std::size_t length : {1021U, 1022U}) {
     const std::string path = "/" + std::string(length - 1, 'a');
     EXPECT_EQ(install_path_from(path), path) << length;
@@ -114,7 +114,7 @@ TEST_F(InstallPath, EndsAtAZeroByte) {
   EXPECT_EQ(install_path_from(std::string("/opt\0/agent\n", 12)), "/opt");
 }
 
-TEST_F(InstallPath, IsReadAfreshEachTime) {
+TEST_F(InstallPath, IsReadAgainEachTime) {
   EXPECT_EQ(install_path_from("/opt/one\n"), "/opt/one");
   EXPECT_EQ(install_path_from("/opt/two\n"), "/opt/two");
   remove();
@@ -171,18 +171,18 @@ TEST(Parse, SplitsAtEachDelimiterAndTrimsWhatFollows) {
       {"one field", "word", " ", {"word"}},
       {"empty text", "", " ", {""}},
       {"outer white space", " \t a b \n", " ", {"a", "b"}},
-      {"white space behind a blank", "a \t\r b", " ", {"a", "b"}},
+      {"white space after a blank", "a \t\r b", " ", {"a", "b"}},
       {"a tab alone is no delimiter", "a\tb c", " ", {"a\tb", "c"}},
-      {"nor is one between quotes", "\"a\tb\" c", " ", {"\"a\tb\"", "c"}},
+      {"a tab between quotes is no delimiter", "\"a\tb\" c", " ", {"\"a\tb\"", "c"}},
       {"empty fields", ",a,,b,", ",", {"", "a", "", "b", ""}},
-      {"a blank in front of a delimiter stays", "a , b", ",", {"a ", "b"}},
+      {"a blank before a delimiter stays", "a , b", ",", {"a ", "b"}},
       {"several delimiters", "a,b;c", ",;", {"a", "b", "c"}},
       {"delimiters that do not occur", "a b", ",;", {"a b"}},
       {"no delimiters", "a b", "", {"a b"}},
       {"double quotes for nothing", "a \"\" b", " ", {"a", "", "b"}},
       {"single quotes for nothing", "a '' b", " ", {"a", "", "b"}},
       {"nothing at the end", "a \"\"", " ", {"a", ""}},
-      {"two quotes hide what stands behind them", "a \"\"b c", " ", {"a", "", "c"}},
+      {"text after two quotes is dropped", "a \"\"b c", " ", {"a", "", "c"}},
       {"but not in the first field", "\"\" a", " ", {"\"\"", "a"}},
       {"different quotes are no pair", "a \"' b", " ", {"a", "\"'", "b"}},
   };
@@ -212,7 +212,7 @@ TEST(Parse, NullTextFailsAndTouchesNothing) {
 
 // Programs on PATH.
 
-/// Two directories, `first` and `second`, for PATH to name.
+/// Two directories, `first` and `second`, for PATH.
 class CommandPath : public testing::Test {
  protected:
   void SetUp() override {
@@ -220,7 +220,7 @@ class CommandPath : public testing::Test {
       ASSERT_EQ(::mkdir((dir_ / name).c_str(), 0755), 0);
   }
 
-  /// What @a command resolves to when PATH has this value; "none" when the result is a failure.
+  /// What @a command resolves to with this PATH; "none" if the lookup fails.
   static std::string resolved(const std::string& command, const char* path) {
     const ScopedVariable variable("PATH", path);
     std::array<char, CUnixHelper::kResolvedBytes> program{};
@@ -242,7 +242,7 @@ TEST_F(CommandPath, TheFirstDirectoryWithTheProgramCounts) {
   EXPECT_EQ(resolved("program", (dir_ / "second").c_str()), dir_ / "second/program");
 }
 
-TEST_F(CommandPath, AFileThatCannotBeExecutedIsPassedOver) {
+TEST_F(CommandPath, AFileThatCannotBeExecutedIsSkipped) {
   write_file(dir_ / "first/program", "");
   write_script(dir_ / "second/program", "");
   EXPECT_EQ(resolved("program", both().c_str()), dir_ / "second/program");
@@ -254,18 +254,18 @@ TEST_F(CommandPath, ADirectoryCountsAsAProgram) {
   EXPECT_EQ(resolved("program", both().c_str()), dir_ / "first/program");
 }
 
-TEST_F(CommandPath, AProgramThatIsNowhereResolvesToNothingWithSuccess) {
+TEST_F(CommandPath, AProgramThatIsNotFoundResolvesToNothingWithSuccess) {
   EXPECT_EQ(resolved("program", both().c_str()), "");
 }
 
-TEST_F(CommandPath, AnAbsolutePathIsTakenAsItIs) {
+TEST_F(CommandPath, AnAbsolutePathIsNotChanged) {
   EXPECT_EQ(resolved("/no/such/program", nullptr), "/no/such/program");
   const std::string longest = "/" + std::string(253, 'a');
   EXPECT_EQ(resolved(longest, ""), longest);
   EXPECT_EQ(resolved(longest + "a", ""), "none") << "does not fit";
 }
 
-TEST_F(CommandPath, ARelativePathIsLookedForToo) {
+TEST_F(CommandPath, ARelativePathIsLookedUpToo) {
   write_script(dir_ / "second/sub/program", "");
   EXPECT_EQ(resolved("sub/program", both().c_str()), dir_ / "second/sub/program");
 }
@@ -278,7 +278,7 @@ TEST_F(CommandPath, AnEmptyDirectoryIsTheRoot) {
     EXPECT_EQ(resolved(command, path), below_root) << path;
 }
 
-TEST_F(CommandPath, WithoutPathNothingIsLookedFor) { EXPECT_EQ(resolved("sh", nullptr), "none"); }
+TEST_F(CommandPath, WithoutPathNothingIsFound) { EXPECT_EQ(resolved("sh", nullptr), "none"); }
 
 TEST_F(CommandPath, PathMayBeLong) {
   write_script(dir_ / "first/program", "");
@@ -287,7 +287,7 @@ TEST_F(CommandPath, PathMayBeLong) {
   EXPECT_EQ(resolved("program", (path + (dir_ / "first")).c_str()), dir_ / "first/program");
 }
 
-TEST_F(CommandPath, ACandidateIsCutAfter254Characters) {
+TEST_F(CommandPath, ACandidateIsTruncatedAfter254Characters) {
   std::string deep = dir_.path();
   while (deep.size() < 245)
     deep += "/" + std::string(std::min<std::size_t>(245 - deep.size(), 50), 'd');
@@ -316,7 +316,7 @@ class Command : public testing::Test {
 
   [[nodiscard]] std::string program() const { return dir_ / "program"; }
 
-  /// The arguments that the program gets from the rest of a command line.
+  /// The arguments that the program receives for the rest of a command line.
   string_list arguments(const std::string& rest) {
     (void)::unlink((dir_ / "arguments").c_str());
     EXPECT_EQ(CUnixHelper::keld_system((program() + " " + rest).c_str()), 0) << rest;
@@ -357,22 +357,22 @@ TEST_F(Command, ArgumentsFollowTheQuotingRules) {
       {"runs of blanks", "  a   b  ", {"a", "b"}},
       {"a tab alone does not split", "a\tb", {"a\tb"}},
       {"single quotes", "'two words' last", {"two words", "last"}},
-      {"a tab between quotes stays, and so do they", "\"a\tb\" last", {"\"a\tb\"", "last"}},
+      {"a tab between quotes and the quotes stay", "\"a\tb\" last", {"\"a\tb\"", "last"}},
       {"a quoted single word keeps its quotes", "\"word\" 'word'", {"\"word\"", "'word'"}},
       {"empty arguments", "\"\" '' last", {"", "", "last"}},
-      {"two quotes hide what stands behind them", "\"\"word last", {"", "last"}},
+      {"text after two quotes is dropped", "\"\"word last", {"", "last"}},
       {"blanks at the quotes are lost", "\" two words \"", {"two words"}},
       {"blanks inside are kept", "\"two   words\"", {"two   words"}},
       {"quotes become blanks in the middle", "a\"b c\"d", {"a b c d"}},
       {"an apostrophe ends the double quotes", "\"it's a b\" c", {"\"it's", "a", "b  c"}},
       {"the other quote ends the part", "\"two words' last", {"two words", "last"}},
-      {"quotes that stay open", "\"two words", {"two words"}},
+      {"an unclosed quote", "\"two words", {"two words"}},
       {"no shell", "$HOME *;>file `a` \\", {"$HOME", "*;>file", "`a`", "\\"}},
   };
   for (const Case& c : kCases) EXPECT_EQ(arguments(c.rest), c.arguments) << c.why;
 }
 
-TEST_F(Command, AnApostropheInDoubleQuotesTurnsQuotingOnBehindThem) {
+TEST_F(Command, AnApostropheInDoubleQuotesQuotesTheTextAfterThem) {
   EXPECT_EQ(arguments("\"it's\" a b"), (string_list{"it s  a b"}));
 }
 
@@ -397,7 +397,7 @@ TEST_F(Command, ThereMayBeManyLongArguments) {
   EXPECT_EQ(arguments(rest), many);
 }
 
-TEST_F(Command, TheProgramIsLookedForOnPathAndKeepsItsName) {
+TEST_F(Command, TheProgramIsLookedUpOnPathAndKeepsItsName) {
   write_file(dir_ / "script", "tr '\\0' ' ' < /proc/$$/cmdline > " + (dir_ / "out") + "\n");
   EXPECT_EQ(CUnixHelper::keld_system(("sh " + (dir_ / "script") + " a").c_str()), 0);
   EXPECT_EQ(read_file(dir_ / "out"), "sh " + (dir_ / "script") + " a ");
@@ -425,7 +425,7 @@ TEST_F(Command, AnAbsoluteProgramThatDoesNotExistExitsWith127) {
   EXPECT_EQ(exit_code(CUnixHelper::keld_system((dir_ / "missing").c_str())), kCannotExecute);
 }
 
-TEST_F(Command, AFileThatIsNoProgramExitsWith127) {
+TEST_F(Command, AFileThatIsNotAProgramExitsWith127) {
   write_file(dir_ / "text", "text");
   EXPECT_EQ(exit_code(CUnixHelper::keld_system((dir_ / "text").c_str())), kCannotExecute);
   EXPECT_EQ(exit_code(CUnixHelper::keld_system(dir_.path().c_str())), kCannotExecute);
@@ -433,7 +433,7 @@ TEST_F(Command, AFileThatIsNoProgramExitsWith127) {
   EXPECT_EQ(exit_code(CUnixHelper::keld_system("\"\" a")), kCannotExecute);
 }
 
-TEST_F(Command, WhatTheCallerHasBufferedIsWrittenOnce) {
+TEST_F(Command, BufferedOutputOfTheCallerIsWrittenOnce) {
   std::FILE* const output = std::fopen((dir_ / "output").c_str(), "w");
   ASSERT_NE(output, nullptr);
   EXPECT_GE(std::fputs("buffered", output), 0);
@@ -454,7 +454,7 @@ TEST_F(Command, AnAbsolutePathThatDoesNotFitGivesMinusOne) {
   EXPECT_EQ(CUnixHelper::keld_system(("/" + std::string(254, 'a')).c_str()), -1);
 }
 
-TEST_F(Command, TheWaitGoesOnAfterInterruptions) {
+TEST_F(Command, TheWaitContinuesAfterInterruptions) {
   const Interruptions interruptions;
   EXPECT_EQ(exit_code(status_of("sleep 0.05; exit 3")), 3);
   EXPECT_GT(Interruptions::count(), 0);
@@ -462,7 +462,7 @@ TEST_F(Command, TheWaitGoesOnAfterInterruptions) {
 
 TEST_F(Command, AChildThatCannotBeWaitedForGivesMinusOne) {
   EXPECT_EQ(run_in_child([this] {
-              (void)::signal(SIGCHLD, SIG_IGN);  // the kernel then keeps no wait status
+              (void)::signal(SIGCHLD, SIG_IGN);  // the kernel then discards the wait status
               EXPECT_EQ(CUnixHelper::keld_system(program().c_str()), -1);
               EXPECT_FALSE(CUnixHelper::system("true"));
             }),
@@ -472,7 +472,7 @@ TEST_F(Command, AChildThatCannotBeWaitedForGivesMinusOne) {
 TEST_F(Command, AChildThatCannotBeStartedGivesMinusOne) {
   if (!test_support::in_private_namespace()) GTEST_SKIP() << kNoNamespaces;
   EXPECT_EQ(run_in_child([this] {
-              // A PID namespace whose first process has ended takes no more.
+              // fork() fails in a PID namespace whose first process has ended.
               ASSERT_EQ(::unshare(CLONE_NEWPID), 0);
               ASSERT_EQ(CUnixHelper::keld_system(program().c_str()), 0);
               EXPECT_EQ(CUnixHelper::keld_system(program().c_str()), -1);
@@ -485,7 +485,7 @@ TEST_F(Command, TheShellRunsACommandLine) {
   EXPECT_EQ(arguments_of_last_run(), (string_list{"two words", "2"}));
 }
 
-TEST_F(Command, TheShellsExitCodeIsNotLookedAt) {
+TEST_F(Command, TheShellsExitCodeIsIgnored) {
   EXPECT_TRUE(CUnixHelper::system("true"));
   EXPECT_TRUE(CUnixHelper::system("exit 3"));
   EXPECT_TRUE(CUnixHelper::system("exit 127"));
@@ -507,14 +507,14 @@ struct NamedCopier {
   bool moves;
 };
 
-/// What cp_file and replace_file have in common.
+/// Tests of both cp_file and replace_file.
 class Copy : public testing::TestWithParam<NamedCopier> {
  protected:
   [[nodiscard]] int copy(const std::string& source, const std::string& target) const {
     return GetParam().copy((dir_ / source).c_str(), (dir_ / target).c_str());
   }
 
-  /// The names in the directory are these, and "source" where it is kept.
+  /// Expects these names in the directory, and "source" if it is kept.
   void expect_names(string_list names) const {
     if (!GetParam().moves) names.insert(names.begin(), "source");
     EXPECT_EQ(names_in(dir_.path()), names);
@@ -523,7 +523,7 @@ class Copy : public testing::TestWithParam<NamedCopier> {
   ScratchDirectory dir_;
 };
 
-TEST_P(Copy, ReplacesAnExistingTargetWhole) {
+TEST_P(Copy, ReplacesAnExistingTargetCompletely) {
   write_file(dir_ / "source", "new");
   write_file(dir_ / "target", "old contents that are longer");
   EXPECT_EQ(copy("source", "target"), 1);
@@ -531,7 +531,7 @@ TEST_P(Copy, ReplacesAnExistingTargetWhole) {
   expect_names({"target"});
 }
 
-TEST_P(Copy, TakesFilesOfAnySize) {
+TEST_P(Copy, CopiesFilesOfAnySize) {
   for (const std::size_t size : {0U, 1U, 1023U, 1024U, 1025U, 300000U}) {
     const std::string contents(size, 'a');
     write_file(dir_ / "source", contents);
@@ -547,7 +547,7 @@ TEST_P(Copy, GivesThePermissionsOfANewFile) {
   EXPECT_EQ(mode_of(dir_ / "target"), 0660U);
 }
 
-TEST_P(Copy, CostsTheTargetWhenTheSourceIsMissing) {
+TEST_P(Copy, LosesTheTargetIfTheSourceIsMissing) {
   write_file(dir_ / "target", "old");
   EXPECT_EQ(copy("missing", "target"), 0);
   EXPECT_EQ(names_in(dir_.path()), string_list());
@@ -559,14 +559,14 @@ TEST_P(Copy, FailsWithoutTheTargetsDirectoryAndKeepsTheSource) {
   EXPECT_EQ(names_in(dir_.path()), (string_list{"source"}));
 }
 
-TEST_P(Copy, FailsWhenTheTargetCannotBeDeletedAndKeepsTheSource) {
+TEST_P(Copy, FailsIfTheTargetCannotBeDeletedAndKeepsTheSource) {
   write_file(dir_ / "source", "new");
   ASSERT_EQ(::mkdir((dir_ / "directory").c_str(), 0755), 0);
   EXPECT_EQ(copy("source", "directory"), 0);
   EXPECT_EQ(names_in(dir_.path()), (string_list{"directory", "source"}));
 }
 
-TEST_P(Copy, TakesAReadErrorForTheEndOfTheFile) {
+TEST_P(Copy, TreatsAReadErrorAsTheEndOfTheFile) {
   write_file(dir_ / "source", std::string(200000, 'a'));
   {
     const ScopedFault fault(Fault::kReadFails, 150000);
@@ -576,7 +576,7 @@ TEST_P(Copy, TakesAReadErrorForTheEndOfTheFile) {
   expect_names({"target"});
 }
 
-TEST_P(Copy, MakesAnEmptyFileOfADirectory) {
+TEST_P(Copy, CopiesADirectoryAsAnEmptyFile) {
   ASSERT_EQ(::mkdir((dir_ / "directory").c_str(), 0755), 0);
   EXPECT_EQ(copy("directory", "target"), 1);
   EXPECT_EQ(read_file(dir_ / "target"), "");
@@ -605,7 +605,7 @@ TEST_P(Copy, FailsOnAFullDiskAndKeepsOnlyTheSource) {
   EXPECT_TRUE(read_file(dir_ / "source") == contents);
 }
 
-TEST_P(Copy, FailsWhenOnlyTheCloseTellsAndKeepsOnlyTheSource) {
+TEST_P(Copy, FailsIfCloseReportsAnErrorAndKeepsOnlyTheSource) {
   write_file(dir_ / "source", "new");
   const ScopedFault fault(Fault::kCloseFails);
   EXPECT_EQ(copy("source", "target"), 0);

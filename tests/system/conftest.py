@@ -11,7 +11,8 @@ import pytest
 
 pytest.register_assert_rewrite("harness")
 
-from harness import AgentHost, Nginx, Publisher, ScriptedServer, namespace, skips  # noqa: E402
+from harness import (AgentHost, Nginx, Publisher, ScriptedServer, namespace,  # noqa: E402
+                     published_package, skips)
 
 
 def pytest_addoption(parser):
@@ -173,3 +174,24 @@ def strace():
         pytest.skip("strace cannot trace here")
     return lambda expression, output="/dev/null": [
         "strace", "--follow-forks", "-qq", "-s", "4096", "-e", expression, "-o", str(output)]
+
+
+@pytest.fixture
+def steps(tmp_path):
+    return published_package.Steps(tmp_path / "steps")
+
+
+@pytest.fixture(params=published_package.SHELLS)
+def shell(request):
+    """The mount that makes a shell the one of the scripts."""
+    if not os.path.exists(published_package.SHELLS[request.param]):
+        pytest.skip(f"{request.param} is not installed")
+    return namespace.bind(published_package.SHELLS[request.param], "/bin/sh")
+
+
+@pytest.fixture
+def ready(publisher, server, host):
+    """A host with an old version of everything in the package, which is published."""
+    published_package.install_old_version(host, server)
+    published_package.publish(server, published_package.build(publisher))
+    return host

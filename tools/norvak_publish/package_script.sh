@@ -57,11 +57,11 @@ restore() {
   rm -f "$journal"
 }
 
-# Removes the old files of an installation that is complete.
+# Removes the old files of an installation that is complete. What stays is left to the next run.
 discard_backup() {
   [ -f "$journal.done" ] || return 0
   while IFS=$tab read -r state mode owner path; do
-    rm -f "$install/$path$backup"
+    rm -f "$install/$path$backup" || return 0
   done <"$journal.done"
   rm -f "$journal.done"
 }
@@ -182,10 +182,9 @@ discard_backup
 verify
 write_journal >"$journal.new" || fail "cannot write $journal"
 mv -f "$journal.new" "$journal" || fail "cannot write $journal"
-sync
 stage
 run_scripts pre
-sync
+sync # a power cut must not find switched files without contents, or without a journal
 keep_backup
 switch
 run_scripts post

@@ -7,6 +7,7 @@ log.py        reading the update log
 package.py    agent packages and config.xml
 nginx.py      a real nginx that publishes files
 publisher.py  norvak_publish, server trees and what is published in them
+published_package.py  packages of norvak_publish on a host, with faults
 scripted.py   a server that misbehaves on purpose
 transfers.py  tables of good and bad replies
 updates.py    each update and its requests

@@ -295,10 +295,11 @@ class AgentHost:
         assert run.status == 0, run
         return [int(status) for status in run.stdout.split()], run.stderr
 
-    def update_in_turn(self, count, *args, uname=None, free_bytes=None):
+    def update_in_turn(self, count, *args, uname=None, free_bytes=None, environment=None):
         """Runs @a count updates one after the other; returns their exit statuses and their stderr.
 
-        @param free_bytes  put the install directory on its own disk with this much free space
+        @param free_bytes   put the install directory on its own disk with this much free space
+        @param environment  variables beside the few that every run gets
         """
         mounts, afterwards = [], ":"
         if free_bytes:
@@ -310,8 +311,9 @@ class AgentHost:
                       f"cp -a {seed}/. {self.path}"]
             afterwards = f"cp -a {self.path}/. {left}"
         script = f'for i in $(seq {count}); do "$@"; echo $?; done; {afterwards}'
+        variables = [f"{name}={value}" for name, value in (environment or {}).items()]
         preload = [f"LD_PRELOAD={self._uname_answers()}"] if uname else []
-        command = ["sh", "-c", script, "sh", "env", *preload, self._updater, *args]
+        command = ["sh", "-c", script, "sh", "env", *variables, *preload, self._updater, *args]
         run = self._start(namespace.command_line([*self.mounts, *mounts], self.start_dir, command),
                           self._variables(uname)).finish(_MANY_RUNS_SECONDS)
         assert run.status == 0, run

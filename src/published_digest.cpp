@@ -29,10 +29,6 @@ std::string digest_of(const std::string& path) {
   return utility::md5wrapper().getHashFromFile(path);
 }
 
-std::string identification(const std::string& path) {
-  return utility::read_first_line(path, kDigestLimit).value_or("");
-}
-
 }  // namespace
 
 ModuleState compare_module(const std::string& list_path, const std::string& module_path) {
@@ -75,9 +71,13 @@ bool verify_rules(const std::string& list_path, const std::string& rules_path) {
   return digest_of(rules_path) == *published;
 }
 
+std::string nginx_identification(const std::string& path) {
+  return utility::read_first_line(path, kDigestLimit).value_or("");
+}
+
 bool same_nginx_build(const std::string& installed_path, const std::string& published_path) {
   return utility::exists(installed_path) &&
-         identification(installed_path) == identification(published_path);
+         nginx_identification(installed_path) == nginx_identification(published_path);
 }
 
 }  // namespace published_digest

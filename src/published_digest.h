@@ -37,6 +37,10 @@ enum class ModuleState {
 /// white space or capitals never match.
 [[nodiscard]] bool verify_rules(const std::string& list_path, const std::string& rules_path);
 
+/// What identifies a build of the web server program: the first line of the file @a path, at most
+/// 127 bytes of it, with its line feed; empty if the file cannot be opened.
+[[nodiscard]] std::string nginx_identification(const std::string& path);
+
 /// Whether the installed and the published build of the web server program are the same: their
 /// first lines, at most 127 bytes each, are equal, line feeds included. A file that cannot be
 /// opened counts as empty; without @a installed_path they differ.

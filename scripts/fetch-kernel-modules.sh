@@ -58,7 +58,8 @@ unpack_modules() {
 
 for kernels in 'amd64 amd64' 'i386 686-pae'; do
   read -r architecture flavour <<<"$kernels"
-  apt "$architecture" get/update || true  # one unreachable source of several does not matter here
+  # One unreachable source of several does not matter here.
+  apt "$architecture" get/update 2>"$scratch/update" || cat "$scratch/update"
   choose_packages "$architecture" "$flavour" >"$scratch/packages"
   if (($(wc -l <"$scratch/packages") < 2)); then
     fail "Debian offers fewer than two kernels for $architecture"

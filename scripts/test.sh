@@ -46,6 +46,8 @@ if [[ " ${presets[*]} " == *\ @(asan|clang)\ * ]]; then
   packages+=("${fuzz_packages[@]}")
 fi
 prepare "${packages[@]}"
+# Tests that need them are skipped without, and say so.
+scripts/fetch-kernel-modules.sh || true
 has_own_proc=yes
 enter_own_proc "$@" || has_own_proc=
 for preset in "${presets[@]}"; do

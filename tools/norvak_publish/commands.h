@@ -63,4 +63,23 @@ struct RollbackCommand {
 [[nodiscard]] ExitStatus run_rollback(const PublishOptions& options,
                                       const RollbackCommand& command);
 
+struct CheckCommand {
+  std::string target;            ///< a tree or the address of a server
+  std::string previous_version;  ///< the agent version published before; empty: unknown
+  std::filesystem::path fleet;   ///< empty for none
+  bool strict = false;           ///< warnings count as errors
+  bool json = false;
+};
+/// Finds what would hurt hosts in a tree or on a server.
+[[nodiscard]] ExitStatus run_check(const PublishOptions& options, const CheckCommand& command);
+
+struct CoverageCommand {
+  std::filesystem::path fleet;
+  bool json = false;
+  std::filesystem::path html;  ///< the page to write; empty for none
+};
+/// Reports which kernels of a fleet a tree has modules for.
+[[nodiscard]] ExitStatus run_coverage(const PublishOptions& options,
+                                      const CoverageCommand& command);
+
 }  // namespace publish

@@ -22,6 +22,8 @@ struct Invocation {
   std::filesystem::path rules;
   publish::NginxCommand nginx;
   publish::PackageCommand package;
+  publish::CheckCommand check;
+  publish::CoverageCommand coverage;
   publish::RollbackCommand rollback{std::nullopt, std::chrono::minutes(15)};
   std::function<ExitStatus()> run;
 };
@@ -139,6 +141,43 @@ void add_package(CLI::App& app, Invocation& invocation) {
                     "Let the payload's config.xml replace that of the hosts");
 }
 
+void add_check(CLI::App& app, Invocation& invocation) {
+  publish::CheckCommand& check = invocation.check;
+  CLI::App* command = add_command(app, "check", "Find what would hurt hosts", invocation,
+                                  [&] { return run_check(invocation.options, check); });
+  command
+      ->add_option("TREE", check.target,
+                   "A server tree, or the address of a server as config.xml has it")
+      ->required()
+      ->type_name("TREE|URL");
+  command->add_option("--previous", check.previous_version, "The agent version published before")
+      ->type_name("VERSION");
+  command->add_option("--fleet", check.fleet, "The hosts to serve, as for coverage")
+      ->check(CLI::ExistingFile)
+      ->type_name("FILE");
+  command->add_flag("--strict", check.strict, "Let warnings count as errors");
+  command->add_flag("--json", check.json, "Print the findings as JSON");
+}
+
+void add_coverage(CLI::App& app, Invocation& invocation) {
+  publish::CoverageCommand& coverage = invocation.coverage;
+  CLI::App* command =
+      add_tree_command(app, "coverage", "Report which kernels of a fleet have modules", invocation,
+                       [&] { return run_coverage(invocation.options, coverage); });
+  command
+      ->add_option(
+          "--fleet", coverage.fleet,
+          "A CSV file with the header distribution,machine,release,count, or the output of "
+          "`norvak_host identify --json`, one host a line")
+      ->required()
+      ->check(CLI::ExistingFile)
+      ->type_name("FILE");
+  CLI::Option* json = command->add_flag("--json", coverage.json, "Print the report as JSON");
+  command->add_option("--html", coverage.html, "Write the report as a web page")
+      ->excludes(json)
+      ->type_name("FILE");
+}
+
 void add_releases(CLI::App& app, Invocation& invocation) {
   (void)add_tree_command(app, "releases", "List the releases", invocation,
                          [&] { return run_releases(invocation.options); });
@@ -171,6 +210,8 @@ ExitStatus run(int argc, char** argv) {
   add_rules(app, invocation);
   add_nginx(app, invocation);
   add_package(app, invocation);
+  add_check(app, invocation);
+  add_coverage(app, invocation);
   add_releases(app, invocation);
   add_rollback(app, invocation);
   app.require_subcommand(1);

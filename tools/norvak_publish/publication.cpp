@@ -164,8 +164,13 @@ ExitStatus publish_changes(const PublishOptions& options, const std::function<vo
   }
   {
     const ProgressBar progress("Checking the result", options.quiet);
-    const std::string before = served ? published_version(*served) : "";
-    if (report(options, check_tree(draft.root(), {before, {}, progress.callback()}))) {
+    CheckOptions check;
+    check.progress = progress.callback();
+    if (served) {
+      check.previous_root = *served;
+      check.previous_version = published_version(*served);
+    }
+    if (report(options, check_tree(draft.root(), check))) {
       say(options, "not published, because of the errors");
       return ExitStatus::kErrorsFound;
     }

@@ -111,6 +111,11 @@ std::optional<int> ReleaseTree::linked(const char* name) const {
   return number;
 }
 
+fs::path ReleaseTree::served() const {
+  const std::optional<int> number = current();
+  return number ? release(*number) : root_;
+}
+
 fs::path ReleaseTree::release(int number) const {
   return root_ / kReleasesDirectory / std::to_string(number);
 }

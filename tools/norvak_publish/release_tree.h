@@ -48,6 +48,9 @@ class ReleaseTree {
 
   [[nodiscard]] std::optional<int> current() const { return linked(kCurrent); }
 
+  /// The directory that the web server serves now: a release, or the root of a plain tree.
+  [[nodiscard]] std::filesystem::path served() const;
+
   [[nodiscard]] std::filesystem::path release(int number) const;
   [[nodiscard]] std::filesystem::path manifest(int number) const;
 

@@ -3,13 +3,8 @@
 #include <fcntl.h>
 #include <openssl/evp.h>
 
-#include <algorithm>
 #include <array>
-#include <atomic>
-#include <chrono>
-#include <future>
 #include <memory>
-#include <thread>
 
 #include "failure.h"
 #include "utility/file.h"
@@ -19,7 +14,6 @@ namespace publish {
 namespace {
 
 constexpr std::size_t kBlockBytes = 128 * 1024;
-constexpr std::chrono::milliseconds kProgressInterval(50);
 
 struct DigestCleanup {
   void operator()(EVP_MD_CTX* context) const noexcept { EVP_MD_CTX_free(context); }
@@ -36,8 +30,8 @@ std::string hexadecimal(const unsigned char* bytes, std::size_t size) {
   return text;
 }
 
-/// @param block  kBlockBytes of scratch space
-std::string sha256_of(const std::filesystem::path& path, std::vector<unsigned char>& block) {
+std::string sha256_of(const std::filesystem::path& path) {
+  thread_local std::vector<unsigned char> block(kBlockBytes);
   const utility::Descriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
   if (!file) fail_with_errno("cannot read", path);
   const DigestPtr context(EVP_MD_CTX_new());
@@ -61,23 +55,8 @@ std::string sha256_of(const std::filesystem::path& path, std::vector<unsigned ch
 std::vector<std::string> sha256(const std::vector<std::filesystem::path>& files,
                                 const Progress& progress) {
   std::vector<std::string> digests(files.size());
-  std::atomic<std::size_t> next = 0;
-  const auto work = [&] {
-    std::vector<unsigned char> block(kBlockBytes);
-    for (std::size_t i = next++; i < files.size(); i = next++)
-      digests[i] = sha256_of(files[i], block);
-  };
-  const std::size_t processors = std::max(1U, std::thread::hardware_concurrency());
-  std::vector<std::future<void>> workers;
-  for (std::size_t i = 0; i < std::min(processors, files.size()); ++i) {
-    workers.push_back(std::async(std::launch::async, work));
-  }
-  for (std::future<void>& worker : workers) {
-    while (worker.wait_for(kProgressInterval) != std::future_status::ready) {
-      if (progress) progress(std::min(next.load(), files.size()), files.size());
-    }
-  }
-  for (std::future<void>& worker : workers) worker.get();  // rethrows a Failure
+  in_parallel(
+      files.size(), [&](std::size_t i) { digests[i] = sha256_of(files[i]); }, progress);
   return digests;
 }
 

@@ -2,14 +2,12 @@
 #pragma once
 
 #include <filesystem>
-#include <functional>
 #include <string>
 #include <vector>
 
-namespace publish {
+#include "parallel.h"
 
-/// Called from time to time during long work; may be empty.
-using Progress = std::function<void(std::size_t done, std::size_t total)>;
+namespace publish {
 
 /// Digests of @a files as 64 lower-case hexadecimal digits, in the same order. Uses all processors
 /// and a fixed amount of memory. @a progress is called by the calling thread only.

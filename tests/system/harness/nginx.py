@@ -25,15 +25,18 @@ location /flush/ {{ return 204; }}
 
 
 class Nginx:
-    """A running nginx, which logs its requests in the order of its answers."""
+    """A running nginx, which logs its requests in the order of its answers.
 
-    def __init__(self, prefix):
+    @param user  whose rights it has when it reads the published files, where root starts it
+    """
+
+    def __init__(self, prefix, user="root"):
         self._prefix = pathlib.Path(prefix)
         self.published = self._prefix / "published"
         self.published.mkdir()
         self._log_offset = 0
         self._flushes = 0
-        self._start()
+        self._start(user)
 
     def publish(self, files):
         """Publishes @a files: path on the server (without the leading slash) to content."""
@@ -72,7 +75,7 @@ class Nginx:
             self._process.kill()
             self._process.wait()
 
-    def _start(self):
+    def _start(self, user):
         program = shutil.which("nginx", path=_SEARCH_PATH)
         assert program, "nginx was not found: 'apt-get install nginx-light'"
         with socket.socket() as reservation:
@@ -82,7 +85,11 @@ class Nginx:
             self.port = reservation.getsockname()[1]
             self.url = f"http://127.0.0.1:{self.port}"
             config = self._prefix / "nginx.conf"
-            config.write_text(_CONFIG.read_text().replace("@PORT@", str(self.port)))
+            text = _CONFIG.read_text().replace("@PORT@", str(self.port))
+            if user != "root":  # only the workers of a master have other rights
+                text = text.replace("user root;", f"user {user};")
+                text = text.replace("master_process off;", "")
+            config.write_text(text)
             more = self._prefix / "more"
             more.mkdir(exist_ok=True)
             (more / "locations.conf").write_text(_LOCATIONS.format(url=self.url))

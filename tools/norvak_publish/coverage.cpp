@@ -1,0 +1,83 @@
+#include "coverage.h"
+
+#include <algorithm>
+#include <functional>
+#include <tuple>
+#include <unordered_map>
+#include <utility>
+
+#include "host_identity.h"
+#include "server_paths.h"
+#include "utility/file.h"
+
+namespace publish {
+
+namespace {
+
+/// The directory of all modules for @a kernel, with a leading slash.
+std::string kernel_directory(const FleetKernel& kernel) {
+  const std::string directory = module_directory(kernel, agent_files::kModules[0]);
+  return directory.substr(0, directory.rfind('/'));
+}
+
+void look_up(const std::string& root, KernelCoverage& coverage) {
+  coverage.has_directory = utility::exists(root + "/" + coverage.directory);
+  for (std::size_t i = 0; i < coverage.has_module.size(); ++i) {
+    const char* const name = agent_files::kModules[i];
+    const std::string directory = module_directory(coverage.kernels.front(), name);
+    coverage.has_module[i] = utility::exists(root + server_paths::module_digest_list(directory)) &&
+                             utility::exists(root + server_paths::module_file(directory, name));
+  }
+}
+
+bool is_worse(const KernelCoverage& a, const KernelCoverage& b) {
+  return std::make_tuple(a.is_complete(), ~a.hosts, std::cref(a.directory)) <
+         std::make_tuple(b.is_complete(), ~b.hosts, std::cref(b.directory));
+}
+
+bool has_more_hosts(const FleetKernel& a, const FleetKernel& b) {
+  return std::tie(b.hosts, a.release, a.machine) < std::tie(a.hosts, b.release, b.machine);
+}
+
+}  // namespace
+
+std::string module_directory(const FleetKernel& kernel, const char* module) {
+  host_identity::KernelInfo info;
+  host_identity::describe_kernel(host_identity::os_code(kernel.distribution), kernel.release, info);
+  return server_paths::module_directory(
+      host_identity::kernel_distribution(kernel.distribution, info.flavour),
+      host_identity::module_arch(kernel.machine), info.version, module);
+}
+
+bool KernelCoverage::is_complete() const {
+  return std::all_of(has_module.begin(), has_module.end(), [](bool there) { return there; });
+}
+
+bool KernelCoverage::is_shared() const {
+  return std::any_of(kernels.begin(), kernels.end(), [this](const FleetKernel& kernel) {
+    return kernel.release != kernels.front().release;
+  });
+}
+
+Coverage coverage(const std::string& root, const std::vector<FleetKernel>& fleet) {
+  Coverage result;
+  std::unordered_map<std::string, std::size_t> places;
+  for (const FleetKernel& kernel : fleet) {
+    const std::string directory = kernel_directory(kernel);
+    const auto [place, is_new] = places.try_emplace(directory, result.kernels.size());
+    if (is_new) result.kernels.emplace_back().directory = directory.substr(1);
+    KernelCoverage& found = result.kernels[place->second];
+    found.hosts += kernel.hosts;
+    found.kernels.push_back(kernel);
+  }
+  for (KernelCoverage& kernel : result.kernels) {
+    std::sort(kernel.kernels.begin(), kernel.kernels.end(), has_more_hosts);
+    look_up(root, kernel);
+    result.hosts += kernel.hosts;
+    if (!kernel.is_complete()) result.uncovered_hosts += kernel.hosts;
+  }
+  std::sort(result.kernels.begin(), result.kernels.end(), is_worse);
+  return result;
+}
+
+}  // namespace publish

@@ -1,0 +1,44 @@
+// Which kernels of a fleet a server tree has modules for.
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <iterator>
+#include <string>
+#include <vector>
+
+#include "agent_files.h"
+#include "fleet.h"
+
+namespace publish {
+
+/// A directory of kernel modules, and the hosts that request it.
+struct KernelCoverage {
+  std::string directory;  ///< below the tree's root, such as "kernels/centos-xen/x64/2.6.18-164"
+  std::uint64_t hosts = 0;
+  bool has_directory = false;
+  /// For each of agent_files::kModules: the module and its digest list are there.
+  std::array<bool, std::size(agent_files::kModules)> has_module = {};
+  std::vector<FleetKernel> kernels;  ///< those of the fleet; the most hosts first
+
+  [[nodiscard]] bool is_complete() const;
+
+  /// Whether hosts with different kernels install the same modules.
+  [[nodiscard]] bool is_shared() const;
+};
+
+struct Coverage {
+  std::uint64_t hosts = 0;            ///< in the fleet
+  std::uint64_t uncovered_hosts = 0;  ///< that find no complete directory
+  /// Worst first: incomplete before complete, then the most hosts first.
+  std::vector<KernelCoverage> kernels;
+};
+
+/// Where hosts with @a kernel request the module @a module; begins with "/".
+[[nodiscard]] std::string module_directory(const FleetKernel& kernel, const char* module);
+
+/// @param root  a plain tree
+[[nodiscard]] Coverage coverage(const std::string& root, const std::vector<FleetKernel>& fleet);
+
+}  // namespace publish

@@ -29,7 +29,9 @@ build() {
   local flags="-O2 -g -DNDEBUG -ffile-prefix-map=$project=. -ffile-prefix-map=$build=build"
   options=(-DCMAKE_BUILD_TYPE=Release -DCMAKE_CXX_FLAGS_RELEASE="$flags"
     -DCMAKE_INSTALL_PREFIX=/usr -DBUILD_TESTING=OFF -DNORVAK_STATIC_RUNTIME=ON)
-  if [[ $package != publish ]]; then
+  if [[ $package == publish ]]; then
+    options+=(-DNORVAK_HOST=OFF)
+  else
     options+=(-DNORVAK_PORTABLE=ON -DNORVAK_PUBLISH=OFF)
   fi
   umask 022

@@ -1,4 +1,4 @@
-# shellcheck shell=bash
+# shellcheck shell=bash disable=SC2154  # lib.sh sets project and the lists of packages
 # Debian systems of another release or architecture, each in a folder, a "root"; sourced after lib.sh.
 #
 # A root is made once with debootstrap and kept: its packages cannot interfere with the machine's own,
@@ -63,6 +63,13 @@ make_root() {
   ) 9>"$roots/.lock"
 }
 
+# Makes the root i386-tests: this machine's release for 32-bit x86, with what builds and tests need.
+make_i386_test_root() {
+  local suite
+  suite=$(sed -n 's/^VERSION_CODENAME=//p' /etc/os-release)
+  make_root i386-tests "$suite" i386 "${build_packages[@]}" "${test_packages[@]}"
+}
+
 # Makes the roots debian-11, -12 and -13: minimal systems with what the host package depends on.
 make_fresh_roots() {
   make_root debian-11 bullseye amd64 libcurl4
@@ -74,7 +81,6 @@ make_fresh_roots() {
 # Debian 11, whose glibc is the oldest of those that come with a C++17 compiler.
 make_build_root() {
   if [[ $1 == publish ]]; then
-    # shellcheck disable=SC2154  # lib.sh sets it
     make_root build-publish bookworm amd64 "${build_packages[@]}" dpkg-dev file
     return
   fi
@@ -106,7 +112,6 @@ run_in_root() {
   mount -t proc proc "$root/proc"
   mount --rbind /dev "$root/dev"
   mount -t tmpfs tmp "$root/tmp"
-  # shellcheck disable=SC2154  # lib.sh sets it
   mkdir -p "$root$project"
   mount --bind "$project" "$root$project"
   env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin HOME=/root LC_ALL=C.UTF-8 \

@@ -13,7 +13,8 @@ if [[ ${1-} == --inside ]]; then
   # shellcheck disable=SC2016  # the inner shell expands these
   run_in_root i386-tests /bin/bash -e -c '
     cd "$0"
-    cmake --preset release-i386 >/dev/null
+    . scripts/lib.sh
+    configure release-i386
     cmake --build --preset release-i386
     ctest --preset release-i386 --no-tests=error -j"$((2 * $(nproc)))"' "$project"
   exit
@@ -24,7 +25,6 @@ if [[ -n $reason ]]; then
   printf 'Nothing was tested for 32-bit x86: %s\n' "$reason"
   exit 77
 fi
-suite=$(sed -n 's/^VERSION_CODENAME=//p' /etc/os-release)
-make_root i386-tests "$suite" i386 "${build_packages[@]}" "${test_packages[@]}"
+make_i386_test_root
 heading 'tests, preset release-i386'
 exec unshare --mount --propagation private -- "$0" --inside

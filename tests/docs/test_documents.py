@@ -1,5 +1,6 @@
 """The documents agree with the sources: log texts, settings, links, paths."""
 
+import csv
 import pathlib
 import re
 
@@ -123,3 +124,13 @@ def test_the_architecture_names_every_module():
     modules = {source.relative_to(PROJECT / "src").with_suffix("").as_posix()
                for source in SOURCES} - {"utility/string_list"}
     assert [module for module in sorted(modules) if f"`{module}`" not in document] == []
+
+
+def test_the_installation_page_lists_the_supported_distributions():
+    lines = (PROJECT / "packaging/hosts.tsv").read_text().splitlines()
+    rows = csv.DictReader([line for line in lines if not line.startswith("#")], delimiter="\t")
+    columns = ("distribution", "release", "architectures", "glibc", "libcurl", "systemd")
+    expected = [f"| {' | '.join(row[column] for column in columns)} |" for row in rows]
+    page = (PROJECT / "docs/installing.md").read_text()
+    table = page.split("| Distribution |")[1].split("\n\n")[0]
+    assert table.splitlines()[2:] == expected

@@ -23,14 +23,6 @@ def pytest_addoption(parser):
                      help="directory with the packages that scripts/package.sh made")
     parser.addoption("--next-packages", required=True, type=pathlib.Path,
                      help="directory with packages of a later version")
-    parser.addoption("--full", action="store_true", help="the full matrix")
-
-
-def pytest_collection_modifyitems(config, items):
-    if not config.getoption("--full"):
-        deselected = [item for item in items if item.get_closest_marker("full")]
-        config.hook.pytest_deselected(items=deselected)
-        items[:] = [item for item in items if item not in deselected]
 
 
 class Packages:

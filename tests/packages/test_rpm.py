@@ -30,16 +30,20 @@ def requirements(root, rpm):
     return sorted({line for line in lines if not line.startswith("rpmlib(")})
 
 
+def provide_requirements(root, rpm):
+    """Makes an rpm database in which everything that a package requires is provided."""
+    provides = "\n".join(f"Provides: {line}" for line in requirements(root, rpm))
+    root.file("/tmp/stub.spec").write_text(_STUB.format(provides=provides))
+    root.run("rpmbuild", "-bb", "--define", "_rpmdir /tmp", "--define", "_build_name_fmt stub.rpm",
+             "/tmp/stub.spec")
+    root.run("rpm", "--initdb")
+    root.run("rpm", "--install", "/tmp/stub.rpm")
+
+
 @pytest.fixture
 def root(make_root, packages):
     fresh = make_root("build-amd64")
-    rpm = fresh.copy_in(packages.host_rpm())
-    provides = "\n".join(f"Provides: {line}" for line in requirements(fresh, rpm))
-    fresh.file("/tmp/stub.spec").write_text(_STUB.format(provides=provides))
-    fresh.run("rpmbuild", "-bb", "--define", "_rpmdir /tmp", "--define", "_build_name_fmt stub.rpm",
-              "/tmp/stub.spec")
-    fresh.run("rpm", "--initdb")
-    fresh.run("rpm", "--install", "/tmp/stub.rpm")
+    provide_requirements(fresh, fresh.copy_in(packages.host_rpm()))
     return fresh
 
 

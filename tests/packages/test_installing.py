@@ -1,0 +1,65 @@
+"""The commands of docs/installing.md, in the order of the page."""
+
+import re
+
+import pytest
+from conftest import PROJECT
+from harness import config_xml, kernel, rules
+from test_rpm import provide_requirements
+
+AGENT = "/usr/local/norvak_agent"
+_PAGE = (PROJECT / "docs/installing.md").read_text()
+
+
+def commands(section):
+    """The command blocks of a section of the page."""
+    text = re.search(rf"^## {section}$(.*?)(?=^## |\Z)", _PAGE, re.MULTILINE | re.DOTALL)[1]
+    found = re.findall(r"^```sh\n(.*?)^```$", text, re.MULTILINE | re.DOTALL)
+    assert found
+    return found
+
+
+def run(root, block):
+    return root.run("sh", "-e", "-c", f"cd /tmp\n{block}")
+
+
+def install_agent(root, server):
+    """An agent in the default place, for which @a server has new rules."""
+    agent = root.file(AGENT)
+    for directory in ("runlog", "template"):
+        (agent / directory).mkdir(parents=True)
+    (agent / "config.xml").write_bytes(config_xml({"kernel_update_host": server.url}))
+    for name in (kernel.TESSEL, kernel.QUORIN):
+        (agent / f"{name}.ko").touch()
+    (agent / rules.CURRENT).write_text("an older digest\n")
+    rules.publish_rules(server)
+    return agent
+
+
+def test_every_command_is_in_a_section_with_a_test():
+    tested = ("Debian and Ubuntu", "CentOS, RHEL, SLES and openSUSE", "The first run")
+    assert sum(len(commands(section)) for section in tested) == _PAGE.count("```sh\n")
+
+
+@pytest.mark.parametrize("name", ["debian-11", "debian-12", "debian-13"])
+def test_debian_and_the_first_run(name, packages, make_root, server):
+    root = make_root(name)
+    root.copy_in(packages.host_deb())
+    install, downgrade, remove = commands("Debian and Ubuntu")
+    run(root, install)
+    agent = install_agent(root, server)
+    [first_run] = commands("The first run")
+    assert "[RULES] update tarn rules success" in run(root, first_run)
+    assert (agent / rules.RULES).read_bytes() == rules.NEW_RULES
+    run(root, downgrade)
+    run(root, remove)
+    assert root.attempt("dpkg", "--status", "norvak-update").returncode == 1
+    assert (agent / rules.RULES).exists()
+
+
+def test_rpm(packages, make_root):
+    root = make_root("build-amd64")
+    provide_requirements(root, root.copy_in(packages.host_rpm()))
+    for block in commands("CentOS, RHEL, SLES and openSUSE"):
+        run(root, block)
+    assert root.attempt("rpm", "--query", "norvak-update").returncode == 1

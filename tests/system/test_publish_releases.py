@@ -133,6 +133,24 @@ def test_what_is_no_module_is_refused(publisher, tmp_path):
     assert not (publisher.tree / "current").exists()
 
 
+def test_errors_of_the_result_keep_it_from_hosts(served, server):
+    served.rules()
+    before = served.names()
+    file = served.scratch / "broken.xml"
+    file.write_text("<rules>")
+    result = served.run("rules", file)
+    assert result.returncode == 1
+    assert served.names() == before
+    assert get(server, f"/{RULES}")[2] == b"<rules/>\n"
+
+
+def test_a_lower_version_is_refused(publisher):
+    publisher.soft("abcdef1.0.2")
+    result = publisher.run("soft", *publisher.soft_arguments("abcdef1.0.1"))
+    assert result.returncode == 1
+    assert publisher.current()[VERSION_FILE] == b"abcdef1.0.2\n"
+
+
 @pytest.mark.parametrize("arguments", [
     ["nginx", "--version", "../x", "--word-size", "64", "/bin/sh"],
     ["nginx", "--version", "..", "--word-size", "64", "/bin/sh"],
@@ -361,6 +379,13 @@ def test_in_place_switches_payloads_first_and_the_version_last(publisher, strace
                       f"{publisher.tree}/{VERSION_FILE}"]
 
 
+def test_errors_keep_a_plain_tree_as_it_is(publisher):
+    before = plain_tree(publisher)
+    result = publisher.run("soft", *publisher.soft_arguments("abcdef1.0.0"), "--in-place")
+    assert result.returncode == 1
+    assert contents(publisher.tree) == before
+
+
 def test_import_makes_the_first_release(publisher):
     before = plain_tree(publisher)
     times = {path: (publisher.tree / path).stat().st_mtime for path in before}
@@ -495,6 +520,17 @@ def test_a_rollback_needs_releases(publisher):
     plain_tree(publisher)
     result = publisher.run("rollback")
     assert result.returncode == 2 and "has no releases" in result.stderr
+
+
+def test_a_rollback_to_a_broken_release_is_refused(publisher):
+    publisher.rules("<one/>\n")
+    publisher.rules("<two/>\n")
+    file = publisher.tree / "releases/1" / RULES
+    file.chmod(0o644)
+    file.write_text("<broken")
+    result = publisher.run("rollback")
+    assert result.returncode == 1 and "[edited-in-place]" in result.stderr
+    assert publisher.current()[RULES] == b"<two/>\n"
 
 
 def test_a_dry_rollback_changes_nothing(publisher):

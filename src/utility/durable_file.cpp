@@ -1,15 +1,22 @@
 #include "utility/durable_file.h"
 
 #include <fcntl.h>
+#include <linux/limits.h>
+#include <sys/random.h>
 #include <sys/stat.h>
+#include <sys/xattr.h>
 #include <unistd.h>
 
-#include <array>
+#include <algorithm>
 #include <cerrno>
 #include <cstddef>
+#include <cstdint>
 #include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
 #include <optional>
-#include <utility>
+#include <set>
 
 #include "utility/file.h"
 
@@ -17,159 +24,120 @@ namespace utility {
 
 namespace {
 
-constexpr char kNewSuffix[] = ".new";
-constexpr std::size_t kMaxLinkBytes = 4096;  // PATH_MAX: no link is longer
-constexpr int kMaxLinks = 40;                // in a row; the kernel follows no more either
+constexpr char kNameLetters[] = "abcdefghijklmnopqrstuvwxyz234567";
 constexpr int kNamingAttempts = 100;
-constexpr mode_t kPermissionBits = 07777;
+constexpr int kNewFileFlags = O_WRONLY | O_CLOEXEC;
+constexpr mode_t kNewFileMode = 0600;  // until it gets the mode of the old file
 
-/// The file to replace: a name in an open directory, so that every step meets the same directory.
-struct Target {
-  Descriptor directory;
-  std::string name;
-  std::string new_name;            ///< what the new version is called until it is in place
-  std::optional<struct stat> old;  ///< nothing when there is no old version
-};
-
-/// The file that @a path means: where that is a symbolic link the one at its end, which need not
-/// exist. Links among the directories in front of it are left to the kernel.
-std::string follow_links(std::string path) {
-  for (int links = 0; links < kMaxLinks; ++links) {
-    std::array<char, kMaxLinkBytes> buffer{};
-    const ssize_t size = ::readlink(path.c_str(), buffer.data(), buffer.size());
-    if (size < 0) break;
-    const std::string link(buffer.data(), static_cast<std::size_t>(size));
-    path.replace(link[0] == '/' ? 0 : path.rfind('/') + 1, std::string::npos, link);
-  }
-  return path;
-}
-
-/// @return nothing when the directory cannot be opened, and when @a path is something other than a
-///         file: a rename would put the new version in the place of a device, not write to it
-std::optional<Target> open_target(const std::string& path) {
-  const std::string file = follow_links(path);
-  const std::size_t name_begin = file.rfind('/') + 1;
-  const std::string directory = name_begin == 0 ? "." : file.substr(0, name_begin);
-  const std::string name = file.substr(name_begin);
-  Target target{Descriptor(::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)), name,
-                name + kNewSuffix, std::nullopt};
-  if (!target.directory) return std::nullopt;
-  struct stat status = {};
-  const bool exists = ::fstatat(target.directory.get(), name.c_str(), &status, 0) == 0;
-  if (exists ? !S_ISREG(status.st_mode) : errno != ENOENT) return std::nullopt;
-  if (exists) target.old = status;
-  return target;
-}
-
-void remove_new_version(const Target& target) {
-  (void)::unlinkat(target.directory.get(), target.new_name.c_str(), 0);
-}
-
-/// Makes the new, empty @a file the whole new version, and waits until it is on disk.
-bool fill(const Descriptor& file, const Target& target, const std::string& contents) {
-  // The owner first: a change of the owner takes the set-user-ID bit away.
-  const bool like_old =
-      !target.old || (::fchown(file.get(), target.old->st_uid, target.old->st_gid) == 0 &&
-                      ::fchmod(file.get(), target.old->st_mode & kPermissionBits) == 0);
-  if (!like_old) return false;
-  return write_all(file.get(), contents.data(), contents.size()) == contents.size() &&
-         ::fsync(file.get()) == 0;
-}
-
-/// Gives the unnamed @a file the new version's name, in the place of what a killed call left there.
-/// Several attempts, because calls in other processes may use the name at the same time.
-///
-/// @return false when the file cannot be named this way, for example without /proc
-bool name_file(const Descriptor& file, const Target& target) {
-  const std::string source = "/proc/self/fd/" + std::to_string(file.get());
+/// Names the unnamed file @a fd; without one (-1), creates a file with a name and sets @a fd.
+/// @return the name: @a prefix, a dot and random letters; empty on failure
+std::string take_free_name(int directory, const std::string& prefix, int& fd) {
+  const std::string unnamed = "/proc/self/fd/" + std::to_string(fd);
   for (int attempt = 0; attempt < kNamingAttempts; ++attempt) {
-    const int result = ::linkat(AT_FDCWD, source.c_str(), target.directory.get(),
-                                target.new_name.c_str(), AT_SYMLINK_FOLLOW);
-    if (result == 0 || errno != EEXIST) return result == 0;
-    remove_new_version(target);
+    std::uint32_t random = 0;
+    if (::getrandom(&random, sizeof random, 0) < 0) break;
+    std::string name = prefix + '.';
+    for (int i = 0; i < 6; ++i, random /= 32) name += kNameLetters[random % 32];
+    if (fd < 0) {
+      fd = ::openat(directory, name.c_str(), O_CREAT | O_EXCL | kNewFileFlags, kNewFileMode);
+      if (fd >= 0) return name;
+    } else if (::linkat(AT_FDCWD, unnamed.c_str(), directory, name.c_str(), AT_SYMLINK_FOLLOW) ==
+               0) {
+      return name;
+    }
+    if (errno != EEXIST) break;
   }
+  return "";
+}
+
+/// The names of a file's extended attributes, ACL and security label included, without those that
+/// the kernel derives from the contents.
+std::optional<std::set<std::string>> attribute_names(int fd) {
+  std::string list(XATTR_LIST_MAX, '\0');
+  if (::flistxattr(fd, list.data(), list.size()) < 0 && errno != EOPNOTSUPP) return std::nullopt;
+  std::set<std::string> names;
+  for (const char* name = list.c_str(); *name != '\0'; name += std::strlen(name) + 1) {
+    names.insert(name);
+  }
+  names.erase("security.ima");
+  names.erase("security.evm");
+  return names;
+}
+
+bool copy_attributes(int from, int to) {
+  const auto wanted = attribute_names(from);
+  const auto inherited = attribute_names(to);
+  if (!wanted || !inherited) return false;
+  for (const std::string& name : *inherited) {
+    if (wanted->count(name) == 0 && ::fremovexattr(to, name.c_str()) != 0) return false;
+  }
+  std::string value(XATTR_SIZE_MAX, '\0');
+  return std::all_of(wanted->begin(), wanted->end(), [&](const std::string& name) {
+    const ssize_t size = ::fgetxattr(from, name.c_str(), value.data(), value.size());
+    return size >= 0 &&
+           ::fsetxattr(to, name.c_str(), value.data(), static_cast<std::size_t>(size), 0) == 0;
+  });
+}
+
+/// Makes @a to equal @a from in all but its contents, which are @a contents. In this order: a write
+/// and a change of owner clear capabilities and special mode bits, and an ACL changes the mode.
+bool fill(int to, int from, const std::string& contents) {
+  struct stat old = {};
+  return write_all(to, contents.data(), contents.size()) == contents.size() &&
+         ::fstat(from, &old) == 0 && ::fchown(to, old.st_uid, old.st_gid) == 0 &&
+         copy_attributes(from, to) && ::fchmod(to, old.st_mode & 07777) == 0 && ::fsync(to) == 0;
+}
+
+bool replace_by_new_file(int directory, const std::string& name, const std::string& contents) {
+  const Descriptor old_file(::openat(directory, name.c_str(), O_RDONLY | O_CLOEXEC));
+  std::string new_name;
+  int fd = ::openat(directory, ".", O_TMPFILE | kNewFileFlags, kNewFileMode);
+  if (fd < 0) new_name = take_free_name(directory, name, fd);
+  const Descriptor new_file(fd);
+  const bool filled = new_file && fill(fd, old_file.get(), contents);
+  if (filled && new_name.empty()) new_name = take_free_name(directory, name, fd);
+  if (new_name.empty()) return false;
+  if (filled && ::renameat(directory, new_name.c_str(), directory, name.c_str()) == 0) return true;
+  (void)::unlinkat(directory, new_name.c_str(), 0);
   return false;
 }
 
-/// Writes the new version: under its name when this returns, and on disk. A kill before leaves
-/// nothing behind where the file system has unnamed files, and a part of it elsewhere.
-///
-/// @return none when a step failed; then nothing is left under the name
-Descriptor create_new_version(const Target& target, const std::string& contents) {
-  // Nobody may read the new version who may not read the old one; fill() adds what is missing.
-  const mode_t mode = target.old ? 0600 : 0666;
-  Descriptor unnamed(::openat(target.directory.get(), ".", O_TMPFILE | O_WRONLY | O_CLOEXEC, mode));
-  const bool filled = unnamed && fill(unnamed, target, contents);
-  if (filled && name_file(unnamed, target)) return unnamed;
-  remove_new_version(target);
-  if (unnamed && !filled) return Descriptor(-1);
-  (void)unnamed.close();  // gives its space back
-  Descriptor named(::openat(target.directory.get(), target.new_name.c_str(),
-                            O_CREAT | O_EXCL | O_WRONLY | O_CLOEXEC, mode));
-  if (named && !fill(named, target, contents)) {
-    remove_new_version(target);
-    return Descriptor(-1);
-  }
-  return named;
-}
-
-/// Whether the new version's name still belongs to @a file, and not to that of another process.
-bool has_new_name(const Descriptor& file, const Target& target) {
-  const int directory = target.directory.get();
-  struct stat ours = {};
-  struct stat named = {};
-  return ::fstat(file.get(), &ours) == 0 &&
-         ::fstatat(directory, target.new_name.c_str(), &named, AT_SYMLINK_NOFOLLOW) == 0 &&
-         ours.st_dev == named.st_dev && ours.st_ino == named.st_ino;
-}
-
-/// Reserves space for @a size bytes, without changing the length of the file where the file system
-/// can do that.
-bool reserve(const Descriptor& file, off_t size) {
-  if (size == 0 || ::fallocate(file.get(), FALLOC_FL_KEEP_SIZE, 0, size) == 0) return true;
-  return errno == EOPNOTSUPP && ::posix_fallocate(file.get(), 0, size) == 0;
-}
-
-enum class InPlace { kWritten, kUntouched, kCut };
-
-/// Overwrites the old version. Its space is reserved first, so that a full disk shows while the
-/// old contents are still whole. The rest of a longer old version is overwritten with line feeds
-/// before it is cut off: to a reader that comes in between, or after a kill, they are blanks.
-InPlace write_in_place(const Target& target, std::string contents) {
-  const Descriptor file(::openat(target.directory.get(), target.name.c_str(), O_RDWR | O_CLOEXEC));
-  struct stat old = {};
-  if (!file || ::fstat(file.get(), &old) != 0) return InPlace::kUntouched;
+/// Overwrites the file, or creates it. Line feeds reserve the space of a longer version, so that a
+/// full disk shows while the old text is whole, and replace the rest of a longer old version before
+/// it is cut off: readers of the text take them for blanks.
+bool write_in_place(const std::string& path, std::string contents) {
+  const Descriptor file(::open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0666));
+  const off_t old_size = ::lseek(file.get(), 0, SEEK_END);
+  if (old_size < 0) return false;
   const auto size = static_cast<off_t>(contents.size());
-  if (!reserve(file, size)) {
-    return ::ftruncate(file.get(), old.st_size) == 0 ? InPlace::kUntouched : InPlace::kCut;
+  const std::string growth(static_cast<std::size_t>(std::max(size - old_size, off_t{0})), '\n');
+  if (write_all(file.get(), growth.data(), growth.size()) != growth.size() ||
+      ::fsync(file.get()) != 0) {
+    [[maybe_unused]] const int ignored = ::ftruncate(file.get(), old_size);
+    return false;
   }
-  if (size < old.st_size) contents.resize(static_cast<std::size_t>(old.st_size), '\n');
-  const bool written = write_all(file.get(), contents.data(), contents.size()) == contents.size() &&
-                       ::ftruncate(file.get(), size) == 0 && ::fsync(file.get()) == 0;
-  return written ? InPlace::kWritten : InPlace::kCut;
-}
-
-bool put_in_place(const Descriptor& file, const Target& target, const std::string& contents) {
-  const int directory = target.directory.get();
-  if (!has_new_name(file, target)) return false;
-  if (::renameat(directory, target.new_name.c_str(), directory, target.name.c_str()) == 0) {
-    return ::fsync(directory) == 0;
-  }
-  // Until a mount point is rewritten, the new version stands beside it, whole: what a crash or an
-  // I/O error cuts can be restored from there.
-  const bool mount_point = errno == EBUSY && ::fsync(directory) == 0;
-  const InPlace result = mount_point ? write_in_place(target, contents) : InPlace::kUntouched;
-  if (result != InPlace::kCut && has_new_name(file, target)) remove_new_version(target);
-  return result == InPlace::kWritten;
+  contents.resize(static_cast<std::size_t>(std::max(size, old_size)), '\n');
+  return ::lseek(file.get(), 0, SEEK_SET) == 0 &&
+         write_all(file.get(), contents.data(), contents.size()) == contents.size() &&
+         ::ftruncate(file.get(), size) == 0 && ::fsync(file.get()) == 0;
 }
 
 }  // namespace
 
 bool replace_durably(const std::string& path, const std::string& contents) {
-  const std::optional<Target> target = open_target(path);
-  if (!target) return false;
-  const Descriptor new_version = create_new_version(*target, contents);
-  return new_version && put_in_place(new_version, *target, contents);
+  struct stat old = {};
+  if (::stat(path.c_str(), &old) != 0) return errno == ENOENT && write_in_place(path, contents);
+  if (!S_ISREG(old.st_mode)) return false;  // a rename would replace a device, not write to it
+  const std::unique_ptr<char, decltype(&std::free)> resolved(::realpath(path.c_str(), nullptr),
+                                                             &std::free);
+  const std::string target = resolved ? resolved.get() : "";
+  const std::size_t name_begin = target.rfind('/') + 1;
+  const Descriptor directory(
+      ::open(target.substr(0, name_begin).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (replace_by_new_file(directory.get(), target.substr(name_begin), contents)) {
+    return ::fsync(directory.get()) == 0;
+  }
+  return write_in_place(path, contents);
 }
 
 }  // namespace utility

@@ -8,33 +8,15 @@
 #include <optional>
 #include <pugixml.hpp>
 #include <string_view>
+#include <type_traits>
 #include <utility>
 
 #include "utility/durable_file.h"
 #include "utility/file.h"
 
-using namespace std::string_view_literals;
-
 namespace {
 
-// ---- Files and their encodings ----
-
-/// How a file of wide characters begins: with a byte order mark or else with its first tag.
-constexpr std::pair<std::string_view, XmlEncoding> kWideStarts[] = {
-    {"\0\0\xFE\xFF"sv, {4, true}}, {"\xFF\xFE\0\0"sv, {4, false}}, {"\xFE\xFF"sv, {2, true}},
-    {"\xFF\xFE"sv, {2, false}},    {"\0\0\0<"sv, {4, true}},       {"<\0\0\0"sv, {4, false}},
-    {"\0<"sv, {2, true}},          {"<\0"sv, {2, false}},
-};
-
-constexpr char32_t kHighSurrogates = 0xD800;
-constexpr char32_t kLowSurrogates = 0xDC00;
-constexpr char32_t kSurrogatesEnd = 0xE000;
-constexpr char32_t kSupplementary = 0x10000;
-constexpr char32_t kCharactersEnd = 0x110000;
-constexpr unsigned kSurrogateBits = 10;
-constexpr char32_t kReplacement = 0xFFFD;
-static_assert(sizeof(wchar_t) == sizeof(char32_t), "pugixml is to convert UTF-32 here");
-
+/// Reads a file to its end. A read error does not count as its end: a save would drop the rest.
 std::optional<std::string> read_whole(const char* path) {
   const utility::Descriptor file(::open(path, O_RDONLY | O_CLOEXEC));
   struct stat status = {};
@@ -53,106 +35,122 @@ std::optional<std::string> read_whole(const char* path) {
   return bytes;
 }
 
-XmlEncoding detect_encoding(std::string_view bytes) {
-  for (const auto& [start, encoding] : kWideStarts) {
-    if (bytes.substr(0, start.size()) == start) return encoding;
+// ---- UTF-16 and UTF-32 ----
+// The parser converts such a document to UTF-8 and back. It interprets nothing on the way and keeps
+// everything, so that no more than quotes and blanks in tags change.
+
+constexpr unsigned kKeepAll =
+    (pugi::parse_full | pugi::parse_ws_pcdata | pugi::parse_fragment) &
+    ~(pugi::parse_escapes | pugi::parse_eol | pugi::parse_wconv_attribute);
+
+constexpr std::size_t kRecognisedBytes = 4;
+
+/// The encoding that the parser recognises by the first bytes: a byte order mark or the `<` of the
+/// first tag. It does so although they are not a whole document. UTF-8 stands for all others.
+pugi::xml_encoding encoding_of(const std::string& start) {
+  pugi::xml_document tree;
+  return tree.load_buffer(start.data(), std::min(start.size(), kRecognisedBytes)).encoding;
+}
+
+bool is_wide(const std::string& start) { return encoding_of(start) != pugi::encoding_utf8; }
+
+std::string write(const pugi::xml_document& tree, pugi::xml_encoding encoding, bool with_mark) {
+  struct Writer : pugi::xml_writer {
+    void write(const void* data, std::size_t size) override {
+      bytes.append(static_cast<const char*>(data), size);
+    }
+    std::string bytes;
+  } writer;
+  constexpr unsigned kFormat =
+      pugi::format_raw | pugi::format_no_declaration | pugi::format_no_escapes;
+  tree.save(writer, "", kFormat | (with_mark ? pugi::format_write_bom : 0), encoding);
+  return std::move(writer.bytes);
+}
+
+/// The same, in the encoding of the file that begins with @a start, and with its byte order mark.
+std::string write_as(const std::string& start, const pugi::xml_document& tree) {
+  return write(tree, encoding_of(start), start[start.find_first_not_of('\0')] != '<');
+}
+
+/// Whether XML can represent the character: it is one of Unicode, and of those below 0x20 a blank.
+bool is_representable(char32_t code) {
+  if (code < ' ') return code == '\t' || code == '\n' || code == '\r';
+  return code < 0xD800 || (code >= 0xE000 && code < 0x110000);
+}
+
+/// @a text with a question mark for each character that XML cannot represent.
+template <typename Text>
+Text representable(Text text) {
+  using Unit = std::make_unsigned_t<typename Text::value_type>;
+  const auto is_wrong = [](auto unit) { return !is_representable(static_cast<Unit>(unit)); };
+  std::replace_if(text.begin(), text.end(), is_wrong, '?');
+  return text;
+}
+
+/// The units of a wide document, without blanks and quotes.
+std::u32string significant_units(const std::string& bytes, pugi::xml_encoding encoding) {
+  const bool is_32 = encoding == pugi::encoding_utf32_le || encoding == pugi::encoding_utf32_be;
+  const bool is_big = encoding == pugi::encoding_utf16_be || encoding == pugi::encoding_utf32_be;
+  const std::size_t unit_bytes = is_32 ? 4 : 2;
+  std::u32string units;
+  for (std::size_t begin = 0; begin < bytes.size(); begin += unit_bytes) {
+    std::string unit = bytes.substr(begin, unit_bytes);
+    unit.resize(unit_bytes, '\xFF');  // an incomplete last unit is significant
+    if (!is_big) std::reverse(unit.begin(), unit.end());
+    char32_t code = 0;
+    for (const char byte : unit) code = code << 8 | static_cast<unsigned char>(byte);
+    if (std::u32string_view(U" \t\r\n\"'").find(code) == std::u32string_view::npos) units += code;
   }
-  return {1, false};
+  return units;
 }
 
-/// Position of byte @a index of a unit, counted from its lowest, as a shift.
-unsigned shift_of(std::size_t index, const XmlEncoding& encoding) {
-  return 8 * static_cast<unsigned>(encoding.big_endian ? encoding.unit_bytes - 1 - index : index);
-}
-
-char32_t unit_at(const std::string& bytes, std::size_t position, const XmlEncoding& encoding) {
-  char32_t unit = 0;
-  for (std::size_t i = 0; i < encoding.unit_bytes; ++i) {
-    unit |= char32_t{static_cast<unsigned char>(bytes[position + i])} << shift_of(i, encoding);
+/// Prepares values for the writer, which puts them in double quotes and escapes nothing.
+struct QuoteEscaper : pugi::xml_tree_walker {
+  bool for_each(pugi::xml_node& node) override {
+    for (pugi::xml_attribute attribute : node.attributes()) {
+      std::string value = attribute.value();
+      for (std::size_t i = 0; (i = value.find('"', i)) != std::string::npos;) {
+        value.replace(i, 1, "&quot;");
+      }
+      attribute.set_value(value.c_str());
+    }
+    return true;
   }
-  return unit;
-}
+};
 
-void append_unit(std::string& bytes, char32_t unit, const XmlEncoding& encoding) {
-  for (std::size_t i = 0; i < encoding.unit_bytes; ++i) {
-    bytes += static_cast<char>(unit >> shift_of(i, encoding) & 0xFF);
+/// @return a wide document in UTF-8; nothing if it is malformed, or if more than quotes, blanks in
+///         tags and the spelling of references would change on the way back
+std::optional<std::string> to_utf8(const std::string& bytes) {
+  const pugi::xml_encoding encoding = encoding_of(bytes);
+  pugi::xml_document tree;
+  if (!tree.load_buffer(bytes.data(), bytes.size(), kKeepAll, encoding)) return std::nullopt;
+  const std::string written = write_as(bytes, tree);
+  if (significant_units(bytes, encoding) != significant_units(written, encoding)) {
+    return std::nullopt;
   }
-}
-
-bool is_character(char32_t code) {
-  return code > 0 && code < kCharactersEnd && (code < kHighSurrogates || code >= kSurrogatesEnd);
-}
-
-/// Whether @a unit is the second half of a UTF-16 pair whose first is the last of @a characters.
-bool completes_pair(const std::u32string& characters, char32_t unit) {
-  return unit >= kLowSurrogates && unit < kSurrogatesEnd && !characters.empty() &&
-         characters.back() >= kHighSurrogates && characters.back() < kLowSurrogates;
-}
-
-std::string to_utf8(const std::u32string& characters) {
-  return pugi::as_utf8(std::wstring(characters.begin(), characters.end()));
-}
-
-/// The characters of UTF-8 text, without what is malformed.
-std::u32string to_characters(const std::string& text) {
+  QuoteEscaper escaper;
+  tree.traverse(escaper);
+  std::string text = write(tree, pugi::encoding_utf8, false);
   const std::wstring characters = pugi::as_wide(text);
-  return {characters.begin(), characters.end()};
+  if (representable(characters) != characters) return std::nullopt;
+  return text;
 }
 
-/// The text of a file as this program handles it: the bytes as they are, or UTF-8 for wide units.
-/// @return nothing when there are NULs in it, or units that are no characters
-std::optional<std::string> decode(std::string bytes, const XmlEncoding& encoding) {
-  if (encoding.unit_bytes == 1) {
-    // The parser would take a NUL for the end of the text.
-    return bytes.find('\0') == std::string::npos ? std::optional(std::move(bytes)) : std::nullopt;
-  }
-  if (bytes.size() % encoding.unit_bytes != 0) return std::nullopt;
-  std::u32string characters;
-  characters.reserve(bytes.size() / encoding.unit_bytes);
-  for (std::size_t i = 0; i < bytes.size(); i += encoding.unit_bytes) {
-    const char32_t unit = unit_at(bytes, i, encoding);
-    if (encoding.unit_bytes == 2 && completes_pair(characters, unit)) {
-      const char32_t high = characters.back() - kHighSurrogates;
-      characters.back() = kSupplementary + (high << kSurrogateBits) + (unit - kLowSurrogates);
-    } else {
-      characters += unit;
-    }
-  }
-  if (!std::all_of(characters.begin(), characters.end(), is_character)) return std::nullopt;
-  return to_utf8(characters);
-}
-
-/// The reverse of decode() for wide units.
-std::string encode(const std::string& text, const XmlEncoding& encoding) {
-  std::string bytes;
-  for (char32_t unit : to_characters(text)) {
-    if (encoding.unit_bytes == 2 && unit >= kSupplementary) {
-      unit -= kSupplementary;
-      append_unit(bytes, kHighSurrogates + (unit >> kSurrogateBits), encoding);
-      unit = kLowSurrogates + (unit & ((1U << kSurrogateBits) - 1));
-    }
-    append_unit(bytes, unit, encoding);
-  }
-  return bytes;
-}
-
-/// @a value as it can be stored in a file of @a encoding.
-std::string storable(const char* value, const XmlEncoding& encoding) {
-  if (encoding.unit_bytes == 1) return value;
-  std::u32string characters = to_characters(value);
-  std::replace_if(
-      characters.begin(), characters.end(), [](char32_t code) { return !is_character(code); },
-      kReplacement);
-  return to_utf8(characters);
+/// The reverse of to_utf8(), for a file that began with @a start.
+std::string from_utf8(const std::string& text, const std::string& start) {
+  pugi::xml_document tree;
+  (void)tree.load_buffer(text.data(), text.size(), kKeepAll, pugi::encoding_utf8);
+  return write_as(start, tree);
 }
 
 // ---- Structure ----
 
 /// Builds the tree of a document.
-/// @return false, with @a tree empty, when the text is malformed or is not one root element with
-///         nothing but comments, instructions and a DOCTYPE beside it
+/// @return false, with @a tree empty, if the text is malformed, contains a NUL, or is not one root
+///         element with nothing but blanks, comments, instructions and a DOCTYPE around it
 bool parse(const std::string& text, pugi::xml_document& tree) {
-  // As a fragment, so that the tree shows all that stands beside the root element.
+  if (text.find('\0') != std::string::npos) return false;  // the parser would stop there
+  // As a fragment, so that the tree shows everything around the root element.
   constexpr unsigned kOptions = pugi::parse_default | pugi::parse_fragment;
   const bool parsed = tree.load_buffer(text.data(), text.size(), kOptions, pugi::encoding_utf8);
   const pugi::xml_node first = tree.first_child();
@@ -172,32 +170,39 @@ constexpr std::string_view kSpecial = "&<\"'\t\n\r";
 constexpr const char* kReferences[] = {"&amp;", "&lt;",  "&quot;", "&apos;",
                                        "&#9;",  "&#10;", "&#13;"};
 
-/// A stretch of a document's text.
-struct Place {
-  std::size_t begin;
-  std::size_t size;
-  bool is_value;  ///< an attribute's value, without its quotes; otherwise room for an attribute
+/// Where an attribute is in a document's text, or where it can be inserted.
+struct AttributePosition {
+  std::size_t begin;  ///< of the value, without its quotes; or of the attribute to insert
+  std::size_t size;   ///< of the value
+  bool exists;
 };
 
-/// Finds the first attribute called @a name in a start tag, or where to insert it.
-/// @param tag  the place of the element's name; the parser has found the tag well-formed
-Place find_attribute(const std::string& text, std::size_t tag, std::string_view name) {
-  std::size_t behind_last = text.find_first_of(kElementNameEnd, tag);
+/// Finds the first attribute called @a name in a start tag.
+/// @param tag  the offset of the element's name; the parser has found the tag well-formed
+AttributePosition find_attribute(const std::string& text, std::size_t tag, std::string_view name) {
+  std::size_t end_of_last = text.find_first_of(kElementNameEnd, tag);
   for (;;) {
-    const std::size_t begin = text.find_first_not_of(kBlanks, behind_last);
-    if (text[begin] == '/' || text[begin] == '>') return {behind_last, 0, false};
+    const std::size_t begin = text.find_first_not_of(kBlanks, end_of_last);
+    if (text[begin] == '/' || text[begin] == '>') return {end_of_last, 0, false};
     const std::size_t name_end = text.find_first_of(kAttributeNameEnd, begin);
     const std::size_t quote = text.find_first_of(kQuotes, name_end);
     const std::size_t value_end = text.find(text[quote], quote + 1);
     if (std::string_view(text).substr(begin, name_end - begin) == name) {
       return {quote + 1, value_end - quote - 1, true};
     }
-    behind_last = value_end + 1;
+    end_of_last = value_end + 1;
   }
 }
 
-/// @a value as it may stand between quotes of either kind. Blanks that readers would turn into
-/// spaces are kept by references.
+/// @a value as it can be part of a document that began with @a start: a wide one needs UTF-8.
+std::string storable(const char* value, const std::string& start) {
+  static_assert(sizeof(wchar_t) == sizeof(char32_t), "the parser's wide text is UTF-32");
+  if (!is_wide(start)) return representable(std::string(value));
+  return pugi::as_utf8(representable(pugi::as_wide(value)));
+}
+
+/// @a value as it can be written between quotes of either kind. Parsers turn blanks other than
+/// spaces into spaces unless they are references.
 std::string escape(const std::string& value) {
   std::string escaped;
   for (const char character : value) {
@@ -233,7 +238,7 @@ XmlNodeList XmlNode::select_nodes(const char* xpath) const {
       if (node.type() == pugi::node_element) list.elements_.push_back(node.internal_object());
     }
   } catch (const pugi::xpath_exception&) {
-    // Not an expression, or none that selects nodes: nothing matches.
+    // Not an expression, or not one that selects nodes: nothing matches.
   }
   return list;
 }
@@ -252,14 +257,14 @@ XmlDocument::~XmlDocument() = default;
 int XmlDocument::load(const char* path) {
   tree_->reset();
   text_.clear();
-  growth_.clear();
+  added_bytes_.clear();
   try {
     std::optional<std::string> bytes = read_whole(path);
     if (!bytes) return 0;
-    encoding_ = detect_encoding(*bytes);
-    std::optional<std::string> text = decode(*std::move(bytes), encoding_);
-    if (!text || !parse(*text, *tree_)) return 0;
-    text_ = *std::move(text);
+    start_ = bytes->substr(0, kRecognisedBytes);
+    if (is_wide(start_)) bytes = to_utf8(*bytes);
+    if (!bytes || !parse(*bytes, *tree_)) return 0;
+    text_ = *std::move(bytes);
   } catch (const std::exception&) {  // more than memory, or a string, can hold
     tree_->reset();
     return 0;
@@ -271,26 +276,29 @@ XmlNode XmlDocument::root() { return {this, tree_->first_child().internal_object
 
 int XmlDocument::save(const char* path) {
   if (text_.empty()) return 0;
-  const bool saved = encoding_.unit_bytes == 1
-                         ? utility::replace_durably(path, text_)
-                         : utility::replace_durably(path, encode(text_, encoding_));
+  const bool saved = is_wide(start_) ? utility::replace_durably(path, from_utf8(text_, start_))
+                                     : utility::replace_durably(path, text_);
   return saved ? 1 : 0;
 }
 
 void XmlDocument::set_attribute(pugi::xml_node_struct* element, const char* name,
                                 const char* value) {
   pugi::xml_node node(element);
-  const std::string plain = storable(value, encoding_);
+  const std::string plain = storable(value, start_);
+  // The offset of the element's name in the parsed text. That is its documented meaning, and exact
+  // as long as the tree comes from one buffer and elements are not renamed.
   const std::ptrdiff_t loaded_tag = node.offset_debug();
   std::ptrdiff_t tag = loaded_tag;
-  for (auto it = growth_.begin(); it != growth_.lower_bound(loaded_tag); ++it) tag += it->second;
+  for (auto it = added_bytes_.begin(); it != added_bytes_.lower_bound(loaded_tag); ++it) {
+    tag += it->second;
+  }
 
-  const Place place = find_attribute(text_, static_cast<std::size_t>(tag), name);
+  const AttributePosition old = find_attribute(text_, static_cast<std::size_t>(tag), name);
   std::string replacement = escape(plain);
-  if (!place.is_value) replacement = std::string(" ") + name + "=\"" + replacement + '"';
-  text_.replace(place.begin, place.size, replacement);
-  growth_[loaded_tag] +=
-      static_cast<std::ptrdiff_t>(replacement.size()) - static_cast<std::ptrdiff_t>(place.size);
+  if (!old.exists) replacement = std::string(" ") + name + "=\"" + replacement + '"';
+  text_.replace(old.begin, old.size, replacement);
+  added_bytes_[loaded_tag] +=
+      static_cast<std::ptrdiff_t>(replacement.size()) - static_cast<std::ptrdiff_t>(old.size);
 
   pugi::xml_attribute attribute = node.attribute(name);
   if (!attribute) attribute = node.append_attribute(name);

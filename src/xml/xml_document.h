@@ -1,6 +1,9 @@
-// The XML operations that the agent's configuration file needs. Changing a document means changing
-// its text: all but the attribute values that were set survives a save byte for byte, down to
-// blanks in tags, line ends, comments, entity references and the byte order mark.
+// The XML operations that the agent's configuration file needs. A change is made in the document's
+// text, so that everything but the changed attribute values survives a save byte for byte: blanks
+// in tags, line ends, comments, entity references and the byte order mark.
+//
+// UTF-16 and UTF-32 documents are converted, and a save may change quotes, blanks in tags and the
+// spelling of references. A document in which it would change more is not loaded.
 #pragma once
 
 #include <cstddef>
@@ -17,31 +20,31 @@ struct xml_node_struct;
 class XmlDocument;
 class XmlNodeList;
 
-/// Handle of an element, small and freely copied. The document owns the element: a handle must not
-/// be used once its document is gone or has been loaded again.
+/// Handle of an element, cheap to copy. The document owns the element: do not use a handle after
+/// its document is destroyed or loaded again.
 ///
-/// There may be no element behind a handle (see XmlDocument::root and XmlNodeList::item). Such a
-/// handle has no attributes, selects nothing and ignores what is set.
+/// A handle may have no element (see XmlDocument::root and XmlNodeList::item). Such a handle has no
+/// attributes, selects nothing and ignores changes.
 class XmlNode {
  public:
-  /// Gives the attribute a value, in the document in memory only. The first attribute called
-  /// @a name is changed; an element without one gets it behind those it has.
+  /// Sets an attribute, in the document in memory only: the first one called @a name, or a new one
+  /// after the others.
   ///
   /// @param name  an XML name
-  /// @param value  plain text, escaped here as far as needed. Its bytes are stored as they are;
-  /// only
-  ///               in a UTF-16 or UTF-32 document must it be UTF-8, and bytes that are not are
-  ///               dropped or replaced by U+FFFD.
+  /// @param value  plain text; it is escaped here. Bytes below 0x20 other than tab, line feed and
+  ///               carriage return, which XML cannot represent, become `?`. All other bytes are
+  ///               stored as they are. Only a UTF-16 or UTF-32 document needs UTF-8: characters
+  ///               that Unicode does not have become `?`, and malformed sequences are dropped.
   void set_attribute(const char* name, const char* value);
 
-  /// @return the value of the first attribute called @a name, empty when there is none. Character
+  /// @return the value of the first attribute called @a name; empty if there is none. Character
   ///         references and the five predefined entities are resolved, references to other
-  ///         entities stay as they are written. The bytes are those of the file, in its encoding;
-  ///         of a UTF-16 or UTF-32 document they are UTF-8.
+  ///         entities stay as they are. The bytes are those of the file; they are UTF-8 if the
+  ///         document is UTF-16 or UTF-32.
   [[nodiscard]] std::string get_attribute(const char* name) const;
 
-  /// @return the elements that @a xpath (XPath 1.0) selects, seen from this element, in document
-  ///         order; attributes and text are left out. Empty when the expression is not valid.
+  /// @return the elements that @a xpath (XPath 1.0, relative to this element) selects, in document
+  ///         order; attributes and text are left out. Empty if the expression is invalid.
   [[nodiscard]] XmlNodeList select_nodes(const char* xpath) const;
 
  private:
@@ -52,15 +55,15 @@ class XmlNode {
       : document_(document), element_(element) {}
 
   XmlDocument* document_;
-  pugi::xml_node_struct* element_;  ///< null where there is no element
+  pugi::xml_node_struct* element_;  ///< null for none
 };
 
-/// Elements of a document, in document order. Like its handles it must not be used once the
-/// document is gone or has been loaded again; changes of attributes do not affect it.
+/// Elements of a document, in document order. Do not use a list after its document is destroyed or
+/// loaded again; changes of attributes do not affect it.
 class XmlNodeList {
  public:
   /// @param index  counted from 0
-  /// @return the element; a handle without one when @a index is negative or not below length()
+  /// @return the element; a handle without one if @a index is out of range
   [[nodiscard]] XmlNode item(int index) const;
 
   [[nodiscard]] int length() const { return static_cast<int>(elements_.size()); }
@@ -74,13 +77,7 @@ class XmlNodeList {
   std::vector<pugi::xml_node_struct*> elements_;
 };
 
-/// How a file stores its characters: as bytes of whatever encoding, or in wider units.
-struct XmlEncoding {
-  std::size_t unit_bytes;
-  bool big_endian;
-};
-
-/// A document in memory: its text, and the tree that was read from it.
+/// A document in memory: its text, and the tree that was parsed from it.
 class XmlDocument {
  public:
   XmlDocument();
@@ -88,23 +85,25 @@ class XmlDocument {
   XmlDocument(const XmlDocument&) = delete;
   XmlDocument& operator=(const XmlDocument&) = delete;
 
-  /// Reads and parses a file, in the place of what was loaded before.
+  /// Reads and parses a file, which replaces what was loaded before.
   ///
   /// Encodings of one byte per unit, such as UTF-8, ISO-8859-1 and GBK, are taken as bytes and
-  /// never converted. UTF-16 and UTF-32 are recognised by a byte order mark or by the `<` in front.
+  /// never converted. UTF-16 and UTF-32 are recognised by a byte order mark or by the `<` of the
+  /// first tag.
   ///
-  /// @return nonzero when the document is loaded; 0, with the document empty, when the file cannot
-  ///         be read or is malformed: also when it holds a NUL character, no or several root
-  ///         elements, text beside the root element, or units that are not UTF-16 or UTF-32
+  /// @return nonzero if the document is loaded. 0, with the document empty, if the file cannot be
+  ///         read to its end or is malformed: it also must not contain a NUL character, no or
+  ///         several root elements, or text beside the root element. A UTF-16 or UTF-32 document is
+  ///         also refused if a save would change more than described above: malformed units, or an
+  ///         empty element that is written as two tags.
   [[nodiscard]] int load(const char* path);
 
-  /// @return the root element; a handle without one when nothing is loaded
+  /// @return the root element; a handle without one if nothing is loaded
   [[nodiscard]] XmlNode root();
 
-  /// Writes the whole document, in the encoding of the loaded file, as replace_durably does: a
-  /// crash or a full disk leaves the old or the new document.
+  /// Writes the whole document in the encoding of the loaded file, see utility::replace_durably.
   ///
-  /// @return nonzero when the document is on disk; 0 when it is not, or when nothing is loaded
+  /// @return nonzero if the document is on disk; 0 if it is not, or if nothing is loaded
   int save(const char* path);
 
  private:
@@ -113,11 +112,11 @@ class XmlDocument {
   void set_attribute(pugi::xml_node_struct* element, const char* name, const char* value);
 
   std::unique_ptr<pugi::xml_document> tree_;
-  std::string text_;  ///< the bytes of the file; UTF-8 when its units have several bytes
-  XmlEncoding encoding_ = {1, false};
-  /// By how many bytes the start tags that were changed have grown, by their places in the text as
-  /// it was loaded.
-  std::map<std::ptrdiff_t, std::ptrdiff_t> growth_;
+  std::string text_;   ///< the bytes of the file; UTF-8 if it is UTF-16 or UTF-32
+  std::string start_;  ///< the first bytes of the file, which tell its encoding
+  /// How many bytes were added to each start tag that was changed, by the offset of its name in the
+  /// text as it was loaded.
+  std::map<std::ptrdiff_t, std::ptrdiff_t> added_bytes_;
 };
 
 /// @return a new, empty document

@@ -12,13 +12,16 @@
 #include <string>
 #include <vector>
 
+#include "faults.h"
 #include "test_support.h"
 
 namespace {
 
 using namespace std::string_literals;
+using test_support::Fault;
 using test_support::names_in;
 using test_support::read_file;
+using test_support::ScopedFault;
 using test_support::ScratchDirectory;
 using test_support::SmallDisk;
 using test_support::write_file;
@@ -70,17 +73,18 @@ class Xml : public testing::Test {
 
 // ---- What a change leaves alone ----
 
-std::string widen(const std::string& ascii, std::size_t unit_bytes, bool big_endian) {
+std::string widen(const std::string& text, std::size_t unit_bytes, bool big_endian) {
   const std::string zeros(unit_bytes - 1, '\0');
   std::string wide;
-  for (const char c : ascii) wide += big_endian ? zeros + c : c + zeros;
+  for (const char c : text) wide += big_endian ? zeros + c : c + zeros;
   return wide;
 }
 
-std::string utf16le(const std::string& ascii) { return widen(ascii, 2, false); }
-std::string utf16be(const std::string& ascii) { return widen(ascii, 2, true); }
-std::string utf32le(const std::string& ascii) { return widen(ascii, 4, false); }
-std::string utf32be(const std::string& ascii) { return widen(ascii, 4, true); }
+std::string ascii(const std::string& text) { return text; }
+std::string utf16le(const std::string& text) { return widen(text, 2, false); }
+std::string utf16be(const std::string& text) { return widen(text, 2, true); }
+std::string utf32le(const std::string& text) { return widen(text, 4, false); }
+std::string utf32be(const std::string& text) { return widen(text, 4, true); }
 
 /// A document whose setting "version" has its value between `before` and `behind`. The text of
 /// every document is in one of the two and must be found unchanged around the new value.
@@ -224,27 +228,28 @@ const Awkward kAwkward[] = {
      "\" c='\xF5\xC0\x80'/>" + kClose},
     {"ControlCharacters", kOpen + "<a b=\"\x01\x7F\">\x02\x1B</a>" + kVar, kTail},
 
-    // Wider units.
+    // Wider units, written as the parser writes them.
     {"Utf16LittleEndian",
      "\xFF\xFE" + utf16le("<?xml version=\"1.0\" encoding=\"UTF-16\"?>\r\n" + kHead),
      utf16le(kTail), utf16le},
-    {"Utf16BigEndian", "\xFE\xFF" + utf16be("<?xml version='1.0' encoding='UTF-16'?>\r\n" + kHead),
+    {"Utf16BigEndian",
+     "\xFE\xFF" + utf16be("<?xml version=\"1.0\" encoding=\"UTF-16\"?>\r\n" + kHead),
      utf16be(kTail), utf16be},
     {"Utf16LittleEndianUnmarked", utf16le(kHead), utf16le(kTail), utf16le},
     {"Utf16BigEndianUnmarked", utf16be("<?xml version=\"1.0\"?>" + kHead), utf16be(kTail), utf16be},
-    {"Utf16Pairs",
-     "\xFF\xFE" + utf16le("<!--") + "\x3D\xD8\x00\xDE"s + "\xFF\xDB\xFF\xDF" + "\xFF\xFF" +
-         utf16le("-->" + kHead),
-     utf16le("\" a='") + "\xAC\x20" + utf16le("'/>" + kClose), utf16le},
+    {"Utf16Pairs",  // U+10000, U+1F600, U+10FFFF, and U+FFFF
+     "\xFF\xFE" + utf16le("<!--") + "\x00\xD8\x00\xDC\x3D\xD8\x00\xDE"s + "\xFF\xDB\xFF\xDF" +
+         "\xFF\xFF" + utf16le("-->" + kHead),
+     utf16le("\" a=\"") + "\xAC\x20" + utf16le("\"/>" + kClose), utf16le},
     {"Utf16Awkward",
-     "\xFE\xFF" + utf16be("<!DOCTYPE norvak [<!ENTITY h 'x'>]>\r\n<?a?><norvak >\r<Process><Data>"
-                          "<a b = '&h;'></a><![CDATA[<]]><var\tname='version'\n value='"),
-     utf16be("'  />&h;&#65;<!-- -->" + kClose + "\r\n\r\n"), utf16be},
+     "\xFE\xFF" + utf16be("<!DOCTYPE norvak [<!ENTITY h 'x'>]>\r\n<?a?><norvak>\r<Process> <Data>"
+                          "<a b=\"&h;&#65;\n&\"/>\t<![CDATA[<]]><var name=\"version\" value=\""),
+     utf16be("\"/>&h;&#65; > \"'<!-- ' -->" + kClose + "\r\n\r\n"), utf16be},
     {"Utf32LittleEndian", "\xFF\xFE\0\0"s + utf32le(kHead), utf32le(kTail), utf32le},
     {"Utf32BigEndian", "\0\0\xFE\xFF"s + utf32be(kHead), utf32be(kTail), utf32be},
     {"Utf32LittleEndianUnmarked", utf32le(kHead), utf32le(kTail), utf32le},
     {"Utf32BigEndianUnmarked", utf32be(kHead),
-     utf32be("\" a=\"") + "\0\x10\xFF\xFF"s + utf32be(kTail), utf32be},
+     utf32be("\" a=\"") + "\0\1\0\0\0\x10\xFF\xFF"s + utf32be(kTail), utf32be},
 };
 
 class AwkwardXml : public Xml, public testing::WithParamInterface<Awkward> {
@@ -299,6 +304,40 @@ TEST_P(AwkwardXml, SeveralElementsChangeInAnyOrder) {
 INSTANTIATE_TEST_SUITE_P(Documents, AwkwardXml, testing::ValuesIn(kAwkward),
                          [](const auto& document) { return std::string(document.param.name); });
 
+// ---- What a save changes in a wide document ----
+
+/// A document in UTF-16 or UTF-32, and how it is saved.
+struct Respelled {
+  const char* name;
+  std::string before;
+  std::string after;
+};
+
+class RespelledXml : public Xml, public testing::WithParamInterface<Respelled> {};
+
+TEST_P(RespelledXml, KeepsAllThatMeansSomething) {
+  for (const auto encode : {utf16le, utf16be, utf32le, utf32be}) {
+    ASSERT_TRUE(load(encode(GetParam().before)));
+    EXPECT_TRUE(saved() == encode(GetParam().after));
+    ASSERT_TRUE(load(saved()));
+    EXPECT_TRUE(saved() == encode(GetParam().after));
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Documents, RespelledXml,
+    testing::Values(Respelled{"SingleQuotes", "<a b='1' c=\"2\"/>", "<a b=\"1\" c=\"2\"/>"},
+                    Respelled{"QuotesInSingleQuotes", "<a b='\"1\" &quot;'/>",
+                              "<a b=\"&quot;1&quot; &quot;\"/>"},
+                    Respelled{"SingleQuotesInside", "<a b=\"it's\"/>", "<a b=\"it's\"/>"},
+                    Respelled{"BlanksInTags", "<a \t b\n=\r'1'  ><c  /></a\n>",
+                              "<a b=\"1\"><c/></a>"},
+                    Respelled{"Declaration", "<?xml  version='1.0'\n standalone = 'no' ?><a/>",
+                              "<?xml version=\"1.0\" standalone=\"no\"?><a/>"},
+                    Respelled{"Doctype", "<!DOCTYPE  a SYSTEM 'b.dtd' ><a/>",
+                              "<!DOCTYPE a SYSTEM 'b.dtd' ><a/>"}),
+    [](const auto& document) { return std::string(document.param.name); });
+
 // ---- Setting attributes ----
 
 struct Change {
@@ -330,8 +369,8 @@ INSTANTIATE_TEST_SUITE_P(
         Change{"QuotesInSingleQuotes", "<var value=''/>", "\"'", "<var value='&quot;&apos;'/>"},
         Change{"Blanks", "<var value=\"\"/>", " a\t\n\r b ",
                "<var value=\" a&#9;&#10;&#13; b \"/>"},
-        Change{"OtherBytes", "<var value=\"\"/>", "\x01\x7F\x80\xFF\xC3\xA9",
-               "<var value=\"\x01\x7F\x80\xFF\xC3\xA9\"/>"}),
+        Change{"OtherBytes", "<var value=\"\"/>", "\x7F\x80\xFF\xC3\xA9",
+               "<var value=\"\x7F\x80\xFF\xC3\xA9\"/>"}),
     [](const auto& change) { return change.param.name; });
 
 INSTANTIATE_TEST_SUITE_P(
@@ -341,27 +380,52 @@ INSTANTIATE_TEST_SUITE_P(
         Change{"OtherQuotes", "<var value=\"it's\" a='b'/>", "1", "<var value=\"1\" a='b'/>"},
         Change{"AngleBracketsInside", "<var value='/><var value=\"\"/>'/>", "1",
                "<var value='1'/>"},
-        Change{"NewlinesInside", "<var value='\r\n\t'/>", "1", "<var value='1'/>"}),
+        Change{"NewlinesInside", "<var value='\r\n\t'/>", "1", "<var value='1'/>"},
+        Change{"CarriageReturnBeforeEqualSign", "<var value\r='0'/>", "1", "<var value\r='1'/>"},
+        Change{"TabBeforeEqualSign", "<var value\t='0'/>", "1", "<var value\t='1'/>"},
+        Change{"CarriageReturnAfterElementName", "<var\rvalue='0'/>", "1", "<var\rvalue='1'/>"},
+        Change{"TabAfterElementName", "<var\tvalue='0'/>", "1", "<var\tvalue='1'/>"},
+        Change{"CarriageReturnAfterEqualSign", "<var value=\r'0'/>", "1", "<var value=\r'1'/>"},
+        Change{"CarriageReturnAfterValue", "<var a='b'\rvalue='0'\r/>", "1",
+               "<var a='b'\rvalue='1'\r/>"}),
     [](const auto& change) { return change.param.name; });
 
 INSTANTIATE_TEST_SUITE_P(
     Added, XmlChange,
-    testing::Values(Change{"NoAttributes", "<var/>", "1", "<var value=\"1\"/>"},
-                    Change{"NoAttributesWithBlank", "<var />", "1", "<var value=\"1\" />"},
-                    Change{"NoAttributesWithEndTag", "<var></var>", "1", "<var value=\"1\"></var>"},
-                    Change{"BehindTheLastAttribute", "<var a='/>' b=\">\"/>", "1",
-                           "<var a='/>' b=\">\" value=\"1\"/>"},
-                    Change{"BeforeBlanks", "<var a='b'\r\n \t>c</var >", "1",
-                           "<var a='b' value=\"1\"\r\n \t>c</var >"},
-                    Change{"Empty", "<var/>", "", "<var value=\"\"/>"},
-                    Change{"Escaped", "<var/>", "\"&'", "<var value=\"&quot;&amp;&apos;\"/>"},
-                    Change{"SimilarNames", "<var xvalue='1' values='2' VALUE='3' x:value='4'/>",
-                           "5", "<var xvalue='1' values='2' VALUE='3' x:value='4' value=\"5\"/>"},
-                    Change{"NameInAValue", "<var a=' value=\"1\" '/>", "2",
-                           "<var a=' value=\"1\" ' value=\"2\"/>"},
-                    Change{"ByteOrderMark", "\xEF\xBB\xBF<var/>", "1",
-                           "\xEF\xBB\xBF<var value=\"1\"/>"}),
+    testing::Values(
+        Change{"NoAttributes", "<var/>", "1", "<var value=\"1\"/>"},
+        Change{"NoAttributesWithBlank", "<var />", "1", "<var value=\"1\" />"},
+        Change{"NoAttributesWithEndTag", "<var></var>", "1", "<var value=\"1\"></var>"},
+        Change{"BehindTheLastAttribute", "<var a='/>' b=\">\"/>", "1",
+               "<var a='/>' b=\">\" value=\"1\"/>"},
+        Change{"NoAttributesWithCarriageReturn", "<var\r/>", "1", "<var value=\"1\"\r/>"},
+        Change{"NoAttributesWithTab", "<var\t></var>", "1", "<var value=\"1\"\t></var>"},
+        Change{"BeforeBlanks", "<var a='b'\r\n \t>c</var >", "1",
+               "<var a='b' value=\"1\"\r\n \t>c</var >"},
+        Change{"Empty", "<var/>", "", "<var value=\"\"/>"},
+        Change{"Escaped", "<var/>", "\"&'", "<var value=\"&quot;&amp;&apos;\"/>"},
+        Change{"SimilarNames", "<var xvalue='1' values='2' VALUE='3' x:value='4'/>", "5",
+               "<var xvalue='1' values='2' VALUE='3' x:value='4' value=\"5\"/>"},
+        Change{"NameInAValue", "<var a=' value=\"1\" '/>", "2",
+               "<var a=' value=\"1\" ' value=\"2\"/>"},
+        Change{"ByteOrderMark", "\xEF\xBB\xBF<var/>", "1", "\xEF\xBB\xBF<var value=\"1\"/>"}),
     [](const auto& change) { return change.param.name; });
+
+TEST_F(Xml, ControlCharactersBecomeQuestionMarks) {
+  std::string controls;
+  for (char c = '\x01'; c < ' '; ++c) controls += c;
+  std::string expected(31, '?');
+  expected.replace(8, 2, "\t\n");
+  expected[12] = '\r';
+  std::string escaped = expected;
+  escaped.replace(12, 1, "&#13;").replace(8, 2, "&#9;&#10;");
+  for (const auto encode : {ascii, utf16le, utf16be, utf32le, utf32be}) {
+    ASSERT_TRUE(load(encode("<var value=\"\"/>")));
+    document_->root().set_attribute("value", controls.c_str());
+    EXPECT_EQ(document_->root().get_attribute("value"), expected);
+    EXPECT_TRUE(saved() == encode("<var value=\"" + escaped + "\"/>"));
+  }
+}
 
 TEST_F(Xml, AnAddedAttributeCanBeChangedAgain) {
   ASSERT_TRUE(load("<a><var/><var name='b'/></a>"));
@@ -396,7 +460,7 @@ TEST_F(Xml, EveryHandleOfAnElementShowsItsChanges) {
 }
 
 TEST_F(Xml, AValueThatIsNotUtf8DoesNotSpoilAWideDocument) {
-  // Overlong forms of NUL, the quote and `<`, half a pair, too large a number, cut sequences.
+  // Overlong forms of NUL, the quote and `<`, half a pair, too large a number, truncated sequences.
   const std::string hostile =
       "a\xC0\x80"
       "b\xC0\xA2"
@@ -408,21 +472,18 @@ TEST_F(Xml, AValueThatIsNotUtf8DoesNotSpoilAWideDocument) {
     ASSERT_TRUE(load(encode("<a b=''/>")));
     document_->root().set_attribute("b", hostile.c_str());
     const std::string value = document_->root().get_attribute("b");
-    EXPECT_EQ(value,
-              "a\xEF\xBF\xBD"
-              "b\"c<d\xEF\xBF\xBD"
-              "e\xEF\xBF\xBD"
-              "fg");
+    EXPECT_EQ(value, "a?b\"c<d?e?fg");
     ASSERT_TRUE(load(saved()));
     EXPECT_EQ(document_->root().get_attribute("b"), value);
   }
 }
 
 TEST_F(Xml, AValueInAWideDocumentIsUtf8) {
-  ASSERT_TRUE(load(utf16le("<a b='") + "\xE9\x00\xAC\x20\x3D\xD8\x00\xDE"s + utf16le("'/>")));
-  EXPECT_EQ(document_->root().get_attribute("b"), "\xC3\xA9\xE2\x82\xAC\xF0\x9F\x98\x80");
-  document_->root().set_attribute("b", "\xF0\x9F\x98\x80");
-  EXPECT_TRUE(saved() == utf16le("<a b='") + "\x3D\xD8\x00\xDE"s + utf16le("'/>"));
+  ASSERT_TRUE(load(utf16le("<a b=\"") + "\xE9\x00\xAC\x20\x00\xD8\x00\xDC"s + utf16le("\"/>")));
+  EXPECT_EQ(document_->root().get_attribute("b"), "\xC3\xA9\xE2\x82\xAC\xF0\x90\x80\x80");
+  document_->root().set_attribute("b", "\xED\x9F\xBF\xEE\x80\x80\xF0\x90\x80\x80\xF4\x8F\xBF\xBF");
+  EXPECT_TRUE(saved() == utf16le("<a b=\"") + "\xFF\xD7\x00\xE0\x00\xD8\x00\xDC\xFF\xDB\xFF\xDF"s +
+                             utf16le("\"/>"));
 }
 
 // ---- Reading attributes ----
@@ -612,6 +673,7 @@ INSTANTIATE_TEST_SUITE_P(
         Malformed{"Nul16", utf16le("<a/>\0"s)}, Malformed{"Nul32", utf32le("<a>\0</a>"s)},
         Malformed{"NulBeforeASecondRoot16", utf16be("<a/>\0<b/>"s)},
         Malformed{"TextBehind16", utf16le("<a/>x")}, Malformed{"TwoRoots32", utf32be("<a/><b/>")},
+        Malformed{"EmptyElementAsTwoTags", utf16le("<a><b></b></a>")},
         Malformed{"MixedWidths", utf16le("<a>") + "</a>"},
         Malformed{"ForeignMark", "\xEF\xBB\xBF" + utf16le("<a/>")}),
     [](const auto& document) { return std::string(document.param.name); });
@@ -621,6 +683,14 @@ TEST_F(Xml, FilesThatCannotBeReadAreNotLoaded) {
   EXPECT_EQ(document_->load((scratch_ / "missing/missing.xml").c_str()), 0);
   EXPECT_EQ(document_->load(scratch_.path().c_str()), 0);
   EXPECT_EQ(document_->load(""), 0);
+  expect_harmless(document_->root());
+}
+
+TEST_F(Xml, AReadErrorAfterAWellFormedPrefixIsNotTheEndOfTheFile) {
+  const std::string document = "<a b='1'/>";
+  write_file(path_, document + "<!-- more -->");
+  const ScopedFault fault(Fault::kReadFails, document.size());
+  EXPECT_EQ(document_->load(path_.c_str()), 0);
   expect_harmless(document_->root());
 }
 

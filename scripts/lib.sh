@@ -9,7 +9,7 @@ project=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
   build_packages=(g++ cmake ninja-build libcurl4-openssl-dev libpugixml-dev libcli11-dev
     nlohmann-json3-dev libarchive-dev libssl-dev libelf-dev zlib1g-dev)
   demo_packages=(nginx tar mount util-linux bsdutils)
-  test_packages=(libgtest-dev python3 python3-jsonschema python3-pytest nginx strace tar mount
+  test_packages=(acl libgtest-dev python3 python3-jsonschema python3-pytest nginx strace tar mount
     util-linux man-db mandoc busybox zsh)
   package_test_packages=(debootstrap g++ lintian rpm rpmlint dpkg-dev python3-pytest nginx mount
     util-linux)

@@ -3,11 +3,14 @@
 The unit tests have the table of what is carried over; here are a few of its rows, in whole runs.
 """
 
+import os
+import subprocess
+
 import pytest
 
-from harness import OK, config_xml, count_saves, namespace
-from harness.software import (INSTALLED_VERSION, NEW_VERSION, UPDATED, publish_update,
-                              settings)
+from harness import FAILED, OK, config_xml, count_saves, namespace
+from harness.software import (GET_PACKAGE, GET_VERSION, INSTALLED_VERSION, NEW_VERSION, NOT_NEEDED,
+                              UPDATED, publish_update, settings)
 
 INSTALL_SCRIPT = "#!/bin/sh\ncp new.xml ../../config.xml\n"
 INSTALL_SCRIPT_SAVES = 1
@@ -98,6 +101,60 @@ def test_config_xml_keeps_its_mode(host, server):
     (host.root / "config.xml").chmod(0o640)
     assert host.update("0", "0") == OK
     assert host.mode("config.xml") == 0o640
+
+
+def test_config_xml_keeps_its_acl(host, server):
+    publish_update(server)
+    host.configure(**settings(server.url))
+    (host.root / "config.xml").chmod(0o640)
+    setting = subprocess.run(["setfacl", "-m", "u:1234:r,g::-", host.root / "config.xml"],
+                             capture_output=True, text=True, check=False)
+    if setting.returncode:
+        pytest.skip(f"no ACLs here ({setting.stderr.strip()})")
+    before = acl(host.root / "config.xml")
+    assert host.update("0", "0") == OK
+    assert acl(host.root / "config.xml") == before
+    assert dict(host.config_values())["version"] == NEW_VERSION
+
+
+def acl(file):
+    return subprocess.run(["getfacl", "--absolute-names", "--numeric", file], capture_output=True,
+                          check=True).stdout
+
+
+@pytest.mark.parametrize("capability", ["chown", "fowner"])
+def test_config_xml_of_another_owner_is_saved_without_a_capability(host, server, capability):
+    if os.getuid() != 0:
+        pytest.skip("only root gives files away")
+    publish_update(server)
+    host.configure(**settings(server.url))
+    os.chown(host.root / "config.xml", 1234, 5678)
+    limited = ("setpriv", f"--bounding-set=-{capability}", "--")
+    assert host.update("0", "0", through=limited) == OK
+    assert dict(host.config_values())["version"] == NEW_VERSION
+    status = (host.root / "config.xml").stat()
+    assert (status.st_uid, status.st_gid) == (1234, 5678)
+    assert host.update("0", "0", through=limited) == FAILED
+    assert host.log_texts() == [*UPDATED, *NOT_NEEDED]
+    assert server.requests() == [GET_VERSION, GET_PACKAGE, GET_VERSION]
+
+
+def test_files_with_names_like_config_xml_stay(host, server):
+    publish_update(server)
+    host.configure(**settings(server.url))
+    host.write("config.xml.new", "a package's")
+    host.write("config.xml.abcdef/file", "a package's")
+    host.remember()
+    assert host.update("0", "0") == OK
+    assert host.changes() == ["-norvak.pid", "~config.xml"]
+    assert dict(host.config_values())["version"] == NEW_VERSION
+
+
+def test_control_characters_in_a_version_become_question_marks(host, server):
+    publish_update(server, version=f"{NEW_VERSION}\x01\x1f\x7f\t\r")
+    host.configure(**settings(server.url))
+    assert host.update("0", "0") == OK
+    assert dict(host.config_values())["version"] == f"{NEW_VERSION}??\x7f\t\r"
 
 
 def test_config_xml_may_be_a_link(host, server):

@@ -22,7 +22,9 @@ _OPERATIONS = {
     "chmod": "chmod", "fchmod": "chmod", "fchmodat": "chmod", "fchmodat2": "chmod",
     "chown": "chown", "chown32": "chown", "fchown": "chown", "fchown32": "chown",
     "lchown": "chown", "lchown32": "chown", "fchownat": "chown",
-    "utimensat": "touch", "utimensat_time64": "touch", "setxattr": "touch", "fsetxattr": "touch",
+    "utimensat": "touch", "utimensat_time64": "touch",
+    "setxattr": "setxattr", "fsetxattr": "setxattr", "fremovexattr": "setxattr",
+    "flistxattr": "listxattr", "fgetxattr": "getxattr",
     "access": "stat", "faccessat": "stat", "faccessat2": "stat",
     "stat": "stat", "stat64": "stat", "lstat": "stat", "lstat64": "stat",
     "fstat": "stat", "fstat64": "stat", "newfstatat": "stat", "fstatat64": "stat", "statx": "stat",
@@ -43,8 +45,8 @@ SET = ",".join(f"?{name}" for name in _OPERATIONS)
 # The operations that change something outside the process. A wait belongs to them because a child
 # is at work during it; so does the end of the process.
 _CHANGING = {"open", "write", "truncate", "fallocate", "flock", "mkdir", "rmdir", "unlink",
-             "rename", "link", "mknod", "chmod", "chown", "touch", "kill", "start", "wait", "connect", "send",
-             "fsync", "exit"}
+             "rename", "link", "mknod", "chmod", "chown", "touch", "setxattr", "kill", "start", "wait",
+             "connect", "send", "fsync", "exit"}
 _TRANSFER = {"socket", "prepare", "connect", "send", "receive", "poll"}
 _NOT_ABOUT_FILES = _TRANSFER | {"kill", "start", "wait", "exit", "memory"}
 
@@ -52,10 +54,12 @@ _INSTALL_PATH_FILE = "/var/log/version_control"
 
 _DOWNLOAD = re.compile(r"/update_norvak_\w+/\w[\w.]*$")
 _WRITING_STEPS = {"open", "write", "close"}
+_READING_STEPS = {"stat", "read", "listxattr", "getxattr"}
 _WRITING = re.compile(r"\b(O_WRONLY|O_RDWR|O_CREAT|O_TRUNC|O_TMPFILE)\b")
 _CALL = re.compile(r"(\w+)\((.*)")
 _DESCRIPTOR = re.compile(r"\d+<([^>]*)>")
 _PATH = re.compile(r'(?:(?:\d+|AT_FDCWD)<([^>]*)>(?:\(deleted\))?, )?"((?:[^"\\]|\\.)*)"')
+_TEMPORARY_NAME = re.compile(r"^(config\.xml\.)[a-z2-7]{6}$")
 _FAILED = re.compile(r"= -1 E")
 _STANDARD_STREAM = re.compile(r"[012]<")
 _INSIDE_KERNEL = re.compile(r"\w+:\[")  # socket:[12345], pipe:[67890]
@@ -144,7 +148,7 @@ class _Namer:
             return f"clean-up of {self._shown(self._work_dir)}"
         if operation == "open" and not writes and "O_DIRECTORY" not in text:
             return self._start_of_reading(path, text)
-        if operation in ("stat", "read") and path in self._reading:
+        if operation in _READING_STEPS and path in self._reading:
             return self._reading[path]
         if operation == "close" and path in self._reading:
             return self._reading.pop(path)
@@ -183,7 +187,7 @@ class _Namer:
         if not path.startswith(f"{self._root}/"):
             return path
         path = path[len(self._root) + 1:]
-        return "the unnamed file" if path.startswith("#") else path
+        return "the unnamed file" if path.startswith("#") else without_random_letters(path)
 
 
 def _number(number):
@@ -237,6 +241,11 @@ def read(lines, root, work_dir, commands):
         calls.append(Call(syscall, counts[syscall], operation, writes, path, root, name,
                           turns[syscall, name], text))
     return calls
+
+
+def without_random_letters(path):
+    """@a path with the same letters in every temporary name of config.xml."""
+    return _TEMPORARY_NAME.sub(r"\1XXXXXX", path)
 
 
 def is_inside(path, root):

@@ -5,7 +5,7 @@ import signal
 from . import calls
 
 # What may stay for a while, each a single file of a fixed name.
-_STRAYS = {"update", "config.xml.new"}
+_STRAYS = {"update", "config.xml.XXXXXX"}
 
 # Installed content is one of these: that of a file half written never is.
 _WHOLE = {"", "old", "new", "missing"}
@@ -36,6 +36,8 @@ _ERRORS = {
     "mkdir": (*_FILE_ERRORS, "ENOSPC"), "rmdir": _FILE_ERRORS, "unlink": _FILE_ERRORS,
     "rename": (*_FILE_ERRORS, "ENOSPC"), "link": (*_FILE_ERRORS, "ENOSPC"),
     "chmod": ("EPERM", "EIO"), "chown": ("EPERM", "EIO"),
+    "listxattr": ("EIO", "ENOMEM"), "getxattr": ("EIO", "ENOMEM"),
+    "setxattr": ("EPERM", "EIO", "ENOSPC"),
     "stat": _FILE_ERRORS, "readlink": _FILE_ERRORS, "chdir": _FILE_ERRORS,
     "getdents": ("EIO", "ENOMEM"),
     "kill": ("EPERM",), "start": ("ENOMEM", "EAGAIN"), "wait": ("EINTR",),

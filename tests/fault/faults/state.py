@@ -5,6 +5,8 @@ import os
 import stat
 import typing
 
+from . import calls
+
 _LOG = "runlog/update.log"
 _MARKER = "update"
 _PID_FILE = "norvak.pid"
@@ -47,7 +49,7 @@ def take(root, agents):
 
 def _walk(root, below, tree):
     for item in os.scandir(os.path.join(root, below)):
-        name = os.path.join(below, item.name)
+        name = calls.without_random_letters(os.path.join(below, item.name))
         status = item.stat(follow_symlinks=False)
         owner = status.st_uid, status.st_gid
         mode = stat.S_IMODE(status.st_mode)
@@ -118,7 +120,7 @@ class Words:
             return "empty"
         for name, content in known:
             if entry.content.rstrip(b"\n") == content.rstrip(b"\n"):
-                return f"{name}, with line feeds behind it"
+                return f"{name}, followed by line feeds"
         is_part = any(content.startswith(entry.content) for _, content in known)
         return "cut" if is_part else "damaged"
 

@@ -17,15 +17,14 @@ _REMEDIES = (
      "stays, an update kills whatever process has come to have that id."),
     (r"2 agents run", "Stop the one whose id is not in `norvak.pid`."),
     (r"update marker$", "Remove the file `update`."),
-    (r"`config.xml.new`$",
-     "Nothing: the next save removes it. While no update runs, it may be removed."),
+    (r"`config.xml.XXXXXX`$", "Remove it while no update runs. The letters are random."),
     (r"`config.xml`: old$", "Run the update again."),
     (r"`config.xml`: the package's$",
      "Set `version` to that of the package, and `update_type` to what it was before."),
     (r"`config.xml`: the package's with the new version$",
      "Set `update_type` to what it was before."),
-    (r"`config.xml`: new, with line feeds behind it$",
-     "Nothing: empty lines behind a document mean nothing."),
+    (r"`config.xml`: new, followed by line feeds$",
+     "Nothing: empty lines after a document mean nothing."),
     (r"`nginx/bin/nginx`: (missing|old)$", "Remove `nginx/md5` and run the update again."),
     (r"`nginx/bin/nginx`: mode \d+$", "Nothing: it has the mode that it had before."),
 )
@@ -50,7 +49,7 @@ def _row(*cells):
 class KillTable:
     """What a kill in front of each call leaves, in the order of the run."""
 
-    def __init__(self, head="Killed in front of"):
+    def __init__(self, head="Killed just before"):
         self._head = head, "Left by the kill", "After the next run"
         self._rows = []  # [first name, last name, left, stays]
 

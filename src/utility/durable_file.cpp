@@ -32,7 +32,7 @@ constexpr mode_t kNewFileMode = 0600;  // until it gets the mode of the old file
 /// Names the unnamed file @a fd; without one (-1), creates a file with a name and sets @a fd.
 /// @return the name: @a prefix, a dot and random letters; empty on failure
 std::string take_free_name(int directory, const std::string& prefix, int& fd) {
-  const std::string unnamed = "/proc/self/fd/" + std::to_string(fd);
+  const std::string file = "/proc/self/fd/" + std::to_string(fd);
   for (int attempt = 0; attempt < kNamingAttempts; ++attempt) {
     std::uint32_t random = 0;
     if (::getrandom(&random, sizeof random, 0) < 0) break;
@@ -41,8 +41,7 @@ std::string take_free_name(int directory, const std::string& prefix, int& fd) {
     if (fd < 0) {
       fd = ::openat(directory, name.c_str(), O_CREAT | O_EXCL | kNewFileFlags, kNewFileMode);
       if (fd >= 0) return name;
-    } else if (::linkat(AT_FDCWD, unnamed.c_str(), directory, name.c_str(), AT_SYMLINK_FOLLOW) ==
-               0) {
+    } else if (::linkat(AT_FDCWD, file.c_str(), directory, name.c_str(), AT_SYMLINK_FOLLOW) == 0) {
       return name;
     }
     if (errno != EEXIST) break;
@@ -134,7 +133,7 @@ bool replace_durably(const std::string& path, const std::string& contents) {
   const std::size_t name_begin = target.rfind('/') + 1;
   const Descriptor directory(
       ::open(target.substr(0, name_begin).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  if (replace_by_new_file(directory.get(), target.substr(name_begin), contents)) {
+  if (directory && replace_by_new_file(directory.get(), target.substr(name_begin), contents)) {
     return ::fsync(directory.get()) == 0;
   }
   return write_in_place(path, contents);

@@ -95,7 +95,7 @@ std::u32string significant_units(const std::string& bytes, pugi::xml_encoding en
   std::u32string units;
   for (std::size_t begin = 0; begin < bytes.size(); begin += unit_bytes) {
     std::string unit = bytes.substr(begin, unit_bytes);
-    unit.resize(unit_bytes, '\xFF');  // an incomplete last unit is significant
+    unit.resize(unit_bytes, '\x7F');  // an incomplete last unit is significant
     if (!is_big) std::reverse(unit.begin(), unit.end());
     char32_t code = 0;
     for (const char byte : unit) code = code << 8 | static_cast<unsigned char>(byte);

@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <sched.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -24,6 +25,7 @@ using test_support::case_name;
 using test_support::DirectoryWatch;
 using test_support::exists;
 using test_support::FakeUname;
+using test_support::FileMount;
 using test_support::gets;
 using test_support::IdleProcess;
 using test_support::kCutShort;
@@ -33,7 +35,6 @@ using test_support::names_in;
 using test_support::read_file;
 using test_support::run_in_child;
 using test_support::ScopedUmask;
-using test_support::SmallDisk;
 using test_support::UpdaterTest;
 using test_support::write_file;
 using test_support::write_script;
@@ -1000,14 +1001,12 @@ TEST_F(UpdateSoftCarryOver, FailsWithAMalformedConfiguration) {
 }
 
 TEST_F(UpdateSoftCarryOver, IgnoresThatASaveFails) {
-  const SmallDisk disk(install_path(), 65536);
-  ASSERT_TRUE(disk.mounted());
   write_config(settings());
   const std::string before = read_file(config());
-  const utility::Descriptor filler(::open(agent("filler").c_str(), O_WRONLY | O_CREAT, 0600));
-  const std::string page(4096, 'x');
-  while (utility::write_all(filler.get(), page.data(), page.size()) == page.size()) {
-  }
+  const FileMount mount(config(), config());
+  ASSERT_TRUE(mount.mounted());
+  const unsigned long read_only = MS_BIND | MS_REMOUNT | MS_RDONLY;
+  ASSERT_EQ(::mount(nullptr, config().c_str(), nullptr, read_only, nullptr), 0);
   EXPECT_EQ(edit(), 0U);
   EXPECT_EQ(read_file(config()), before);
 }

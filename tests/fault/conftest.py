@@ -1,4 +1,4 @@
-"""Options and fixtures of the fault tests. README.md tells how they work."""
+"""Options and fixtures of the fault tests. See README.md."""
 
 import os
 import pathlib
@@ -42,7 +42,7 @@ def pytest_sessionfinish(session, exitstatus):
 
 def pytest_terminal_summary(terminalreporter):
     if _summary:
-        terminalreporter.section("what came of the faults")
+        terminalreporter.section("results of the fault tests")
         for line in _summary:
             terminalreporter.write_line(line)
 

@@ -1,4 +1,4 @@
-// Preloaded into the updater, makes every file system one without unnamed files (O_TMPFILE).
+// For LD_PRELOAD: no file system supports unnamed files (O_TMPFILE).
 #include <dlfcn.h>
 #include <fcntl.h>
 
@@ -30,7 +30,7 @@ extern "C" __attribute__((visibility("default"))) int openat(int directory, cons
   return result;
 }
 
-// The name of the same function where file offsets have 64 bits.
+// The same function in programs with 64-bit file offsets.
 extern "C" __attribute__((visibility("default"))) int openat64(int directory, const char* path,
                                                                int flags, ...) {
   va_list arguments;

@@ -1,4 +1,4 @@
-"""A call of the updater fails, once or from then on; then the updater runs once more."""
+"""A call of the updater fails once, or from then on always; then the updater runs once more."""
 
 import collections
 
@@ -6,7 +6,7 @@ import pytest
 
 from faults import rules, updates
 from faults.lab import MOUNTED_CONFIG, Fault, Variant
-from faults.tables import MEND, ErrorTable, remedy
+from faults.tables import REGENERATE, ErrorTable, remedy
 
 _SAMPLE_STEP = 30
 _LASTING_SAMPLE_STEP = 60
@@ -23,7 +23,7 @@ def outcome_class(status, wrong, stays):
 
 
 def calls_to_fail(reference):
-    """The calls of a run, of those whose number varies the first two of each name."""
+    """The calls of a run; of those whose number varies, only the first two of each name."""
     seen = collections.Counter()
     for call in reference.outcome.made:
         seen[call.name] += 1
@@ -38,7 +38,7 @@ def sampled(faults, table):
         for name, errors in calls.items():
             fitting = [fault for fault in faults if fault.call.name == name and
                        (errors is None or fault.error in errors)]
-            assert fitting, f"the run has no {name}: {MEND}"
+            assert fitting, f"the run has no {name}: {REGENERATE}"
             chosen.append(fitting[len(fitting) // 2])
     return chosen
 
@@ -67,11 +67,12 @@ def test_an_error_is_reported_or_listed(lab, page, tries_all, summary, update):
 
 
 def check_listed(table, fault, cells):
-    """Whether the @a table lists the fault where it must be."""
+    """Checks that the @a table lists the fault in the row with these @a cells."""
     if cells:
         calls = ErrorTable.listed(table).get(cells, {})
         errors = calls.get(fault.call.name, ())
-        assert errors is None or fault.error in errors, f"{fault}, not listed: {cells}: {MEND}"
+        assert errors is None or fault.error in errors, (
+            f"{fault}, not listed: {cells}: {REGENERATE}")
 
 
 @pytest.mark.parametrize("update", updates.UPDATES, ids=lambda update: update.key)

@@ -13,8 +13,7 @@ _MOST_PAGES = 300
 
 
 def fill(lab, update, free_pages):
-    """What comes of an update with @a free_pages left, and of the next one: a tuple of a DiskTable.
-    """
+    """The outcome of an update with @a free_pages left, and of the next one, for a DiskTable."""
     reference = lab.reference(update)
     with Host(lab, update) as host:
         disturbed = host.run_on_small_disk(host.used_pages() + free_pages)

@@ -1,4 +1,4 @@
-"""The updater is killed in front of each call that changes something; then it runs once more."""
+"""The updater is killed just before each call that changes something; then it runs once more."""
 
 import collections
 
@@ -16,14 +16,14 @@ def by_key(key):
 
 
 def sampled(points, expected):
-    """The first and last of the @a points of each row of the table, and some more."""
+    """The first and last of the @a points in each row of the table, and a few others."""
     return [i for i, cells in enumerate(expected)
             if i % _SAMPLE_STEP == 0 or cells not in expected[i - 1:i] or
             cells not in expected[i + 1:i + 2]]
 
 
 def check(lab, page, tries_all, summary, table, update, variant=PLAIN, is_point=None):
-    """Kills the update at each point, and compares what comes of it with the page's table."""
+    """Kills the update at each point, and compares the results with the page's table."""
     reference = lab.reference(update, variant)
     points = [call for call in reference.outcome.made if call.changes]
     if is_point:
@@ -40,7 +40,7 @@ def check(lab, page, tries_all, summary, table, update, variant=PLAIN, is_point=
     for one in found:
         left, stays = reference.left(one.disturbed.state), reference.missed(one.following.state)
         assert all(remedy(difference) for difference in stays), (one.fault, stays)
-        outcomes["healed" if not stays else "with a known rest"] += 1
+        outcomes["healed" if not stays else "with a known remedy"] += 1
         if tries_all:
             made.add(one.fault.call.name, left, stays)
         else:

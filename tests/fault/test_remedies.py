@@ -1,7 +1,7 @@
-"""The page says what to do about everything that can stay. Comes after the tests of the faults."""
+"""The page says what to do about everything that can remain. Runs after the other fault tests."""
 
 from faults.tables import remedy_lines
 
 
-def test_everything_that_can_stay_has_a_remedy(page):
+def test_everything_that_can_remain_has_a_remedy(page):
     page.check("remedies", remedy_lines(page.lines()))

@@ -1,12 +1,12 @@
-"""What the updater asked of the kernel, told by strace, with names that every machine shares."""
+"""The system calls of the updater, traced by strace, with names that are the same everywhere."""
 
 import collections
 import dataclasses
 import os
 import re
 
-# The system calls that are looked at, by what they do; a question mark lets strace pass over those
-# that an architecture lacks.
+# The system calls that are traced, by what they do. A question mark makes strace ignore calls that
+# an architecture lacks.
 _OPERATIONS = {
     "open": "open", "openat": "open", "creat": "open",
     "write": "write", "writev": "write", "pwrite64": "write",
@@ -42,11 +42,11 @@ _OPERATIONS = {
 }
 SET = ",".join(f"?{name}" for name in _OPERATIONS)
 
-# The operations that change something outside the process. A wait belongs to them because a child
-# is at work during it; so does the end of the process.
+# The operations that change something outside the process. Waiting is included because a child is
+# working meanwhile, and so is the end of the process.
 _CHANGING = {"open", "write", "truncate", "fallocate", "flock", "mkdir", "rmdir", "unlink",
-             "rename", "link", "mknod", "chmod", "chown", "touch", "setxattr", "kill", "start", "wait",
-             "connect", "send", "fsync", "exit"}
+             "rename", "link", "mknod", "chmod", "chown", "touch", "setxattr", "kill", "start",
+             "wait", "connect", "send", "fsync", "exit"}
 _TRANSFER = {"socket", "prepare", "connect", "send", "receive", "poll"}
 _NOT_ABOUT_FILES = _TRANSFER | {"kill", "start", "wait", "exit", "memory"}
 
@@ -69,8 +69,8 @@ _INSIDE_KERNEL = re.compile(r"\w+:\[")  # socket:[12345], pipe:[67890]
 class Call:
     """One system call of a run.
 
-    `name` is the same on every machine. Several calls share it where their number or order is not
-    the program's own choice: those that read a file, the steps of a transfer, the later pieces of a
+    `name` is the same on every machine. Calls share a name if their number or order is not the
+    program's choice: those that read a file, the steps of a transfer, the later pieces of a
     download, the removal of the work directory.
     """
 
@@ -78,26 +78,26 @@ class Call:
     when: int  # 1 for the first call of `syscall` in the run, as strace counts
     operation: str
     writes: bool  # an "open" that creates or allows writing
-    path: str  # absolute; empty when the call is not about a file
+    path: str  # absolute; empty if the call is not about a file
     root: str  # the install directory
     name: str
     turn: int  # 1 for the first call of `syscall` with this name
-    text: str  # as strace tells it
+    text: str  # the line of the trace
 
     @property
     def identity(self):
-        """What is the same in every run, unlike `when`."""
+        """The same in every run, unlike `when`."""
         return self.syscall, self.name, self.turn
 
     @property
     def is_download(self):
-        """Whether it writes what a transfer brings."""
+        """Whether it writes downloaded data."""
         return _DOWNLOAD.search(self.path) and self.operation in _WRITING_STEPS and (
             not self.name.startswith(("read ", "clean-up ")))
 
     @property
     def is_reading(self):
-        """Whether it opens, reads or closes what is not written."""
+        """Whether it opens, reads or closes a file that is not written."""
         return self.operation == "open" and not self.writes or (
             self.name.startswith(("read ", "clean-up ")))
 
@@ -110,7 +110,7 @@ class Call:
 
     @property
     def varies(self):
-        """Whether it is one of several whose number is not the program's own choice."""
+        """Whether it is one of several whose number is not the program's choice."""
         return self.operation in ("poll", "receive", "memory") or "later pieces" in self.name
 
     @property
@@ -119,7 +119,7 @@ class Call:
 
 
 class _Namer:
-    """Names the calls of one run, in their order."""
+    """Names the calls of one run, in order."""
 
     def __init__(self, root, work_dir, commands):
         self._root = root
@@ -127,9 +127,9 @@ class _Namer:
         self._commands = iter(commands)
         self._command = ""
         self._used = collections.Counter()
-        self._reading = {}  # name of the reading, by the path of a file that is open for it
+        self._reading = {}  # by path of an open file, the name of the calls that read it
         self._transfers = 0
-        self._opening = False  # within the steps in front of a transfer's request
+        self._opening = False  # before the request of a transfer is sent
         self._pieces = collections.Counter()
         self._cleaning = False
 
@@ -195,7 +195,7 @@ def _number(number):
 
 
 def _subject(operation, arguments):
-    """The path that a call is about, a new one where it names two; that of its descriptor."""
+    """The path that a call is about: the new one if it names two, or that of its descriptor."""
     paths = _PATH.findall(arguments)
     if paths:
         directory, name = paths[-1 if operation in ("rename", "link") else 0]
@@ -207,7 +207,7 @@ def _subject(operation, arguments):
 
 
 def read(lines, root, work_dir, commands):
-    """The program's own calls in the trace @a lines, without those that a library made for itself.
+    """The program's own calls in the trace @a lines, without those of libraries for their own use.
 
     @param root      the install directory, @a work_dir the updater's directory in it
     @param commands  what the run starts, in this order
@@ -228,7 +228,7 @@ def read(lines, root, work_dir, commands):
         if "O_TMPFILE" in arguments:
             path += "/#"
         if operation == "memory" and (not calls or "MAP_ANON" not in text and syscall != "brk"):
-            continue  # of the loader, or to read a file of a library
+            continue  # of the loader, or of a library to read a file
         if operation in _NOT_ABOUT_FILES:
             path = ""
         elif _INSIDE_KERNEL.match(path) or _STANDARD_STREAM.match(arguments):

@@ -1,4 +1,4 @@
-"""Runs of the updater with a fault at a chosen system call, and what they leave."""
+"""Runs of the updater with a fault at a chosen system call, and the state that they leave."""
 
 import concurrent.futures
 import ctypes
@@ -15,11 +15,11 @@ from harness import AgentHost, Run, namespace
 
 from . import calls, rules, state, updates
 
-# A disturbed run ends soon: nothing in it waits for a time to pass.
+# No run takes long: nothing in it waits for a time to pass.
 _RUN_SECONDS = 30
 
-# Transfers come in pieces whose number depends on the timing, and with it the number of calls in
-# front of the one that is meant. A fault that met another call is tried again.
+# The number of pieces of a transfer depends on the timing, and so does the number of calls before
+# the intended one. If the fault hits another call, the run is repeated.
 _ATTEMPTS = 8
 
 PAGE_BYTES = 4096
@@ -28,7 +28,7 @@ _PR_SET_CHILD_SUBREAPER = 36
 
 
 def unavailable():
-    """Why no fault can be injected here; empty when it can."""
+    """Why no fault can be injected here; empty if it can."""
     if not shutil.which("strace"):
         return "strace is not installed ('apt-get install strace')"
     probe = subprocess.run(["strace", "-e", "inject=chdir:error=EIO:when=1", "-o", "/dev/null",
@@ -48,27 +48,27 @@ def adopt_orphans():
 
 @dataclasses.dataclass(frozen=True)
 class Fault:
-    """What happens to a call instead of what it asks for."""
+    """What happens instead of a call."""
 
     call: calls.Call
-    error: str = ""  # such as "EIO"; empty: the process is killed in front of the call
-    lasting: bool = False  # the error comes back at every later call of this kind
+    error: str = ""  # such as "EIO"; empty: the process is killed just before the call
+    lasting: bool = False  # every later call of this kind fails, too
 
     def __str__(self):
         what = self.error or "kill"
         return f"{what}{' from then on' if self.lasting else ''} at `{self.call.name}`"
 
     def injection(self, when):
-        """The option of strace, for a run in which the call is the one with the number @a when."""
+        """The option of strace, for a run in which the call has the number @a when."""
         action = f"error={self.error}" if self.error else "signal=KILL"
         if self.error and self.call.syscall == "brk":
-            action = "retval=0"  # it has no error codes: a break below the wanted one says no
+            action = "retval=0"  # it has no error codes: a lower break than requested means failure
         return f"inject={self.call.syscall}:{action}:when={when}{'+' if self.lasting else ''}"
 
 
 @dataclasses.dataclass(frozen=True)
 class Variant:
-    """What is different about the host."""
+    """How the host differs from the others."""
 
     environment: typing.Tuple[typing.Tuple[str, str], ...] = ()
     config_is_mounted: bool = False  # config.xml is a mount point of its own
@@ -85,12 +85,12 @@ class Outcome:
     run: Run
     log: typing.Tuple[str, ...]  # texts of the lines that the run wrote
     state: state.State
-    made: typing.Sequence[calls.Call] = ()  # the calls, when they were traced
+    made: typing.Sequence[calls.Call] = ()  # the calls, if they were traced
 
 
 @dataclasses.dataclass(frozen=True)
 class Disturbance:
-    """A run with a fault, the next run, and what must not have happened in them."""
+    """A run with a fault, the next run, and the rules that they broke."""
 
     fault: Fault
     disturbed: Outcome
@@ -123,7 +123,7 @@ class Host:
         (self._base / interruption).touch()
 
     def run(self, *injections, traced=False, mounts=(), through=()):
-        """Runs the update to its end, with that of everything it started."""
+        """Runs the update, and waits for everything that it started."""
         trace = self._base / "strace"
         if traced or injections:
             options = [option for injection in injections for option in ("-e", injection)]
@@ -147,7 +147,7 @@ class Host:
     def run_on_small_disk(self, pages):
         """Runs the update while the install directory is a disk of @a pages of 4096 bytes."""
         seed, left = self._base / "seed", self._base / "left"
-        self._log_is_whole = False  # its last line may be cut, as any file that meets a full disk
+        self._log_is_whole = False  # its last line may be truncated, as any file on a full disk
         seed.mkdir()
         left.mkdir()
         root = str(self.root)
@@ -170,7 +170,7 @@ class Host:
         if self._variant.config_is_mounted:
             config = self.root / "config.xml"
             yield namespace.bind(config, config)
-        # Where version_control cannot be read, the updater takes this for the install directory.
+        # The updater uses this install directory if version_control cannot be read.
         if os.path.isdir(rules.DEFAULT_ROOT):
             nothing = self._base / "nothing"
             nothing.mkdir(exist_ok=True)
@@ -193,7 +193,7 @@ class Host:
 
 
 class Lab:
-    """Everything that the disturbed runs share."""
+    """What all runs share."""
 
     def __init__(self, updater, server, jobs):
         self.updater = updater
@@ -206,7 +206,7 @@ class Lab:
         self._references = {}
 
     def reference(self, update, variant=PLAIN):
-        """What a run without a fault starts from and comes to."""
+        """The state before and after a run without a fault."""
         key = update, variant
         if key not in self._references:
             with Host(self, update, variant) as host:
@@ -216,9 +216,9 @@ class Lab:
         return self._references[key]
 
     def disturb(self, update, fault, variant=PLAIN):
-        """A run with @a fault, and the same run again without.
+        """A run with @a fault, and the same run again without it.
 
-        Nothing when the call is one whose number varies, and never came.
+        None if the call is one whose number varies, and was never made.
         """
         reference = self.reference(update, variant)
         when = fault.call.when
@@ -230,7 +230,7 @@ class Lab:
                     return Disturbance(fault, disturbed, following, tuple(
                         rules.violations(reference, fault, disturbed, following, str(host.root))))
             when = self._when_in_another_run(fault.call, update, variant) or when
-        assert fault.call.varies, f"{fault}: another call was met {_ATTEMPTS} times"
+        assert fault.call.varies, f"{fault}: it hit another call {_ATTEMPTS} times"
         return None
 
     def _when_in_another_run(self, call, update, variant):
@@ -239,7 +239,7 @@ class Lab:
         return next((one.when for one in made if one.identity == call.identity), None)
 
     def disturb_all(self, update, faults, variant=PLAIN):
-        """The disturbances by @a faults, in their order. None of them may break a rule."""
+        """The disturbances by @a faults, in order. None of them may break a rule."""
         self.reference(update, variant)
         made = self.map(lambda fault: self.disturb(update, fault, variant), faults)
         found = [one for one in made if one]
@@ -254,7 +254,7 @@ class Lab:
 
 
 def _has_met(fault, made):
-    """Whether the fault came to the call that was meant."""
+    """Whether the fault hit the intended call."""
     if not fault.error:
         return bool(made) and made[-1].identity == fault.call.identity
     hit = next((call for call in made if "(INJECTED)" in call.text), None)
@@ -262,10 +262,10 @@ def _has_met(fault, made):
 
 
 def _is_alive(pid):
-    """Whether the agent @a pid lives: a child of this process, which ends it here if it does not.
+    """Whether the agent @a pid is alive: a child of this process, which reaps it if it is not.
 
-    A stand-in agent sleeps all its life. One that does not is just starting, or has been killed and
-    is about to end.
+    A stand-in agent always sleeps. If it does not, it is just starting, or has been killed and is
+    about to end.
     """
     deadline = time.monotonic() + _RUN_SECONDS
     while time.monotonic() < deadline:
@@ -284,7 +284,7 @@ def _is_alive(pid):
 
 
 def _wait_for_group(group):
-    """Waits for the end of what a killed updater has left running."""
+    """Waits for the processes that a killed updater has left running."""
     deadline = time.monotonic() + _RUN_SECONDS
     while True:
         try:

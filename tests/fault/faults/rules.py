@@ -1,29 +1,29 @@
-"""What must hold whatever happens, and the errors that are tried."""
+"""What must never happen, and the errors that are injected."""
 
 import signal
 
 from . import calls
 
-# What may stay for a while, each a single file of a fixed name.
+# Files that may be left behind.
 _STRAYS = {"update", "config.xml.XXXXXX"}
 
-# Installed content is one of these: that of a file half written never is.
+# The states of a complete file.
 _WHOLE = {"", "old", "new", "missing"}
 
-# Protected by a digest: the next run leaves nothing else there.
+# Protected by a digest: the next run replaces any other content.
 _VERIFIED = ("norvak_ipfilter.ko", "tessel_linux.ko", "quorin_linux.ko",
              "template/norvak_default_rule.xml")
 _COPIED = (*_VERIFIED, "nginx/bin/nginx", "nginx/md5")
 
 _ABORTED = -signal.SIGABRT
 
-# More calls than these in a disturbed run, beyond those of an undisturbed one, are a busy loop.
+# A run with a fault that makes so many more calls than one without is in a busy loop.
 _MORE_CALLS = 60
 
-# Where an install directory is looked for when /var/log/version_control cannot be read.
+# The install directory if /var/log/version_control cannot be read.
 DEFAULT_ROOT = "/usr/local/norvak_agent"
 
-# By operation, which errors it can meet. "read" stands for all that reads a file.
+# The errors of each operation.
 _FILE_ERRORS = ("EACCES", "EIO", "ENOMEM")
 _ERRORS = {
     "open": (*_FILE_ERRORS, "ENOSPC", "EMFILE", "EINTR"),
@@ -46,12 +46,12 @@ _ERRORS = {
     "receive": ("EIO", "ENOMEM", "EINTR"), "poll": ("ENOMEM", "EINTR"),
     "memory": ("ENOMEM",),
 }
-# Interruptions end, and a full disk does not keep anybody from opening files to read.
+# An interruption does not last, and files can be opened for reading on a full disk.
 _NOT_LASTING = {"EINTR"}
 
 
 def errors(call):
-    """The errors that @a call can meet."""
+    """The errors that @a call can return."""
     found = _ERRORS[call.operation]
     if call.is_reading:
         return tuple(error for error in found if error != "ENOSPC")
@@ -59,13 +59,13 @@ def errors(call):
 
 
 def lasting_errors(call):
-    """Those that can come back at every later call of the kind."""
+    """The errors that every later call of the same kind can return, too."""
     return tuple(error for error in errors(call)
                  if error not in _NOT_LASTING and (error, call.operation) != ("ENOSPC", "open"))
 
 
 class Reference:
-    """What an undisturbed run starts from and comes to."""
+    """The state before and after an undisturbed run."""
 
     def __init__(self, old, outcome, words):
         self.old = old
@@ -73,21 +73,21 @@ class Reference:
         self.words = words
 
     def left(self, state):
-        """In what @a state differs from the one before the run."""
+        """How @a state differs from the one before the run."""
         return self.words.differences(state, self.old)
 
     def missed(self, state):
-        """In what @a state differs from the one after an undisturbed run."""
+        """How @a state differs from the one after an undisturbed run."""
         return self.words.differences(state, self.outcome.state)
 
     def content(self, path, state):
-        """Which of its known contents the file has; empty for the new one."""
+        """Which of its known contents the file has; empty for the new content."""
         what = self.words.of_path(path, state, self.outcome.state)
         return "" if what.startswith("mode ") else what
 
 
 def violations(reference, fault, disturbed, following, root):
-    """What must never happen and did, in the run with the @a fault or in the one that followed."""
+    """The rules that the run with the @a fault, or the one that followed, has broken."""
     if not fault.error:
         return [*violations_of_a_kill(reference, disturbed, following),
                 *_of_places(fault, disturbed, root)]
@@ -136,7 +136,7 @@ def _of_strays(reference, disturbed, following):
 
 
 def _of_copies(reference, disturbed):
-    # A kill can cut a copy; a copy that goes on to its end must not leave a part.
+    # A kill can truncate a copy; a copy that runs to its end must not.
     for path in _COPIED:
         if reference.content(path, disturbed.state) not in _WHOLE:
             yield f"{path} is {reference.content(path, disturbed.state)}"
@@ -158,13 +158,13 @@ def _of_ending(reference, fault, disturbed, following):
     if len(disturbed.made) > len(reference.outcome.made) + _MORE_CALLS:
         yield f"it made {len(disturbed.made)} calls"
     if disturbed.run.status == 255 and not any(disturbed.log) and not _hides_the_log(fault):
-        yield "it failed without a word"
+        yield "it failed without a log line"
     if _spoils_a_download(fault) and disturbed.run.status != 255:
         yield "a download that could not be written counts as complete"
 
 
 def _may_abort(fault, disturbed):
-    """A version that cannot be read is empty, and so ends the run as any that is too short does."""
+    """A version that cannot be read counts as empty, and one that is too short aborts the run."""
     return (disturbed.run.status == _ABORTED and b"std::out_of_range" in disturbed.run.stderr and
             (fault.lasting or fault.call.path.endswith(("/config.xml", "/new_version"))))
 

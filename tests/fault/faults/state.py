@@ -1,4 +1,4 @@
-"""The state of a host, and in what two states differ, in words that every machine shares."""
+"""The state of a host, and the differences between two states, in the same words everywhere."""
 
 import dataclasses
 import os
@@ -11,7 +11,7 @@ _LOG = "runlog/update.log"
 _MARKER = "update"
 _PID_FILE = "norvak.pid"
 
-# The work directories are there or not: what they hold is of no use to anybody after the run.
+# Only the existence of the work directories counts: nobody needs their contents after the run.
 _WORK_DIRS = ("update_norvak_soft", "update_norvak_kernel", "update_norvak_nginx",
               "update_norvak_rule")
 
@@ -28,17 +28,17 @@ class Entry:
 
 @dataclasses.dataclass(frozen=True)
 class State:
-    """The install tree, without the log, and the agent."""
+    """The install tree without the log, and the agent."""
 
     tree: typing.Dict[str, Entry]  # by path; a work directory only as itself
-    agents: int  # how many of them live
+    agents: int  # how many are alive
     pid: str  # what norvak.pid names
 
 
 def take(root, agents):
-    """The state of the install tree @a root, where the processes @a agents have lived.
+    """The state of the install tree @a root.
 
-    @param agents  by process id, whether it lives now
+    @param agents  by process id of each agent that was started, whether it is alive
     """
     tree = {}
     _walk(os.fspath(root), "", tree)
@@ -77,7 +77,7 @@ LEFT_BEHIND = "left behind"
 
 
 class Words:
-    """Tells what is different, with the contents that a file may have known by their names."""
+    """Describes differences, with names for the contents that a file may have."""
 
     def __init__(self, old, new, others=()):
         """@param old, new  the states before and after an undisturbed run
@@ -90,16 +90,16 @@ class Words:
             self._known.setdefault(path, []).append((name, content))
 
     def differences(self, now, reference):
-        """In what @a now differs from @a reference, one text for each difference."""
+        """How @a now differs from @a reference, one text for each difference."""
         found = [(path, self.of_path(path, now, reference))
                  for path in sorted(now.tree.keys() | reference.tree.keys())]
-        texts = [_told(path, what) for path, what in found if what]
+        texts = [_phrase(path, what) for path, what in found if what]
         if (now.agents, now.pid) != (reference.agents, reference.pid):
             texts.append(_agents(now))
         return tuple(texts)
 
     def of_path(self, path, now, reference):
-        """The same for one path; empty when there is no difference."""
+        """The same for one path; empty if there is no difference."""
         now, reference = now.tree.get(path), reference.tree.get(path)
         if now == reference:
             return ""
@@ -125,7 +125,7 @@ class Words:
         return "cut" if is_part else "damaged"
 
 
-def _told(path, what):
+def _phrase(path, what):
     if what != LEFT_BEHIND:
         return f"`{path}`: {what}"
     if path in _WORK_DIRS:

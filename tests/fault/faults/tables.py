@@ -1,20 +1,20 @@
-"""The tables of docs/reliability.md: made from what the runs came to, and compared with it."""
+"""The tables of docs/reliability.md: generated from the results, or compared with them."""
 
 import collections
 import re
 
-# What to do when the program, and not the test, is right.
-MEND = "scripts/test-faults.sh --write-tables makes the tables anew"
+# What to do if the change in the program is intended.
+REGENERATE = "scripts/test-faults.sh --write-tables generates the tables"
 
 _NOTHING = "nothing"
 _HEALED = "healed"
 
-# What can stay after the next run too, and what an administrator does about it.
+# What can remain even after the next run, and what an administrator does about it.
 _REMEDIES = (
     (r"the agent is stopped$", "Run `startup.sh`."),
     (r"the agent is stopped, `norvak.pid` names a dead process$",
-     "Remove `norvak.pid`, and where the agent ought to run, run `startup.sh`. While the file "
-     "stays, an update kills whatever process has come to have that id."),
+     "Remove `norvak.pid`. If the agent is meant to run, run `startup.sh`. As long as the file "
+     "exists, an update kills whatever process has that id by then."),
     (r"2 agents run", "Stop the one whose id is not in `norvak.pid`."),
     (r"update marker$", "Remove the file `update`."),
     (r"`config.xml.XXXXXX`$", "Remove it while no update runs. The letters are random."),
@@ -26,12 +26,12 @@ _REMEDIES = (
     (r"`config.xml`: new, followed by line feeds$",
      "Nothing: empty lines after a document mean nothing."),
     (r"`nginx/bin/nginx`: (missing|old)$", "Remove `nginx/md5` and run the update again."),
-    (r"`nginx/bin/nginx`: mode \d+$", "Nothing: it has the mode that it had before."),
+    (r"`nginx/bin/nginx`: mode \d+$", "Nothing: it has its previous mode."),
 )
 
 
 def remedy(difference):
-    """What to do about a difference that stays; empty when none is known."""
+    """What to do about a difference that remains; empty if no remedy is known."""
     for pattern, text in _REMEDIES:
         if re.match(pattern, difference):
             return text
@@ -47,7 +47,7 @@ def _row(*cells):
 
 
 class KillTable:
-    """What a kill in front of each call leaves, in the order of the run."""
+    """What a kill just before each call leaves, in the order of the run."""
 
     def __init__(self, head="Killed just before"):
         self._head = head, "Left by the kill", "After the next run"
@@ -69,17 +69,17 @@ class KillTable:
 
     @classmethod
     def cells_by_call(cls, lines, names):
-        """The cells of the table @a lines for each of the calls @a names, in their order."""
+        """The cells of the table @a lines for each of the calls @a names, in order."""
         rows = [_cells(line) for line in lines[2:]]
         expected, begin = [], 0
         for points, *cells in rows:
             ends = re.findall(r"`([^`]*)`", points)
             assert names[begin:begin + 1] == ends[:1] and ends[-1] in names, (
-                f"the run has {names[begin:begin + 1]} where the table has {points}: {MEND}")
+                f"the run has {names[begin:begin + 1]} where the table has {points}: {REGENERATE}")
             end = len(names) - names[::-1].index(ends[-1])
             expected += [tuple(cells)] * (end - begin)
             begin = end
-        assert begin == len(names), f"the table ends before {names[begin:]}: {MEND}"
+        assert begin == len(names), f"the table ends before {names[begin:]}: {REGENERATE}"
         return expected
 
     @staticmethod
@@ -88,7 +88,7 @@ class KillTable:
 
 
 class ErrorTable:
-    """The calls whose error changes more than it reports, by what comes of it."""
+    """The calls whose error has consequences that are not reported or not repaired, by outcome."""
 
     _HEAD = ("Exit status", "Wrong after the run", "After the next run",
              "An error of these calls")
@@ -105,7 +105,7 @@ class ErrorTable:
 
     @staticmethod
     def cells(status, wrong, stays):
-        """The cells of a row; nothing when a failure was reported and healed, or had no effect."""
+        """The cells of a row; none if a failure was reported and healed, or had no effect."""
         if not stays and (status == 255 or not wrong):
             return None
         return (str(status) if status >= 0 else "aborted", _list(wrong) or _NOTHING,
@@ -125,7 +125,7 @@ class ErrorTable:
 
     @staticmethod
     def listed(lines):
-        """The calls and errors that the table @a lines lists: by cells, name to errors or None."""
+        """The calls and errors in the table @a lines: by cells, name to errors or None for all."""
         found = {}
         for line in lines[2:]:
             *cells, calls = _cells(line)
@@ -140,7 +140,7 @@ def _cells(line):
 
 
 class DiskTable:
-    """What comes of a full disk, from one that is too small for anything to one that suffices."""
+    """The outcomes of a full disk, from no free space to just enough."""
 
     _HEAD = ("Exit status", "Wrong after the run", "After the next run, with space enough")
 
@@ -167,9 +167,8 @@ class DiskTable:
 
 
 def remedy_lines(lines):
-    """The table of what to do about all that stays according to the tables in the page's @a lines.
-    """
-    yield _row("After the next run there is still", "What to do")
+    """The table of remedies for everything that remains according to the page's @a lines."""
+    yield _row("Remains after the next run", "What to do")
     yield _row("---", "---")
     seen = set()
     for line in lines:
@@ -182,7 +181,7 @@ def remedy_lines(lines):
 
 
 class Document:
-    """A page whose tables stand between "<!-- table: NAME -->" and "<!-- end of table -->"."""
+    """A page with tables between "<!-- table: NAME -->" and "<!-- end of table -->"."""
 
     def __init__(self, path, writes):
         self._path = path
@@ -198,7 +197,7 @@ class Document:
         return self._path.read_text().splitlines()
 
     def check(self, name, lines):
-        """Compares the table with the page's; puts it there when the page is being written."""
+        """Compares the table with the page's, or replaces it if the page is being written."""
         lines = list(lines)
         if self._writes:
             text = "".join(f"{line}\n" for line in lines)
@@ -206,7 +205,7 @@ class Document:
                                            self._path.read_text())
             self._path.write_text(page)
         assert self.table(name) == lines, (
-            f"the table {name} of {self._path.name} is not what happens: {MEND}")
+            f"the table {name} of {self._path.name} is out of date: {REGENERATE}")
 
     @staticmethod
     def _pattern(name):

@@ -1,4 +1,4 @@
-"""The updates that are disturbed: what stands on the host, and what the server has for it."""
+"""The updates that are disturbed: the files on the host, and those on the server."""
 
 import dataclasses
 import hashlib
@@ -10,19 +10,19 @@ from harness.software import INSTALLED_VERSION, NEW_VERSION, PACKAGE_PATH, VERSI
 
 MODULES = ("norvak_ipfilter", "tessel_linux", "quorin_linux")
 
-# Where a script stops in the middle of its work and takes the whole run with it, once, when a file
-# of this name stands beside the install directory.
+# If a file of this name exists next to the install directory, the script removes it, then stops in
+# the middle of its work and kills the whole run.
 INTERRUPTIONS = ("interrupt-tar", "interrupt-script", "interrupt-startup")
 
 
 def _filling(name, size):
-    """Bytes that look like no other file's, nor like those further on in the same file."""
+    """Bytes that differ from those of every other file, and from block to block."""
     blocks = (hashlib.sha256(f"{name} {i}".encode()).digest() for i in range(size // 32 + 1))
     return b"".join(blocks)[:size]
 
 
-# More than a copy hands to one system call, so that a copy can be cut: _LARGE. More than a transfer
-# hands over at once, so that a download can: _MEDIUM.
+# _LARGE: more than a copy writes with one system call, so that a copy can be truncated. _MEDIUM:
+# more than a transfer writes at once, so that a download can be truncated.
 _LARGE = 150_000
 _MEDIUM = 20_000
 _SMALL = 900
@@ -49,7 +49,8 @@ _OLD_FILES = {
 }
 _PROGRAMS = ("nginx/bin/nginx", "norvak_agent")
 
-# The id is noted first, so that the test can stop every agent; the pid file is whole or not there.
+# The id is recorded first, so that the test can stop every agent. The pid file is complete or
+# missing.
 _STARTUP = """\
 #!/bin/sh
 cd "$(dirname "$0")" || exit 1
@@ -88,7 +89,7 @@ _SOFT_COMMANDS = ("tool/tar", "the package's script", "startup.sh")
 
 @dataclasses.dataclass(frozen=True)
 class Update:
-    """One kind of update of a host that is up to be updated, from a server that has all of it."""
+    """An update of a host with old versions of everything, from a server with new ones."""
 
     key: str
     title: str
@@ -98,10 +99,10 @@ class Update:
     update_type: str = "0"  # on the host
     mode: str = ""  # of the agent software
     server_dir: str = ""
-    package_update_type: str = ""  # in the package's config.xml; empty for a package without one
+    package_update_type: str = ""  # in the package's config.xml; empty if the package has none
 
     def lay_out(self, host, url):
-        """Puts the agent with all it has on @a host."""
+        """Installs the old version of everything on @a host."""
         for name, content in _OLD_FILES.items():
             host.write(name, content, 0o755 if name in _PROGRAMS else 0o644)
         host.write("config.xml", self.old_config(url))
@@ -114,7 +115,7 @@ class Update:
             "version": INSTALLED_VERSION, "kernel_update_host": url, "nginx_update_host": url})
 
     def other_configs(self, url):
-        """The contents that config.xml has between the old and the new one, with their names."""
+        """The contents of config.xml between the old and the new one, with their names."""
         if not self.package_update_type:
             return []
         new_version = "" if self.arguments[1] == "1" else NEW_VERSION
@@ -156,8 +157,8 @@ UPDATES = (
     Update("rule", "Type 3: the protection rules", ("3",), "update_norvak_rule"),
 )
 
-# Where config.xml is a mount point, only the updater changes it. The first makes it longer, the
-# second shorter.
+# If config.xml is a mount point, only the updater changes it. The first makes it longer, the second
+# shorter.
 BARE_UPDATES = (
     UPDATES[1],
     Update("soft-manual-bare", "Type 0, manual, with a package that leaves config.xml alone",
@@ -189,6 +190,6 @@ def publish(server, kernel_dir):
 
 
 def kernel_dir(requests):
-    """Where this machine's modules are, told by the @a requests of a run that looked for them."""
+    """Where this machine's modules are, from the @a requests of a run that looked for them."""
     first = next(request for request in requests if request.startswith("GET /kernels/"))
     return os.path.dirname(os.path.dirname(first[len("GET /"):]))

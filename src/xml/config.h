@@ -1,5 +1,5 @@
-// Access to the settings of the agent's configuration file, config.xml: `var` elements with a
-// "name" and a "value" attribute.
+// Access to the settings in the agent's configuration file, config.xml: `var` elements with a "name"
+// and a "value" attribute.
 #pragma once
 
 #include <string>

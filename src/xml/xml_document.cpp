@@ -45,8 +45,8 @@ constexpr unsigned kKeepAll =
 
 constexpr std::size_t kRecognisedBytes = 4;
 
-/// The encoding that the parser recognises by the first bytes: a byte order mark or the `<` of the
-/// first tag. It does so although they are not a whole document. UTF-8 stands for all others.
+/// The encoding that the parser detects from the first bytes, a byte order mark or the `<` of the
+/// first tag, although they are not a whole document. It is UTF-8 for every one-byte encoding.
 pugi::xml_encoding encoding_of(const std::string& start) {
   pugi::xml_document tree;
   return tree.load_buffer(start.data(), std::min(start.size(), kRecognisedBytes)).encoding;
@@ -67,12 +67,13 @@ std::string write(const pugi::xml_document& tree, pugi::xml_encoding encoding, b
   return std::move(writer.bytes);
 }
 
-/// The same, in the encoding of the file that begins with @a start, and with its byte order mark.
+/// As above, in the encoding of the file that begins with @a start, with its byte order mark if any.
 std::string write_as(const std::string& start, const pugi::xml_document& tree) {
   return write(tree, encoding_of(start), start[start.find_first_not_of('\0')] != '<');
 }
 
-/// Whether XML can represent the character: it is one of Unicode, and of those below 0x20 a blank.
+/// Whether XML can represent the character: not most of those below 0x20, nor surrogates, nor codes
+/// beyond Unicode.
 bool is_representable(char32_t code) {
   if (code < ' ') return code == '\t' || code == '\n' || code == '\r';
   return code < 0xD800 || (code >= 0xE000 && code < 0x110000);

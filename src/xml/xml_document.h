@@ -91,11 +91,11 @@ class XmlDocument {
   /// never converted. UTF-16 and UTF-32 are recognised by a byte order mark or by the `<` of the
   /// first tag.
   ///
-  /// @return nonzero if the document is loaded. 0, with the document empty, if the file cannot be
-  ///         read to its end or is malformed: it also must not contain a NUL character, no or
-  ///         several root elements, or text beside the root element. A UTF-16 or UTF-32 document is
-  ///         also refused if a save would change more than described above: malformed units, or an
-  ///         empty element that is written as two tags.
+  /// @return nonzero if the document is loaded; 0, with the document empty, if the file cannot be
+  ///         read to its end or is malformed. A NUL character, more or fewer than one root element,
+  ///         and text outside the root element count as malformed. A UTF-16 or UTF-32 document is
+  ///         also refused if a save would change more than described above, for example an empty
+  ///         element that is written as two tags.
   [[nodiscard]] int load(const char* path);
 
   /// @return the root element; a handle without one if nothing is loaded

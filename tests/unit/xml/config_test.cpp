@@ -84,7 +84,7 @@ TEST_F(Config, ASettingWithoutAValueIsEmpty) {
   EXPECT_EQ(value, "");
 }
 
-TEST_F(Config, SettingsStandDirectlyInData) {
+TEST_F(Config, SettingsAreDirectlyInData) {
   write_document(
       "<norvak><var name='version' value='1'/><Process><var name='version' value='2'/>"
       "<Data><group><var name='version' value='3'/></group>"
@@ -96,7 +96,7 @@ TEST_F(Config, SettingsStandDirectlyInData) {
   EXPECT_EQ(value, "before");
 }
 
-TEST_F(Config, TheNorvakElementMayStandAnywhere) {
+TEST_F(Config, TheNorvakElementMayBeAnywhere) {
   write_document(
       "<a><b/><norvak><Process><Data/><Data><var name='version' value='1'/></Data></Process>"
       "</norvak></a>");
@@ -118,7 +118,7 @@ TEST_F(Config, AMalformedFileIsReported) {
   EXPECT_EQ(get_config_var(path_, "version"), "");
 }
 
-TEST_F(Config, TheFileIsReadAfreshAtEveryCall) {
+TEST_F(Config, TheFileIsReadAgainAtEveryCall) {
   write_settings("<var name='version' value='1'/>");
   EXPECT_EQ(get_config_var(path_, "version"), "1");
   write_settings("<var name='version' value='2'/>");

@@ -86,20 +86,21 @@ std::string utf16be(const std::string& text) { return widen(text, 2, true); }
 std::string utf32le(const std::string& text) { return widen(text, 4, false); }
 std::string utf32be(const std::string& text) { return widen(text, 4, true); }
 
-/// A document whose setting "version" has its value between `before` and `behind`. The text of
-/// every document is in one of the two and must be found unchanged around the new value.
+/// A document whose setting "version" has its value between `before` and `after`. Both must be
+/// unchanged around a new value.
 struct Awkward {
   const char* name;
   std::string before;
-  std::string behind;
-  std::string (*encode)(const std::string& ascii) = nullptr;  ///< of the value; null: as it is
+  std::string after;
+  std::string (*encode)(const std::string& ascii) =
+      nullptr;  ///< of the value; null for one byte per unit
 };
 
 std::ostream& operator<<(std::ostream& out, const Awkward& document) {
   return out << document.name;
 }
 
-// What stands around the setting where a document is not about that.
+// The text around the setting in documents that test something else.
 const std::string kOpen = "<norvak><Process><Data>";
 const std::string kClose = "</Data></Process></norvak>";
 const std::string kVar = "<var name=\"version\" value=\"";
@@ -127,7 +128,7 @@ const Awkward kAwkward[] = {
      "<!-- ]> --><!ENTITY q '\"'>\n]>\n" +
          kHead,
      kTail},
-    {"DoctypeBehindTheRoot", kHead, kTail + "<!DOCTYPE norvak>"},
+    {"DoctypeAfterTheRoot", kHead, kTail + "<!DOCTYPE norvak>"},
 
     // Line ends and blanks.
     {"CarriageReturnLineFeeds",
@@ -258,7 +259,7 @@ class AwkwardXml : public Xml, public testing::WithParamInterface<Awkward> {
   [[nodiscard]] static std::string with_value(const std::string& value) {
     const Awkward& document = GetParam();
     return document.before + (document.encode == nullptr ? value : document.encode(value)) +
-           document.behind;
+           document.after;
   }
 };
 
@@ -286,7 +287,7 @@ TEST_P(AwkwardXml, WhatIsSavedLoadsAgainAndIsSavedTheSame) {
 
 TEST_P(AwkwardXml, SeveralElementsChangeInAnyOrder) {
   ASSERT_TRUE(load(with_value("7.0.0.1")));
-  document_->root().set_attribute("value", "a long value in front of the setting");
+  document_->root().set_attribute("value", "a long value before the setting");
   setting("version").set_attribute("value", "7.0.0.12");
   document_->root().set_attribute("value", "");
   setting("version").set_attribute("value", "7");
@@ -396,7 +397,7 @@ INSTANTIATE_TEST_SUITE_P(
         Change{"NoAttributes", "<var/>", "1", "<var value=\"1\"/>"},
         Change{"NoAttributesWithBlank", "<var />", "1", "<var value=\"1\" />"},
         Change{"NoAttributesWithEndTag", "<var></var>", "1", "<var value=\"1\"></var>"},
-        Change{"BehindTheLastAttribute", "<var a='/>' b=\">\"/>", "1",
+        Change{"AfterTheLastAttribute", "<var a='/>' b=\">\"/>", "1",
                "<var a='/>' b=\">\" value=\"1\"/>"},
         Change{"NoAttributesWithCarriageReturn", "<var\r/>", "1", "<var value=\"1\"\r/>"},
         Change{"NoAttributesWithTab", "<var\t></var>", "1", "<var value=\"1\"\t></var>"},
@@ -623,24 +624,24 @@ TEST_P(MalformedXml, IsNotLoaded) {
 INSTANTIATE_TEST_SUITE_P(
     Rejected, MalformedXml,
     testing::Values(
-        // No or several roots, text beside it.
+        // No or several roots, text around it.
         Malformed{"Empty", ""}, Malformed{"Blanks", " \r\n\t"}, Malformed{"Text", "text"},
         Malformed{"OneByte", "<"}, Malformed{"OnlyAMark", "\xEF\xBB\xBF"},
         Malformed{"OnlyADeclaration", "<?xml version=\"1.0\"?>\n"},
         Malformed{"OnlyAComment", "<!-- a -->"}, Malformed{"OnlyADoctype", "<!DOCTYPE a>"},
         Malformed{"TwoRoots", "<a/><b/>"}, Malformed{"TwoRootsApart", "<a></a>\n<!-- -->\n<b/>\n"},
-        Malformed{"TextBefore", "x<a/>"}, Malformed{"TextBehind", "<a/>\nx\n"},
-        Malformed{"OneLetterBehind", "<a/>x"}, Malformed{"TextBetween", "<!-- -->x<a/>"},
+        Malformed{"TextBefore", "x<a/>"}, Malformed{"TextAfter", "<a/>\nx\n"},
+        Malformed{"OneLetterAfter", "<a/>x"}, Malformed{"TextBetween", "<!-- -->x<a/>"},
         Malformed{"CharacterDataBefore", "<![CDATA[]]><a/>"},
-        Malformed{"CharacterDataBehind", "<a/><![CDATA[ ]]>"},
-        Malformed{"ReferenceBehind", "<a/>&#32;"}, Malformed{"MarkBehind", "<a/>\xEF\xBB\xBF"},
+        Malformed{"CharacterDataAfter", "<a/><![CDATA[ ]]>"},
+        Malformed{"ReferenceAfter", "<a/>&#32;"}, Malformed{"MarkAfter", "<a/>\xEF\xBB\xBF"},
         // Tags.
         Malformed{"NoEndTag", "<a>"}, Malformed{"CutEndTag", "<a></a"},
         Malformed{"CutTag", "<a b='1'"}, Malformed{"WrongEndTag", "<a></b>"},
         Malformed{"CrossedTags", "<a><b></a></b>"}, Malformed{"EndTagFirst", "</a>"},
         Malformed{"EndTagTwice", "<a></a></a>"}, Malformed{"NoName", "<>"},
         Malformed{"BadName", "<1/>"}, Malformed{"LoneBracket", "<a>1 < 2</a>"},
-        Malformed{"BracketBehind", "<a/><"}, Malformed{"LoneSlash", "<a /b/>"},
+        Malformed{"BracketAfter", "<a/><"}, Malformed{"LoneSlash", "<a /b/>"},
         // Attributes.
         Malformed{"NoQuotes", "<a b=1/>"}, Malformed{"NoValue", "<a b/>"},
         Malformed{"NoEndQuote", "<a b='1/>"}, Malformed{"WrongEndQuote", "<a b='1\"/>"},
@@ -651,7 +652,7 @@ INSTANTIATE_TEST_SUITE_P(
         Malformed{"OpenDoctype", "<!DOCTYPE a [ <a/>"},
         Malformed{"DoctypeInside", "<a><!DOCTYPE a></a>"},
         // NULs, which end a C string.
-        Malformed{"NulBehind", "<a/>\0"s}, Malformed{"NulBeforeASecondRoot", "<a/>\0<b/>"s},
+        Malformed{"NulAfter", "<a/>\0"s}, Malformed{"NulBeforeASecondRoot", "<a/>\0<b/>"s},
         Malformed{"NulInside", "<a>\0</a>"s}, Malformed{"NulInAValue", "<a b='\0'/>"s},
         Malformed{"NulFirst", "\0"s}, Malformed{"NulsOnly", std::string(4096, '\0')}),
     [](const auto& document) { return std::string(document.param.name); });
@@ -672,7 +673,7 @@ INSTANTIATE_TEST_SUITE_P(
         Malformed{"FarTooLarge", utf32be("<a>") + "\xFF\xFF\xFF\xFF" + utf32be("</a>")},
         Malformed{"Nul16", utf16le("<a/>\0"s)}, Malformed{"Nul32", utf32le("<a>\0</a>"s)},
         Malformed{"NulBeforeASecondRoot16", utf16be("<a/>\0<b/>"s)},
-        Malformed{"TextBehind16", utf16le("<a/>x")}, Malformed{"TwoRoots32", utf32be("<a/><b/>")},
+        Malformed{"TextAfter16", utf16le("<a/>x")}, Malformed{"TwoRoots32", utf32be("<a/><b/>")},
         Malformed{"EmptyElementAsTwoTags", utf16le("<a><b></b></a>")},
         Malformed{"MixedWidths", utf16le("<a>") + "</a>"},
         Malformed{"ForeignMark", "\xEF\xBB\xBF" + utf16le("<a/>")}),
@@ -709,7 +710,7 @@ TEST_F(Xml, FilesWithoutASizeAreReadToTheirEnd) {
 
 TEST_F(Xml, ADocumentCanBeLoadedAgain) {
   ASSERT_TRUE(load("\xFF\xFE" + utf16le("<a><b c='1'/></a>")));
-  first("//b").set_attribute("c", "a value that moves what is behind it");
+  first("//b").set_attribute("c", "a value that moves what follows");
   ASSERT_TRUE(load("<a c='0'><b c='2'/></a>"));
   first("//b").set_attribute("c", "3");
   EXPECT_EQ(saved(), "<a c='0'><b c='3'/></a>");

@@ -131,7 +131,8 @@ std::optional<std::string> to_utf8(const std::string& bytes) {
   }
   QuoteEscaper escaper;
   tree.traverse(escaper);
-  std::string text = write(tree, pugi::encoding_utf8, false);
+  // The mark is for the parser, which skips one: a second one is a character of the document.
+  std::string text = write(tree, pugi::encoding_utf8, true);
   const std::wstring characters = pugi::as_wide(text);
   if (representable(characters) != characters) return std::nullopt;
   return text;

@@ -676,6 +676,8 @@ INSTANTIATE_TEST_SUITE_P(
         Malformed{"TextAfter16", utf16le("<a/>x")}, Malformed{"TwoRoots32", utf32be("<a/><b/>")},
         Malformed{"EmptyElementAsTwoTags", utf16le("<a><b></b></a>")},
         Malformed{"MixedWidths", utf16le("<a>") + "</a>"},
+        Malformed{"TwoMarks16", "\xFF\xFE\xFF\xFE" + utf16le("<a/>")},
+        Malformed{"TwoMarks32", "\0\0\xFE\xFF\0\0\xFE\xFF"s + utf32be("<a/>")},
         Malformed{"ForeignMark", "\xEF\xBB\xBF" + utf16le("<a/>")}),
     [](const auto& document) { return std::string(document.param.name); });
 

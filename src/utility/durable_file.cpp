@@ -2,8 +2,8 @@
 
 #include <fcntl.h>
 #include <linux/limits.h>
-#include <sys/random.h>
 #include <sys/stat.h>
+#include <sys/time.h>
 #include <sys/xattr.h>
 #include <unistd.h>
 
@@ -33,11 +33,15 @@ constexpr mode_t kNewFileMode = 0600;  // until it gets the mode of the old file
 /// @return the name: @a prefix, a dot and random letters; empty on failure
 std::string take_free_name(int directory, const std::string& prefix, int& fd) {
   const std::string file = "/proc/self/fd/" + std::to_string(fd);
+  // A name that differs between processes and calls is enough: a taken one is never overwritten.
+  struct timeval now = {};
+  (void)::gettimeofday(&now, nullptr);
+  const auto seed = static_cast<std::uint32_t>(now.tv_usec) << 12U ^
+                    static_cast<std::uint32_t>(now.tv_sec) ^ static_cast<std::uint32_t>(::getpid());
   for (int attempt = 0; attempt < kNamingAttempts; ++attempt) {
-    std::uint32_t random = 0;
-    if (::getrandom(&random, sizeof random, 0) < 0) break;
+    std::uint32_t letters = seed + 7777U * static_cast<std::uint32_t>(attempt);
     std::string name = prefix + '.';
-    for (int i = 0; i < 6; ++i, random /= 32) name += kNameLetters[random % 32];
+    for (int i = 0; i < 6; ++i, letters /= 32) name += kNameLetters[letters % 32];
     if (fd < 0) {
       fd = ::openat(directory, name.c_str(), O_CREAT | O_EXCL | kNewFileFlags, kNewFileMode);
       if (fd >= 0) return name;

@@ -4,7 +4,7 @@ import os
 import pathlib
 import subprocess
 
-from harness import AgentHost, namespace
+from harness import AgentHost
 
 ROOTS = pathlib.Path(os.environ.get("NORVAK_ROOTS", "/var/cache/norvak-update/roots"))
 _PATH = "/usr/sbin:/usr/bin:/sbin:/bin"
@@ -61,7 +61,10 @@ class FreshRoot:
 
 
 class HostInRoot(AgentHost):
-    """A host with an installed agent, whose updater is the one installed in a root."""
+    """A host with an installed agent, whose updater is the one installed in a root.
+
+    The agent can be seen from within the root too.
+    """
 
     def __init__(self, root, uname_answers):
         super().__init__(_UPDATER, lambda: None)
@@ -71,8 +74,9 @@ class HostInRoot(AgentHost):
         base = self.var_log.parent
         inside = root.file(str(base))
         inside.mkdir(parents=True)
-        self.mounts = [namespace.bind(base, inside),
-                       namespace.bind(self.var_log, root.file("/var/log"))]
+        for source, target in ((base, inside), (self.var_log, root.file("/var/log"))):
+            subprocess.run(["mount", "--bind", source, target], check=True)
+        self.mounts = []
 
     def start(self, *args, uname=None, **options):
         return super().start(*args, environment=uname, through=self._through, **options)

@@ -12,6 +12,9 @@ endif()
 include(Package.cmake)
 norvak_install_notices(${linked_in})
 
+# In an rpm, CPack takes each file with an absolute destination for a configuration file; the other
+# destinations are relative to /usr.
+
 # Configuration files, which upgrades and removals leave as the administrator has them.
 set(configuration_files)
 foreach(directory_and_target IN ITEMS etc:/etc cron:/etc/cron.d)
@@ -28,15 +31,15 @@ endforeach()
 
 # The runner and what else the units and cron jobs call.
 file(GLOB scripts CONFIGURE_DEPENDS libexec/*)
-install(PROGRAMS ${scripts} DESTINATION /usr/lib/norvak-update COMPONENT ${package})
+install(PROGRAMS ${scripts} DESTINATION lib/norvak-update COMPONENT ${package})
 file(GLOB data CONFIGURE_DEPENDS logrotate/* ${PROJECT_SOURCE_DIR}/deploy/prometheus/*.rules.yml)
-install(FILES ${data} DESTINATION /usr/share/norvak-update COMPONENT ${package})
+install(FILES ${data} DESTINATION share/norvak-update COMPONENT ${package})
 install(DIRECTORY DESTINATION /var/lib/norvak-update COMPONENT ${package})  # state, lock
 
 # Older releases of Debian and Ubuntu read units only below /lib, the others only below /usr/lib.
 file(GLOB units CONFIGURE_DEPENDS systemd/*.service systemd/*.timer)
 install(FILES ${units} DESTINATION /lib/systemd/system COMPONENT deb)
-install(FILES ${units} DESTINATION /usr/lib/systemd/system COMPONENT rpm)
+install(FILES ${units} DESTINATION lib/systemd/system COMPONENT rpm)
 
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "${PROJECT_DESCRIPTION}")
 set(CPACK_PACKAGE_DESCRIPTION

@@ -38,8 +38,13 @@ install(DIRECTORY DESTINATION /var/lib/norvak-update COMPONENT ${package})  # st
 
 # Older releases of Debian and Ubuntu read units only below /lib, the others only below /usr/lib.
 file(GLOB units CONFIGURE_DEPENDS systemd/*.service systemd/*.timer)
-install(FILES ${units} DESTINATION /lib/systemd/system COMPONENT deb)
-install(FILES ${units} DESTINATION lib/systemd/system COMPONENT rpm)
+foreach(format_and_directory IN ITEMS deb:/lib/systemd/system rpm:lib/systemd/system)
+  string(REPLACE ":" ";" format_and_directory ${format_and_directory})
+  list(GET format_and_directory 0 format)
+  list(GET format_and_directory 1 directory)
+  install(FILES ${units} DESTINATION ${directory} COMPONENT ${format})
+  install(DIRECTORY systemd/multi-user.target.wants DESTINATION ${directory} COMPONENT ${format})
+endforeach()
 
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "${PROJECT_DESCRIPTION}")
 set(CPACK_PACKAGE_DESCRIPTION
@@ -71,6 +76,7 @@ set(CPACK_RPM_USER_FILELIST ${configuration_files})
 list(TRANSFORM CPACK_RPM_USER_FILELIST PREPEND "%config(noreplace) ")
 set(CPACK_RPM_EXCLUDE_FROM_AUTO_FILELIST_ADDITION  # directories of the system
   /etc /etc/cron.d /usr/lib/debug /usr/lib/debug/.build-id /usr/lib/systemd /usr/lib/systemd/system
+  /usr/lib/systemd/system/multi-user.target.wants
   /usr/sbin /usr/share/bash-completion /usr/share/bash-completion/completions /usr/share/man
   /usr/share/man/man5 /usr/share/man/man8 /usr/share/zsh /usr/share/zsh/vendor-completions /var
   /var/lib)

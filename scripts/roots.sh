@@ -77,6 +77,13 @@ make_fresh_roots() {
   make_root debian-13 trixie amd64 libcurl4t64
 }
 
+# Makes the roots booted-12 and booted-13: systems with their real systemd, for systemd-nspawn.
+make_booted_roots() {
+  local packages=(systemd systemd-sysv dbus strace logrotate procps)
+  make_root booted-12 bookworm amd64 "${packages[@]}" libcurl4
+  make_root booted-13 trixie amd64 "${packages[@]}" libcurl4t64
+}
+
 # Makes the root build-KIND for a package; $1: amd64, i386 or publish. The host packages are built in
 # Debian 11, whose glibc is the oldest of those that come with a C++17 compiler.
 make_build_root() {

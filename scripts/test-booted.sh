@@ -1,0 +1,35 @@
+#!/usr/bin/env bash
+# Tests the packaged units, the recovery and the log rotation in Debian systems that are booted with
+# their real systemd.
+#
+# Usage: test-booted.sh [--full]
+#
+# --full kills a run at each of its system calls instead of a sample, and stops the system suddenly
+# at more of them. Needs root. Makes the host package if build/packages does not have it. The exit
+# status is 77 where roots (roots.sh) are not possible.
+set -euo pipefail
+. "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
+. "$project/scripts/roots.sh"
+cd "$project"
+
+reason=$(roots_unavailable amd64)
+if [[ -n $reason ]]; then
+  printf 'No booted systems were tested: %s\n' "$reason"
+  exit 77
+fi
+install_packages "${booted_test_packages[@]}"
+make_booted_roots
+
+package() {
+  find build/packages -maxdepth 1 -name 'norvak-update_*_amd64.deb' 2>/dev/null | head -n 1
+}
+if [[ -z $(package) ]]; then
+  ./scripts/package.sh amd64
+fi
+
+tree=$(mktemp -d)
+trap 'rm -rf "$tree"' EXIT
+dpkg-deb --extract "$(package)" "$tree"
+
+heading 'units and recovery in booted systems'
+PYTHONDONTWRITEBYTECODE=1 /usr/bin/python3 -m pytest -q -rs tests/booted --tree "$tree" "$@"

@@ -1,0 +1,84 @@
+"""Options and fixtures of the tests in booted systems: scripts/test-booted.sh runs them as root."""
+
+import pathlib
+import shutil
+import sys
+import tempfile
+
+import pytest
+
+PROJECT = pathlib.Path(__file__).resolve().parents[2]
+sys.path[:0] = [str(PROJECT / "tests/system"), str(PROJECT / "tests/fault")]
+pytest.register_assert_rewrite("harness", "faults", "machine", "installation")
+
+import installation as agent  # noqa: E402
+import machine as machines  # noqa: E402
+from harness import Nginx, ScriptedServer  # noqa: E402
+
+
+def pytest_addoption(parser):
+    parser.addoption("--tree", type=pathlib.Path, required=True,
+                     help="directory with the files of the host package")
+    parser.addoption("--full", action="store_true", help="every kill point, in every system")
+
+
+def pytest_generate_tests(metafunc):
+    if "root_name" in metafunc.fixturenames:
+        metafunc.parametrize("root_name", ["booted-12", "booted-13"], scope="session")
+
+
+@pytest.fixture(scope="session")
+def server():
+    prefix = tempfile.mkdtemp(prefix="norvak-nginx-")
+    running = Nginx(prefix)
+    yield running
+    running.close()
+    shutil.rmtree(prefix)
+
+
+@pytest.fixture
+def scripted_server():
+    """A server that answers as a test says."""
+    running = ScriptedServer()
+    yield running
+    running.close()
+
+
+@pytest.fixture
+def make_machine(request):
+    """Makes machines that are not booted yet."""
+    reason = machines.unavailable()
+    if reason:
+        pytest.skip(reason)
+    made = []
+
+    def make(root_name):
+        made.append(machines.Machine(root_name, request.config.getoption("--tree")))
+        return made[-1]
+
+    yield make
+    for one in made:
+        one.close()
+
+
+@pytest.fixture(scope="session")
+def machine(request, root_name):
+    """A booted system that many tests share."""
+    reason = machines.unavailable()
+    if reason:
+        pytest.skip(reason)
+    booted = machines.Machine(root_name, request.config.getoption("--tree"))
+    booted.boot()
+    yield booted
+    booted.close()
+
+
+@pytest.fixture
+def host(machine, server):
+    """A freshly installed agent in the shared system, for which everything is new."""
+    server.reset()
+    installed = agent.Installation(machine, server.url)
+    agent.publish(server, installed)
+    installed.lay_out()
+    yield installed
+    installed.clear()

@@ -1,0 +1,128 @@
+#include "scope.h"
+
+#include <fcntl.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <ctime>
+#include <string>
+#include <string_view>
+
+#include "proc.h"
+#include "utility/file.h"
+#include "wait.h"
+
+namespace recover {
+
+namespace {
+
+constexpr char kSystemdDir[] = "/run/systemd/system";
+constexpr std::string_view kUnitPrefix = "norvak-update@";
+constexpr int kMaxLineBytes = 8192;
+constexpr int kMoveSeconds = 10;
+
+/// The control group that systemd has put the process in; empty if the process has ended.
+std::string control_group(pid_t pid) {
+  constexpr std::string_view kNamed = ":name=systemd:";  // beside other hierarchies
+  constexpr std::string_view kUnified = "0::";
+  utility::LineReader lines(process_path(pid, "cgroup"), kMaxLineBytes);
+  std::string line;
+  std::string unified;
+  while (lines && lines.next(line)) {
+    const std::size_t named = line.find(kNamed);
+    if (named != std::string::npos) return line.substr(named + kNamed.size());
+    if (line.compare(0, kUnified.size(), kUnified) == 0) unified = line.substr(kUnified.size());
+  }
+  return unified;
+}
+
+bool is_in_group_named(pid_t pid, const std::string& name) {
+  const std::string group = control_group(pid);
+  return group.empty() || group.substr(group.rfind('/') + 1) == name;
+}
+
+std::vector<pid_t> ancestors_of(pid_t pid) {
+  std::vector<pid_t> ancestors;
+  for (pid_t parent = parent_of(pid); parent > 0; parent = parent_of(parent)) {
+    ancestors.push_back(parent);
+  }
+  return ancestors;
+}
+
+/// Runs a program of PATH without output and waits for it. Errors that it prints remain visible.
+bool run(const std::vector<std::string>& command) {
+  std::vector<char*> arguments;
+  for (const std::string& argument : command) {
+    arguments.push_back(const_cast<char*>(argument.c_str()));  // posix_spawn changes nothing
+  }
+  arguments.push_back(nullptr);
+  posix_spawn_file_actions_t actions;
+  if (::posix_spawn_file_actions_init(&actions) != 0) return false;
+  pid_t child = -1;
+  const bool started =
+      ::posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, "/dev/null", O_WRONLY, 0) == 0 &&
+      ::posix_spawnp(&child, arguments[0], &actions, nullptr, arguments.data(), environ) == 0;
+  (void)::posix_spawn_file_actions_destroy(&actions);
+  if (!started) return false;
+  int status = 0;
+  while (::waitpid(child, &status, 0) < 0) {
+    if (errno != EINTR) return false;
+  }
+  return status == 0;
+}
+
+}  // namespace
+
+bool systemd_runs() { return utility::exists(kSystemdDir); }
+
+bool is_in_own_unit() {
+  const std::string group = control_group(::getpid());
+  return group.compare(group.rfind('/') + 1, kUnitPrefix.size(), kUnitPrefix) == 0;
+}
+
+std::vector<pid_t> find_unit_companions() {
+  const std::string own = control_group(::getpid());
+  const std::vector<pid_t> ancestors = ancestors_of(::getpid());
+  std::vector<pid_t> companions;
+  for (const pid_t pid : all_processes()) {
+    const bool in_family =
+        pid == ::getpid() || std::find(ancestors.begin(), ancestors.end(), pid) != ancestors.end();
+    if (!in_family && control_group(pid) == own) companions.push_back(pid);
+  }
+  return companions;
+}
+
+bool move_to_scope(const std::vector<pid_t>& pids) {
+  if (pids.empty()) return true;
+  // The time, because an older scope of a process with the same id may still exist.
+  const std::string name = "norvak-agent-" + std::to_string(std::time(nullptr)) + "-" +
+                           std::to_string(pids.front()) + ".scope";
+  std::vector<std::string> command = {"busctl",
+                                      "call",
+                                      "org.freedesktop.systemd1",
+                                      "/org/freedesktop/systemd1",
+                                      "org.freedesktop.systemd1.Manager",
+                                      "StartTransientUnit",
+                                      "ssa(sv)a(sa(sv))",
+                                      name,
+                                      "fail",
+                                      "2",
+                                      "Description",
+                                      "s",
+                                      "Norvak agent, started by an update",
+                                      "PIDs",
+                                      "au",
+                                      std::to_string(pids.size())};
+  for (const pid_t pid : pids) command.push_back(std::to_string(pid));
+  command.emplace_back("0");
+  // The call only queues the move. A unit that ended before it would end the processes too.
+  return run(command) && wait_until(kMoveSeconds, [&] {
+           return std::all_of(pids.begin(), pids.end(),
+                              [&](pid_t pid) { return is_in_group_named(pid, name); });
+         });
+}
+
+}  // namespace recover

@@ -10,6 +10,7 @@
 #include <string_view>
 
 #include "agent_files.h"
+#include "common/kept_settings.h"
 #include "log_messages.h"
 #include "log_reader.h"
 #include "log_runs.h"
@@ -110,6 +111,7 @@ class Snapshot {
       if (is_wanted(type)) status_.types.push_back(type_status(type));
     }
     report_unowned();
+    report_lost_settings();
   }
 
   [[nodiscard]] const Status& status() const { return status_; }
@@ -321,6 +323,18 @@ class Snapshot {
                            : "a transfer failed in a run that cannot be told from the log: ") +
                  line.text,
              unknown_type ? "correct the command line of the timer or script" : "");
+    }
+  }
+
+  void report_lost_settings() {
+    const std::string config = facts_.install_dir + agent_files::kConfig;
+    const std::optional<tools::KeptSettings> kept = tools::read_kept_settings();
+    if (!kept) return;
+    for (const tools::LostSetting& setting : tools::lost_settings(*kept, config)) {
+      report("setting-not-carried-over", Severity::kWarning, config,
+             "an update was interrupted, and " + setting.name + " is \"" + setting.found +
+                 "\" instead of \"" + setting.expected + "\"",
+             "correct the setting, or remove /var/lib/norvak-update/kept_settings to accept it");
     }
   }
 

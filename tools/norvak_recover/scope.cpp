@@ -55,6 +55,7 @@ std::vector<pid_t> ancestors_of(pid_t pid) {
 /// Runs a program of PATH without output and waits for it. Errors that it prints remain visible.
 bool run(const std::vector<std::string>& command) {
   std::vector<char*> arguments;
+  arguments.reserve(command.size() + 1);
   for (const std::string& argument : command) {
     arguments.push_back(const_cast<char*>(argument.c_str()));  // posix_spawn changes nothing
   }

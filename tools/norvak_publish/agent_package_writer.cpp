@@ -46,7 +46,7 @@ constexpr char kJournal[] = ".norvak_install";
 constexpr const char* kSuffixes[] = {".norvak-new", ".norvak-old"};
 
 constexpr std::size_t kFields = 5;
-constexpr std::size_t kBlockBytes = 128 * 1024;
+constexpr std::size_t kBlockBytes = std::size_t{128} * 1024;
 constexpr std::time_t kTime = 315532800;  // 1980-01-01: tar warns of times near zero
 constexpr std::uintmax_t kKib = 1024;
 constexpr std::uintmax_t kFileOverheadKib = 8;  // a started block, and the entry in the directory

@@ -35,7 +35,7 @@ const char* arch_of(const ElfFile& elf, const fs::path& path) {
 
 /// The module that the file @a path is called after.
 std::string module_name(const fs::path& path) {
-  const std::string name = path.stem();
+  std::string name = path.stem();
   const bool known = std::find(std::begin(agent_files::kModules), std::end(agent_files::kModules),
                                name) != std::end(agent_files::kModules);
   if (!known || path.extension() != agent_files::kModuleSuffix) {

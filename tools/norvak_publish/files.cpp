@@ -26,7 +26,7 @@ namespace {
 constexpr mode_t kDirectoryMode = 0755;
 constexpr mode_t kFileMode = 0444;
 constexpr mode_t kPermissionBits = 07777;
-constexpr std::size_t kBlockBytes = 128 * 1024;
+constexpr std::size_t kBlockBytes = std::size_t{128} * 1024;
 
 utility::Descriptor create_temporary(const fs::path& path) {
   (void)::unlink(path.c_str());  // what a killed run left

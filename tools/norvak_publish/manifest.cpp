@@ -87,7 +87,9 @@ Manifest read_manifest(const fs::path& path) {
 
 std::string manifest_text(const Manifest& manifest) {
   std::string text;
-  for (const auto& [path, digest] : manifest) text += digest + kSeparator + path + "\n";
+  for (const auto& [path, digest] : manifest) {
+    text.append(digest).append(kSeparator).append(path).append("\n");
+  }
   return text;
 }
 

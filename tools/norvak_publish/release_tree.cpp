@@ -51,19 +51,22 @@ std::vector<std::string> entries(const fs::path& directory) {
 
 fs::path unfinished(const fs::path& manifest) { return manifest.string() + kTemporarySuffix; }
 
+fs::path existing_directory(const fs::path& path) {
+  std::error_code error;
+  fs::path directory = fs::canonical(path, error);
+  if (error || !fs::is_directory(directory)) {
+    throw Failure("not a directory: " + path.string() + " (create it for a new server tree)");
+  }
+  return directory;
+}
+
 void remove_file(const fs::path& path) {
   if (::unlink(path.c_str()) != 0 && errno != ENOENT) fail_with_errno("cannot remove", path);
 }
 
 }  // namespace
 
-ReleaseTree::ReleaseTree(const fs::path& root) {
-  std::error_code error;
-  root_ = fs::canonical(root, error);
-  if (error || !fs::is_directory(root_)) {
-    throw Failure("not a directory: " + root.string() + " (create it for a new server tree)");
-  }
-}
+ReleaseTree::ReleaseTree(const fs::path& root) : root_(existing_directory(root)) {}
 
 ReleaseTree::Kind ReleaseTree::kind() const {
   if (fs::is_symlink(root_ / kCurrent)) return Kind::kReleases;

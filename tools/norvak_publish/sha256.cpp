@@ -13,7 +13,7 @@ namespace publish {
 
 namespace {
 
-constexpr std::size_t kBlockBytes = 128 * 1024;
+constexpr std::size_t kBlockBytes = std::size_t{128} * 1024;
 
 struct DigestCleanup {
   void operator()(EVP_MD_CTX* context) const noexcept { EVP_MD_CTX_free(context); }

@@ -23,10 +23,14 @@ create_agent() {
 
 # The agent's installer marks the distribution family with an empty file; CentOS has no marker.
 mark_distribution() {
+  distribution=centos
   case $(grep -sE '^ID(_LIKE)?=' /etc/os-release) in
-    *ubuntu*) : >"$install/ubuntu" ;;
-    *suse*) : >"$install/suse" ;;
+    *ubuntu*) distribution=ubuntu ;;
+    *suse*) distribution=suse ;;
   esac
+  if [[ $distribution != centos ]]; then
+    : >"$install/$distribution"
+  fi
 }
 
 # $1: file; $2: version; $3: update type

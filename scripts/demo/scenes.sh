@@ -17,6 +17,7 @@ scratch=$2
 updater=$programs/norvak_update
 install=$scratch/norvak_agent
 kernel_folder=  # the server's folder of modules for this host
+distribution=   # the family of this host
 readonly demo programs scratch updater install
 . "$demo/../lib.sh"
 . "$demo/show.sh"
@@ -84,16 +85,16 @@ agent_software_scenes() {
   set_setting update_type 1
   scene 'Manual run' \
     'A manual run ignores update_type and does not compare versions. This package brings its own' \
-    'config.xml, with update_type 0: the updater restores the 1. It does not know the version that it' \
-    'installed and clears that setting; the administrator enters it.'
+    'config.xml, with update_type 0: the updater restores the 1. It records the version that the' \
+    "package's script reports, as packages of norvak_publish do; without a report it would clear" \
+    'the setting.'
   run soft_state 0 1
   expect_status 0
   expect_log '[SOFT] update norvak agent success'
   expect_agent restarted
   expect_setting update_type 1
-  expect_setting version ''
+  expect_setting version norvak3.1.11
   expect_same_file "$install/norvak_agent" "$server_package/norvak_agent"
-  afterwards 'the demo sets version to norvak3.1.11' set_setting version norvak3.1.11
 
   scene 'Automatic run: not allowed' 'On this host update_type is 1: manual updates only.'
   run soft_state 0 0
@@ -118,9 +119,7 @@ kernel_module_scenes() {
   kernel_folder=${requests[0]#GET }
   kernel_folder=${kernel_folder%/norvak_ipfilter/md5}
 
-  for module in "${kernel_modules[@]}"; do
-    publish_module "$module" 'build 2'
-  done
+  publish_modules 'build 2' "${kernel_modules[@]}"
   scene 'The server has new builds of all three modules' \
     'Each download is compared with its published digest before it is installed. The files are' \
     'replaced; loading the new modules is left to the agent.'
@@ -145,11 +144,13 @@ kernel_module_scenes() {
     "[KERNEL] don't need to download tessel_linux" \
     "[KERNEL] don't need to download quorin_linux"
 
-  publish_module tessel_linux 'build 3' "$(md5_text <<<'another file')"
+  publish_modules 'build 3' tessel_linux
+  edit_digest tessel_linux "$(md5_text <<<'another file')"
   rm "$install/tessel_linux.ko"
   scene 'The server publishes a wrong digest' \
-    'tessel_linux.ko is missing on the host, and its download is refused. tessel_linux and' \
-    'quorin_linux only work together, so the updater removes quorin_linux.ko too.'
+    'norvak_publish refuses such a digest: somebody edited the file. tessel_linux.ko is missing on the' \
+    'host, and its download is refused. tessel_linux and quorin_linux only work together, so the' \
+    'updater removes quorin_linux.ko too.'
   run kernel_state 1
   expect_status 255
   expect_log \
@@ -160,8 +161,10 @@ kernel_module_scenes() {
   expect_missing "$install/tessel_linux.ko"
   expect_missing "$install/quorin_linux.ko"
 
-  publish_module tessel_linux 'build 3'
-  scene 'The server is fixed' 'The next run installs both modules again.'
+  publish rollback
+  scene 'The server is fixed' \
+    '"norvak_publish rollback" serves the release before the mistake again. The next run installs' \
+    'both modules.'
   run kernel_state 1
   expect_status 0
   expect_log \
@@ -244,11 +247,11 @@ everything. Some things to try:
 
    cat runlog/update.log; cat config.xml
    norvak_update 1; echo \$?
-   find ../server/published          what the server publishes
+   norvak_publish releases ../server/tree; norvak_publish check ../server/tree
    tail ../server/access.log         what was requested
    ps -ef                            the agent and nginx (if ps is installed)
-   echo norvak3.2.0 >../server/published/norvak/norvak_agent_new_version.txt
-   sed -i '/update_type/s/1/0/' config.xml; norvak_update 0; echo \$?
+   norvak_publish nginx ../server/tree --version 1.24.0 --word-size 64 --identification new \\
+     "\$(command -v nginx)"; norvak_update 2 1.24.0 64-bit; echo \$?
 
 END
   cd "$install"

@@ -1,15 +1,19 @@
 # shellcheck shell=bash
-# The update server: nginx on 127.0.0.1, and the tree that it serves. Sourced by scenes.sh.
+# The update server: nginx on 127.0.0.1, and the tree that it serves, which norvak_publish fills.
+# Sourced by scenes.sh.
 
-server_root=$scratch/server/published
-server_package=$scratch/package  # the unpacked form of the published agent package
+server_tree=$scratch/server/tree
+server_root=$scratch/server/published  # nginx's document root: the link to the current release
+server_package=$scratch/package        # the files of the published agent package
 server_url=
 server_requests=0  # how many lines of its log earlier runs have added
 
 start_server() {
   local port tries pid
-  mkdir -p "$server_root" "$server_package"
-  printf '%s\n' "$scratch" >"$server_root/owner"
+  mkdir -p "$server_tree" "$server_package" "$scratch/server/more" "$scratch/modules"
+  ln -s tree/current "$server_root"
+  printf 'location = /owner { access_log off; return 200 "%s\\n"; }\n' "$scratch" \
+    >"$scratch/server/more/owner.conf"
   for ((tries = 0; tries < 10; ++tries)); do
     port=$((20000 + RANDOM % 12000))  # below the range of outgoing connections
     sed "s/@PORT@/$port/" "$project/tests/system/harness/nginx.conf" >"$scratch/server/nginx.conf"
@@ -58,18 +62,21 @@ forget_requests() {
   server_requests=$(wc -l <"$scratch/server/access.log")
 }
 
+# $1: command of norvak_publish; then its arguments behind the tree
+publish() {
+  "$programs/norvak_publish" "$1" "$server_tree" --quiet "${@:2}"
+}
+
 # $1: version. The package's own config.xml asks for automatic updates.
 publish_agent() {
-  local processor
-  cp "$demo/package/update" "$demo/agent/norvak_agent" "$server_package"
+  local package=$scratch/package.tar
+  cp "$demo/agent/norvak_agent" "$server_package"
   printf '# %s\n' "$1" >>"$server_package/norvak_agent"
   write_config "$server_package/config.xml" '' 0
-  for processor in x64 x86; do
-    mkdir -p "$server_root/norvak/$processor"
-    tar -C "$server_package" -cf "$server_root/norvak/$processor/nvupdate.tar" \
-      update norvak_agent config.xml
-  done
-  printf '%s\n' "$1" >"$server_root/norvak/norvak_agent_new_version.txt"
+  printf 'file\t%s\troot\troot\t%s\n' 755 norvak_agent 644 config.xml >"$scratch/manifest"
+  "$programs/norvak_publish" package "$package" --version "$1" --payload "$server_package" \
+    --manifest "$scratch/manifest" --replace-config
+  publish soft --version "$1" --x64 "$package" --x86 "$package"
 }
 
 # $1: module; needs kernel_folder
@@ -77,27 +84,37 @@ published_module() {
   printf '%s/%s/%s.ko\n' "$server_root$kernel_folder" "$1" "$1"
 }
 
-# $1: module; $2: build; $3: digest to publish, by default the right one
-publish_module() {
-  local file
-  file=$(published_module "$1")
-  mkdir -p "${file%/*}"
-  printf '%s, %s\n' "$1" "$2" >"$file"
-  printf '%s\n' "${3:-$(md5_text <"$file")}" >"${file%/*}/md5"
+# $1: build; then the modules. They hold nothing but the kernel for which they were built.
+publish_modules() {
+  local build=$1 module files=()
+  shift
+  for module in "$@"; do
+    files+=("$scratch/modules/$module.ko")
+    g++ -x c++ -c -o "${files[-1]}" - <<END
+__attribute__((section(".modinfo"), used)) static const char vermagic[] =
+    "vermagic=$(uname -r) SMP mod_unload";
+__attribute__((used)) static const char build[] = "$module, $build";
+END
+  done
+  publish kernel --distribution "$distribution" "${files[@]}"
+}
+
+# What norvak_publish would not do. $1: module; $2: digest
+edit_digest() {
+  local list
+  list=$(published_module "$1")
+  list=${list%/*}/md5
+  chmod u+w "$list"
+  printf '%s\n' "$2" >"$list"
 }
 
 # $1: version
 publish_web_server() {
-  local folder=$server_root/nginx_new/x64/$1
-  mkdir -p "$folder"
-  cp "$(command -v nginx)" "$folder/nginx"
-  printf '%s\n' "$1" >"$folder/md5"
+  publish nginx --version "$1" --word-size 64 --identification "$1" "$(command -v nginx)"
 }
 
 # $1: edition
 publish_rules() {
-  local folder=$server_root/tarn_rule
-  mkdir -p "$folder"
-  printf '<rules edition="%s"/>\n' "$1" >"$folder/norvak_default_rule.xml"
-  md5_text <"$folder/norvak_default_rule.xml" >"$folder/md5"
+  printf '<rules edition="%s"/>\n' "$1" >"$scratch/rules.xml"
+  publish rules "$scratch/rules.xml"
 }

@@ -256,18 +256,18 @@ bool Conditions::check_package_tools() const {
   return usable;
 }
 
-void Conditions::check_target(const char* code, const char* suffix) const {
+void Conditions::check_target(const char* suffix, const char* missing,
+                              const char* not_writable) const {
   const std::string file = below(suffix);
   const std::string directory = file.substr(0, file.rfind('/'));
   const std::string consequence =
       "a run removes or loses the new file and reports success all the same";
   if (!is_directory(directory)) {
-    findings_.error((std::string(code) + "-missing").c_str(), directory,
-                    "the directory does not exist: " + consequence, "create it");
+    findings_.error(missing, directory, "the directory does not exist: " + consequence,
+                    "create it");
     return;
   }
-  (void)check_writable((std::string(code) + "-not-writable").c_str(), directory, Severity::kError,
-                       consequence.c_str());
+  (void)check_writable(not_writable, directory, Severity::kError, consequence.c_str());
 }
 
 void Conditions::check_record() const {

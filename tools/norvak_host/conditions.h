@@ -35,8 +35,9 @@ class Conditions {
   /// What the installation of an agent package needs.
   [[nodiscard]] bool check_package_tools() const;
 
-  /// The directory at @a suffix below the install directory, into which a file is moved.
-  void check_target(const char* code, const char* suffix) const;
+  /// The directory of the file at @a suffix below the install directory, into which a new one is
+  /// moved. The codes are those of the findings.
+  void check_target(const char* suffix, const char* missing, const char* not_writable) const;
 
   /// Whether the kernel version record is where it belongs.
   void check_record() const;

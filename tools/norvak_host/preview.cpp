@@ -260,7 +260,8 @@ class Previewer {
 
   void decide_new_rules(TypePreview& preview, const Part& part, const Reply& list,
                         const std::string& url) {
-    conditions_.check_target("template", agent_files::kInstalledRules);
+    conditions_.check_target(agent_files::kInstalledRules, "template-missing",
+                             "template-not-writable");
     if (!is_digest(part.offered)) {
       findings_.error(
           "digest-unusable", list.url,
@@ -312,7 +313,8 @@ class Previewer {
     if (published_digest::same_nginx_build(installed, reply->path())) {
       set(preview, Outcome::kNothingToDo, "the installed build is the published one");
     } else {
-      conditions_.check_target("nginx-bin", agent_files::kInstalledNginx);
+      conditions_.check_target(agent_files::kInstalledNginx, "nginx-bin-missing",
+                               "nginx-bin-not-writable");
       if (!check_offer(server_paths::nginx_program(directory), "accept")) {
         set(preview, Outcome::kFailed, "the program is not there");
       } else if (!has_space_) {

@@ -32,12 +32,14 @@ class Bench:
     """The measurements. Each adds its rows to the table.
 
     @param updater   the program
+    @param norvak_host  the program beside it that reads the log
     @param subjects  directory of the programs of bench/subjects
     @param scratch   an empty directory, preferably in memory
     """
 
-    def __init__(self, updater, subjects, scratch):
+    def __init__(self, updater, norvak_host, subjects, scratch):
         self._updater = str(updater)
+        self._norvak_host = str(norvak_host)
         self._subjects = subjects
         self._scratch = scratch
         self._scripts = pathlib.Path(__file__).parent
@@ -78,6 +80,7 @@ class Bench:
             "memory": self._memory,
             "concurrent": self._concurrent,
             "config": self._config,
+            "status": self._status,
         }
 
     # Measurements.
@@ -208,6 +211,28 @@ class Bench:
 
     # Shared by the measurements.
 
+    def _status(self):
+        """A log without a run of the web server program, which is searched to the limit."""
+        log = self._host.path / "runlog/update.log"
+        subjects, peaks = {}, {}
+        for size in (_MB, _GB):
+            path = self._scratch / f"log{size}"
+            _write_log(path, size)
+            subjects[size] = Subject([self._norvak_host, "status"],
+                                     lambda path=path: _point(log, path))
+        found = in_turn(50, subjects)
+        for size, subject in subjects.items():
+            subject.prepare()
+            peaks[size] = [_peak_memory_of(self._scratch, subject.command) for _ in range(5)]
+        milliseconds = [[sample.wall * 1000 for sample in found[size]] for size in (_GB, _MB)]
+        self.rows.append(Row("norvak_host status, 1 GB log", "the same with 1 MB", "wall clock",
+                             compare(*milliseconds), unit="ms", target=5.0, is_ratio=False))
+        self.rows.append(Row("norvak_host status, 1 GB log", "16 MB", "peak memory",
+                             compare(peaks[_GB], [16] * 5), unit="MB", target=1.0))
+        log.unlink()
+        for size in subjects:
+            (self._scratch / f"log{size}").unlink()
+
     def _against_script(self, what, update, arguments, rounds, target):
         script = [str(self._scripts / "equivalent_update.sh"), update, *arguments]
         found = in_turn(rounds, {
@@ -252,13 +277,10 @@ class Bench:
             self.rows.append(Row(what, against, names[measure], compare(*numbers), target=target))
 
     def _peak_memory(self):
-        """In MB. A process inherits the peak of its parent, so the parent must be small."""
-        output = self._scratch / "peak"
         self._host.outdate()
-        subprocess.run(["/usr/bin/time", "-f", "%M", "-o", str(output), self._updater, "1"],
-                       check=True)
+        peak = _peak_memory_of(self._scratch, [self._updater, "1"])
         self._host.check("1")
-        return int(output.read_text()) / 1024
+        return peak
 
     def _cpu_of_each(self, hosts, var_logs):
         for host in hosts:
@@ -271,6 +293,34 @@ class Bench:
     @staticmethod
     def _direct_to(host, var_log):
         (var_log / "version_control").write_text(f"{host.path}\n")
+
+
+def _peak_memory_of(scratch, command):
+    """In MB. A process inherits the peak of its parent, so the parent must be small."""
+    output = scratch / "peak"
+    subprocess.run(["/usr/bin/time", "-f", "%M", "-o", str(output), *command], check=True,
+                   stdout=subprocess.DEVNULL)
+    return int(output.read_text()) / 1024
+
+
+def _point(link, target):
+    link.unlink(missing_ok=True)
+    link.symlink_to(target)
+
+
+def _write_log(path, size):
+    """Runs of the types 0 and 1 that had nothing to do or installed modules."""
+    stamp = "[2026-01-31 23:59:59]\t\t"
+    modules = ("norvak_ipfilter", "tessel_linux", "quorin_linux")
+    lines = ["[SOFT] norvak is not need to update, or check new version fail"]
+    lines += [text for name in modules for text in (
+        f"[KERNEL] check download {name} kernel MD5 success",
+        f"[KERNEL] download kernel {name} success")]
+    runs = "".join(f"{stamp}{line}\n" for line in lines) + "\n"
+    block = (runs * (_MB // len(runs) + 1)).encode()
+    with open(path, "wb") as file:
+        while file.tell() < size:
+            file.write(block)
 
 
 def _noise_bytes(size):
@@ -295,6 +345,7 @@ def _large_config(size):
 def main():
     parser = argparse.ArgumentParser(description=__doc__)
     parser.add_argument("--updater", type=pathlib.Path, required=True)
+    parser.add_argument("--norvak-host", type=pathlib.Path, required=True)
     parser.add_argument("--subjects", type=pathlib.Path, required=True)
     parser.add_argument("--page", type=pathlib.Path, help="page that receives the table")
     parser.add_argument("--picture", type=pathlib.Path)
@@ -306,7 +357,7 @@ def main():
     for directory in (str(scratch), "/var/log"):
         subprocess.run(["mount", "-t", "tmpfs", "-o", f"size={_MOST_BYTES}", "tmpfs", directory],
                        check=True)
-    bench = Bench(options.updater, options.subjects, scratch)
+    bench = Bench(options.updater, options.norvak_host, options.subjects, scratch)
     try:
         bench.measure(options.only)
     finally:

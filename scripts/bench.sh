@@ -37,4 +37,5 @@ fi
 heading 'measuring'
 scripts/sandbox.sh /usr/bin/python3 "$project/bench/side_by_side.py" \
   --updater "$project/build/release/norvak_update" \
+  --norvak-host "$project/build/release/norvak_host" \
   --subjects "$project/build/bench/bench" "${options[@]}"

@@ -148,7 +148,6 @@ std::optional<LogLine> recognise(std::string_view text, std::time_t written) {
     int module = -1;
     if (!format.matches(message, module)) continue;
     LogLine line;
-    line.text = text;
     line.clock = clock_of(text);
     line.written = written;
     line.format = format.format();

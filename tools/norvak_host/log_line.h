@@ -12,7 +12,7 @@
 namespace host {
 
 struct LogLine {
-  std::string text;  ///< the whole line
+  std::string text;  ///< the whole line; left empty by recognise()
   /// Its time stamp as seconds since 1970 of a clock that shows the same and is never put forward
   /// or back: for differences. epoch() gives the moment itself.
   std::int64_t clock = 0;

@@ -212,6 +212,8 @@ void RunFinder::add(std::string_view text, std::time_t written) {
     for (RunCollector& collector : collectors_) collector.pass_other(text.empty());
     return;
   }
+  // Most lines belong to runs before the last ones: these are not copied.
+  if (!line->type || !collectors_[index(*line->type)].complete()) line->text = text;
   if (is_transfer(*line)) {
     add_transfer(*line);
     return;
@@ -274,11 +276,6 @@ void RunFinder::add_transfer(const LogLine& line) {
 
 void RunFinder::keep_unowned(const LogLine& line) {
   if (unowned_.size() < kMostUnowned) unowned_.push_back(line);
-}
-
-bool RunFinder::complete() const {
-  return std::all_of(collectors_.begin(), collectors_.end(),
-                     [](const RunCollector& run) { return run.complete(); });
 }
 
 std::vector<LogLine> RunFinder::unowned() const {

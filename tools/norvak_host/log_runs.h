@@ -99,9 +99,6 @@ class RunFinder {
   /// @param written  when the file that holds it was last written
   void add(std::string_view text, std::time_t written);
 
-  /// Whether the last run of every type is known.
-  [[nodiscard]] bool complete() const;
-
   [[nodiscard]] const RunCollector& collector(UpdateType type) const {
     return collectors_[index(type)];
   }

@@ -121,7 +121,7 @@ class Snapshot {
     const std::string path = facts_.install_dir + agent_files::kLog;
     LogReader reader(path, options_.all ? LogReader::kNoLimit : kSearchBytes);
     std::string_view line;
-    while (!finder_.complete() && reader.next(line)) finder_.add(line, reader.written());
+    while (!has_enough() && reader.next(line)) finder_.add(line, reader.written());
     limit_reached_ = reader.limit_reached();
     for (const std::string& file : reader.unreadable()) {
       log_is_readable_ = false;
@@ -134,6 +134,16 @@ class Snapshot {
              "updater's messages are lost",
              "create the directory if it is missing");
     }
+  }
+
+  /// Whether the last run of every type in question is known.
+  [[nodiscard]] bool has_enough() const {
+    return std::all_of(kUpdateTypes.begin(), kUpdateTypes.end(), [this](UpdateType type) {
+      const std::vector<UpdateType>& types = options_.types;
+      const bool asked_for =
+          types.empty() || std::find(types.begin(), types.end(), type) != types.end();
+      return !asked_for || finder_.collector(type).complete();
+    });
   }
 
   /// Whether @a type was asked for, or, where nothing was, the host shows a trace of it.

@@ -206,10 +206,13 @@ INSTANTIATE_TEST_SUITE_P(
         Case{"ClockGoesBack", "S.version -3600 +3610 -3610 S.none |", kSoft, Verdict::kFailed, 2}),
     case_name);
 
-TEST(RunFinder, IsCompleteOnceNoEarlierLineMatters) {
-  EXPECT_TRUE(
-      find("S.none | S.ok | K1.none K2.none K3.none | N.new N.ok | R.verified R.ok |").complete());
-  EXPECT_FALSE(find("S.ok | N.new N.ok | R.verified R.ok |").complete());
+TEST(RunCollector, IsCompleteOnceNoEarlierLineMatters) {
+  for (const UpdateType type : host::kUpdateTypes) {
+    const RunFinder finder =
+        find("S.none | S.ok | K1.none K2.none K3.none | N.new N.ok | R.verified R.ok |");
+    EXPECT_TRUE(finder.collector(type).complete());
+  }
+  EXPECT_FALSE(find("S.ok | N.new N.ok |").collector(kKernel).complete());
   EXPECT_FALSE(find("S.none |").collector(kSoft).complete());
   EXPECT_TRUE(find("N.failed | +61 S.none |").collector(kSoft).complete());
   EXPECT_FALSE(find("N.failed | +59 S.none |").collector(kSoft).complete());

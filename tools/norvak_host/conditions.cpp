@@ -43,8 +43,8 @@ bool is_below(const std::string& path, const std::string& directory) {
 }
 
 std::string shown(std::size_t bytes) {
-  return bytes < 1024 * 1024 ? std::to_string(bytes) + " bytes"
-                             : std::to_string(bytes / 1024 / 1024) + " MiB";
+  constexpr std::size_t kMiB = std::size_t{1} << 20U;
+  return bytes < kMiB ? std::to_string(bytes) + " bytes" : std::to_string(bytes / kMiB) + " MiB";
 }
 
 }  // namespace

@@ -12,6 +12,8 @@ namespace {
 
 constexpr std::string_view kStampShape = "[dddd-dd-dd dd:dd:dd]\t\t";
 constexpr std::int64_t kDaySeconds = 86400;
+constexpr std::int64_t kHourSeconds = 3600;
+constexpr std::int64_t kMinuteSeconds = 60;
 
 constexpr std::array<const char*, 3> kModules = {
     agent_files::kIpfilterModule, agent_files::kTesselModule, agent_files::kQuorinModule};
@@ -135,7 +137,7 @@ std::int64_t clock_of(std::string_view text) {
     return value;
   };
   return days_since_1970(number(1, 4), number(6, 2), number(9, 2)) * kDaySeconds +
-         number(12, 2) * 3600 + number(15, 2) * 60 + number(18, 2);
+         number(12, 2) * kHourSeconds + number(15, 2) * kMinuteSeconds + number(18, 2);
 }
 
 }  // namespace

@@ -3,7 +3,6 @@
 #include <sys/stat.h>
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
 #include <cstring>
 #include <iterator>
@@ -23,7 +22,6 @@ namespace host {
 
 namespace {
 
-using tools::Finding;
 using tools::Severity;
 
 constexpr std::size_t kSearchBytes = std::size_t{4} * 1024 * 1024;
@@ -79,16 +77,15 @@ std::string failure_reason(const LoggedRun& run) {
 }
 
 const char* updated_reason(UpdateType type) {
-  constexpr std::array<const char*, 4> kReasons = {
+  constexpr const char* kReasons[] = {
       "a new agent was installed", "new kernel modules were installed",
       "a new web server program was installed", "new rules were installed"};
   return kReasons[index(type)];
 }
 
 const char* current_reason(UpdateType type) {
-  constexpr std::array<const char*, 4> kReasons = {
-      "the agent is current", "the kernel modules are current", "the web server program is current",
-      "the rules are current"};
+  constexpr const char* kReasons[] = {"the agent is current", "the kernel modules are current",
+                                      "the web server program is current", "the rules are current"};
   return kReasons[index(type)];
 }
 
@@ -365,8 +362,8 @@ class Snapshot {
 }  // namespace
 
 const char* outcome_name(Outcome outcome) {
-  constexpr std::array<const char*, std::size(kOutcomes)> kNames = {
-      "updated", "nothing-to-do", "running", "refused", "failed", "unfinished", "unknown"};
+  constexpr const char* kNames[] = {"updated", "nothing-to-do", "running", "refused",
+                                    "failed",  "unfinished",    "unknown"};
   return kNames[static_cast<std::size_t>(outcome)];
 }
 

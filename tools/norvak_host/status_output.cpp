@@ -41,7 +41,7 @@ Color level_color(Level level) {
 }
 
 const char* level_name(Level level) {
-  constexpr std::array<const char*, 4> kNames = {"OK", "WARNING", "CRITICAL", "UNKNOWN"};
+  constexpr const char* kNames[] = {"OK", "WARNING", "CRITICAL", "UNKNOWN"};
   return kNames[static_cast<std::size_t>(level)];
 }
 

@@ -56,7 +56,7 @@ std::vector<std::string> config_leftovers(const std::string& install_dir) {
     const std::string name(entry->d_name);
     if (name.compare(0, prefix.size(), prefix) == 0 &&
         is_new_version_suffix(name.substr(prefix.size()))) {
-      found.push_back(install_dir + "/" + name);
+      found.push_back(std::string(install_dir).append("/").append(name));
     }
   }
   std::sort(found.begin(), found.end());

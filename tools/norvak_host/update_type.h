@@ -18,7 +18,7 @@ inline constexpr std::array<UpdateType, 4> kUpdateTypes = {UpdateType::kSoft, Up
 
 /// "soft", "kernel", "nginx" or "rules": the word for it on the command line and in all output.
 [[nodiscard]] constexpr const char* type_name(UpdateType type) {
-  constexpr std::array<const char*, 4> kNames = {"soft", "kernel", "nginx", "rules"};
+  constexpr const char* kNames[] = {"soft", "kernel", "nginx", "rules"};
   return kNames[index(type)];
 }
 

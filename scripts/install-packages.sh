@@ -5,7 +5,8 @@
 #
 # A trailing '?' marks a package that only some releases provide.
 # Installing needs root: the script calls sudo, or says what to run. Services of these packages are
-# not started, and nginx is not started at boot either, unless it was installed before.
+# not started, and nginx and prometheus are not started at boot either, unless they were installed
+# before.
 set -euo pipefail
 . "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
 
@@ -61,9 +62,12 @@ install_missing() {
       return 1
     fi
   fi
-  if [[ " $* " == *' nginx '* ]]; then
-    update-rc.d nginx disable  # in systemd as well
-  fi
+  local service
+  for service in nginx prometheus; do
+    if [[ " $* " == *" $service "* ]]; then
+      update-rc.d "$service" disable  # in systemd as well
+    fi
+  done
 }
 
 main() {

@@ -19,7 +19,7 @@ project=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
   fuzz_packages=(clang 'libclang-rt-dev?' libgtest-dev)  # other releases have it in clang
   bench_packages=(libbenchmark-dev nginx curl openssl xmlstarlet tar time python3 python3-matplotlib
     python3-pytest mount util-linux)
-  lint_packages=(clang-format-14 clang-tidy-14 cppcheck shellcheck)
+  lint_packages=(clang-format-14 clang-tidy-14 cppcheck shellcheck prometheus)  # for promtool
 }
 
 oldest_cmake=3.21  # the first that reads the presets

@@ -111,7 +111,7 @@ TEST_F(AgentProcesses, OtherProgramsAreNotTheAgent) {
   const Child updater({program("norvak_update"), "100"}, "/");
   const Child package({program("update_norvak_soft/update"), "100"}, "/");
   const Child reader({"/usr/bin/tail", "-f", script("runlog/update.log")}, dir_.path());
-  const Child command({"/bin/sh", "-c", "sleep 100; : " + script("agent.sh")}, "/");
+  const Child command({"/bin/sh", "-c", dir_ / "missing 2>&-; sleep 100"}, "/");
   const Child startup({"/bin/sh", script("startup.sh")}, "/");
   const Child agent({program("norvak_agent"), "100"}, "/");
   ASSERT_TRUE(comes_to_be(&recover::InstallDirProcesses::agents, agent.pid()));

@@ -25,6 +25,7 @@ namespace utility {
 namespace {
 
 constexpr char kNameLetters[] = "abcdefghijklmnopqrstuvwxyz234567";
+constexpr std::size_t kNameLetterCount = 6;
 constexpr int kNamingAttempts = 100;
 constexpr int kNewFileFlags = O_WRONLY | O_CLOEXEC;
 constexpr mode_t kNewFileMode = 0600;  // until it gets the mode of the old file
@@ -41,7 +42,8 @@ std::string take_free_name(int directory, const std::string& prefix, int& fd) {
   for (int attempt = 0; attempt < kNamingAttempts; ++attempt) {
     std::uint32_t letters = seed + 7777U * static_cast<std::uint32_t>(attempt);
     std::string name = prefix + '.';
-    for (int i = 0; i < 6; ++i, letters /= 32) name += kNameLetters[letters % 32];
+    for (std::size_t i = 0; i < kNameLetterCount; ++i, letters /= 32)
+      name += kNameLetters[letters % 32];
     if (fd < 0) {
       fd = ::openat(directory, name.c_str(), O_CREAT | O_EXCL | kNewFileFlags, kNewFileMode);
       if (fd >= 0) return name;
@@ -141,6 +143,12 @@ bool replace_durably(const std::string& path, const std::string& contents) {
     return ::fsync(directory.get()) == 0;
   }
   return write_in_place(path, contents);
+}
+
+bool is_new_version_name(const std::string& name, const std::string& file) {
+  return name.size() == file.size() + 1 + kNameLetterCount &&
+         name.compare(0, file.size() + 1, file + '.') == 0 &&
+         name.find_first_not_of(kNameLetters, file.size() + 1) == std::string::npos;
 }
 
 }  // namespace utility

@@ -26,4 +26,7 @@ namespace utility {
 ///         directory after the rename, when a power cut can bring back the old contents.
 [[nodiscard]] bool replace_durably(const std::string& path, const std::string& contents);
 
+/// Whether @a name can be that of a new version of @a file which a kill left in the same directory.
+[[nodiscard]] bool is_new_version_name(const std::string& name, const std::string& file);
+
 }  // namespace utility

@@ -443,16 +443,16 @@ def test_leftovers_are_warnings(host, scripted_server):
     host.write("update", b"")
     host.write("update_norvak_soft/new_version", software.VERSION_LINE)
     host.write("update_norvak_kernel/md5", b"")
-    host.write("config.xml.new", b"")
-    host.write("config.xml.Ab3xY9", b"")
-    host.write("config.xml.orig", b"")
+    host.write("config.xml.ab3xy7", b"")
+    for other in ("config.xml.orig", "config.xml.ab3xy", "config.xml.Ab3xy7", "oconfig.xml.ab3xy7"):
+        host.write(other, b"")
     status, document = preview(host)
     assert status == CLEAN
     named = {found["file"][len(host.path):]: found["code"] for found in document["findings"]
              if found["severity"] == "warning"}
     assert named == {"/update": "leftover-marker", "/update_norvak_soft": "leftover-work-dir",
                      "/update_norvak_kernel": "leftover-work-dir",
-                     "/config.xml.new": "leftover-config", "/config.xml.Ab3xY9": "leftover-config"}
+                     "/config.xml.ab3xy7": "leftover-config"}
     assert document["types"][0]["leftovers"] == [f"{host.path}/update_norvak_soft",
                                                  f"{host.path}/update"]
 

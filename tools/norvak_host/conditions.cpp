@@ -108,7 +108,7 @@ void Conditions::check_leftovers(UpdateType type) const {
   if (type != UpdateType::kSoft) return;
   for (const std::string& path : config_leftovers(facts_.install_dir)) {
     findings_.warning("leftover-config", path,
-                      "an interrupted run left a new version of config.xml",
+                      "looks like a new version of config.xml that an interrupted run left",
                       "compare it with config.xml, then remove it while no update runs");
   }
 }

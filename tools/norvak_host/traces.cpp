@@ -3,9 +3,9 @@
 #include <sys/stat.h>
 
 #include <algorithm>
-#include <cctype>
 
 #include "agent_files.h"
+#include "utility/durable_file.h"
 #include "utility/file.h"
 
 namespace host {
@@ -26,15 +26,6 @@ std::vector<const char*> suffixes(UpdateType type) {
   return {agent_files::kRuleWorkDir};
 }
 
-/// The suffix of a new version: that of a name that nobody else took, or the fixed one of older
-/// updaters.
-bool is_new_version_suffix(const std::string& suffix) {
-  constexpr std::size_t kRandomCharacters = 6;
-  return suffix == "new" || (suffix.size() == kRandomCharacters &&
-                             std::all_of(suffix.begin(), suffix.end(),
-                                         [](unsigned char c) { return std::isalnum(c) != 0; }));
-}
-
 }  // namespace
 
 std::vector<std::string> leftovers(const std::string& install_dir, UpdateType type) {
@@ -48,15 +39,13 @@ std::vector<std::string> leftovers(const std::string& install_dir, UpdateType ty
 }
 
 std::vector<std::string> config_leftovers(const std::string& install_dir) {
-  const std::string prefix = std::string(agent_files::kConfig).substr(1) + ".";
+  const std::string config = std::string(agent_files::kConfig).substr(1);
   std::vector<std::string> found;
   const utility::DirPtr directory(::opendir(install_dir.c_str()));
   if (!directory) return found;
   while (const dirent* const entry = ::readdir(directory.get())) {
-    const std::string name(entry->d_name);
-    if (name.compare(0, prefix.size(), prefix) == 0 &&
-        is_new_version_suffix(name.substr(prefix.size()))) {
-      found.push_back(std::string(install_dir).append("/").append(name));
+    if (utility::is_new_version_name(entry->d_name, config)) {
+      found.push_back(std::string(install_dir).append("/").append(entry->d_name));
     }
   }
   std::sort(found.begin(), found.end());

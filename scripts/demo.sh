@@ -22,5 +22,5 @@ scripts/sandbox.sh true
 prepare "${build_packages[@]}" "${demo_packages[@]}"
 heading 'building build/release/norvak_update'
 configure release
-quietly cmake --build --preset release --target norvak_update norvak_publish
+quietly cmake --build --preset release --target norvak_update norvak_host norvak_publish
 exec scripts/sandbox.sh scripts/demo/scenes.sh "$@" "$project/build/release"

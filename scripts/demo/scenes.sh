@@ -224,6 +224,25 @@ rule_scenes() {
   expect_agent untouched
 }
 
+norvak_host_scenes() {
+  heading 'norvak_host: the state of the host'
+
+  publish_rules 'third edition'
+  scene 'What would the updates do?' \
+    'norvak_host preview asks the server as the updater does, and changes nothing.'
+  run_norvak_host preview
+  expect_status 0
+  expect_output 'soft +would refuse ' 'kernel +nothing to do ' 'rules +would install '
+
+  scene 'What became of the last runs?' \
+    'norvak_host status tells "nothing to do" from "failed". It exits with 1, a warning, because the' \
+    'last run of type 0 was refused.'
+  run_norvak_host status
+  expect_status 1
+  expect_output 'soft +refused ' 'kernel +updated ' 'nginx +nothing-to-do ' 'rules +nothing-to-do ' \
+    'agent: running'
+}
+
 conclusion() {
   heading "all $scenes scenes ended as expected"
   printf 'scene  %-33s exit\n' command
@@ -235,6 +254,7 @@ Next steps:
    ./scripts/test.sh          all tests
    README.md                  what to know before you run the updater on a host
    docs/log-messages.md       every log line, its meaning, what to do
+   docs/monitoring.md         norvak_host with Nagios, Prometheus and cron
 END
 }
 
@@ -246,7 +266,7 @@ You are in the sample agent's install directory. Leaving the shell (exit, or Ctr
 everything. Some things to try:
 
    cat runlog/update.log; cat config.xml
-   norvak_update 1; echo \$?
+   norvak_update 1; echo \$?; norvak_host status kernel
    norvak_publish releases ../server/tree; norvak_publish check ../server/tree
    tail ../server/access.log         what was requested
    ps -ef                            the agent and nginx (if ps is installed)
@@ -265,6 +285,7 @@ agent_software_scenes
 kernel_module_scenes
 web_server_scenes
 rule_scenes
+norvak_host_scenes
 conclusion
 if [[ $keep ]]; then
   keep_shell

@@ -61,6 +61,19 @@ run() {
   expect 'files left behind' '' "$(cd "$install" && compgen -G 'update*')"
 }
 
+# Runs norvak_host and shows what it prints.
+# $@: its arguments
+run_norvak_host() {
+  printf 'norvak_host %s\n' "$*" | labelled command
+  status=0
+  "$programs/norvak_host" "$@" >"$scratch/printed" || status=$?
+  printf '\n'
+  sed 's/^\(.\)/   \1/' "$scratch/printed"
+  printf '\n'
+  printf '%s\n' "$status" | labelled exit
+  summary+=("$(printf '%5d  %-33s %4d  %s' "$scenes" "norvak_host $*" "$status" "$title")")
+}
+
 # Shows something that the demo does after a run, in the place of an administrator.
 # $1: the description; then the command
 afterwards() {
@@ -126,6 +139,16 @@ expect_requests() {
 # $@: the texts of the log lines before the empty line that ends a run
 expect_log() {
   expect 'update log' "$(printf '%s\n' "$@" '')" "$(log_texts)"
+}
+
+# $@: extended regular expressions of the beginnings of lines that norvak_host printed
+expect_output() {
+  local line
+  for line in "$@"; do
+    if ! grep -q -E "^$line" "$scratch/printed"; then
+      fail "scene $scenes did not end as expected: no line begins with '$line'"
+    fi
+  done
 }
 
 expect_setting() {

@@ -12,9 +12,9 @@ from .software import NEW_VERSION
 
 SHELLS = {"dash": "/bin/dash", "bash": "/bin/bash", "busybox": "/bin/busybox"}
 
-# The programs that the script calls. Each call is a step.
+# The programs that the script calls one after the other. Each call is a step.
 PROGRAMS = ["chmod", "chown", "cp", "df", "ln", "md5sum", "mkdir", "mv", "rm", "rmdir", "stat",
-            "sync", "tail"]
+            "sync"]
 
 # What does not belong to the package: what the updater and its tests write.
 NOT_OF_THE_PACKAGE = {"config.xml", "runlog", "runlog/update.log", "norvak.pid", "filler",
@@ -118,7 +118,12 @@ class Steps:
 
     @property
     def count(self):
+        """How many calls there were since reset()."""
         return int(self._count.read_text())
+
+    def chosen(self, shell):
+        """Numbers of the steps to try: all with the usual /bin/sh, some with the others."""
+        return range(1, self.count + 1, 1 if "dash" in shell else 4)
 
 
 class Snapshot:

@@ -98,7 +98,7 @@ LineReader::LineReader(const std::string& path, int limit)
 bool LineReader::next(std::string& line) {
   const int limit = static_cast<int>(buffer_.size()) - 1;
   if (!file_ || std::fgets(buffer_.data(), limit, file_.get()) == nullptr) return false;
-  line = buffer_.c_str();
+  line.assign(buffer_, 0, buffer_.find('\0'));
   remove_line_feed(line);
   return true;
 }

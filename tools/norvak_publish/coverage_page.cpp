@@ -30,7 +30,8 @@ h2 { font-size: 1.2rem; margin: 1.5rem 0 0.5rem; }
 a { color: var(--link); }
 :focus-visible { outline: 3px solid var(--link); outline-offset: 2px; }
 nav ul { display: flex; flex-wrap: wrap; gap: 0.25rem 1.5rem; list-style: none; padding: 0; }
-dl { display: flex; flex-wrap: wrap; gap: 0.75rem; margin: 1rem 0; }
+dl { display: grid; grid-template-columns: repeat(auto-fit, minmax(9rem, 1fr)); gap: 0.75rem;
+  margin: 1rem 0; }
 dl div { background: var(--soft); border-radius: 0.5rem; padding: 0.5rem 1rem; }
 dt { font-size: 0.85rem; }
 dd { margin: 0; font-size: 1.4rem; font-weight: 600; font-variant-numeric: tabular-nums; }
@@ -46,7 +47,7 @@ tbody th, .kernels { overflow-wrap: anywhere; }
 .bad { color: var(--bad); font-weight: 600; }
 .kernels ul { list-style: none; margin: 0; padding: 0; }
 .kernels { font-size: 0.9rem; }
-@media (max-width: 45rem) {
+@media screen and (max-width: 45rem) {
   thead { position: absolute; clip-path: inset(50%); width: 1px; height: 1px; overflow: hidden; }
   table, caption, tbody, tr, th, td { display: block; width: 100%; }
   tr { border: 1px solid var(--line); border-radius: 0.5rem; margin: 0 0 0.75rem;
@@ -58,7 +59,8 @@ tbody th, .kernels { overflow-wrap: anywhere; }
 @media print {
   :root { --ink: #000; --paper: #fff; --line: #999; --soft: #eee; --bad: #000; --good: #000;
     --link: #000; }
-  body { max-width: none; padding: 0; font-size: 9pt; }
+  html { font-size: 9pt; }
+  body { max-width: none; padding: 0; }
   nav { display: none; }
   tr { break-inside: avoid; }
 }

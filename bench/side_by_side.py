@@ -12,6 +12,7 @@ import sys
 
 import concurrent_hosts
 import report
+import server_trees
 from measure import Subject, compare, in_turn
 from report import Row
 from update_host import Host, Server
@@ -27,19 +28,23 @@ _UPDATES = [  # type, name in the table, further arguments, target of a tiny run
     ("3", "rules", [], 0.25),
 ]
 
+_ON_ALL_CPUS = ("concurrent", "check")
+
 
 class Bench:
     """The measurements. Each adds its rows to the table.
 
     @param updater   the program
     @param norvak_host  the program beside it that reads the log
+    @param norvak_publish  the program that checks server trees
     @param subjects  directory of the programs of bench/subjects
     @param scratch   an empty directory, preferably in memory
     """
 
-    def __init__(self, updater, norvak_host, subjects, scratch):
+    def __init__(self, updater, norvak_host, norvak_publish, subjects, scratch):
         self._updater = str(updater)
         self._norvak_host = str(norvak_host)
+        self._norvak_publish = str(norvak_publish)
         self._subjects = subjects
         self._scratch = scratch
         self._scripts = pathlib.Path(__file__).parent
@@ -65,7 +70,7 @@ class Bench:
             if wanted and name not in wanted:
                 continue
             print(f"{name} ...", file=sys.stderr, flush=True)
-            os.sched_setaffinity(0, all_cpus if name == "concurrent" else others)
+            os.sched_setaffinity(0, all_cpus if name in _ON_ALL_CPUS else others)
             measurement()
 
     def _measurements(self):
@@ -81,6 +86,9 @@ class Bench:
             "concurrent": self._concurrent,
             "config": self._config,
             "status": self._status,
+            "check": self._check,
+            "checkmemory": self._check_memory,
+            "coverage": self._coverage,
         }
 
     # Measurements.
@@ -209,8 +217,6 @@ class Bench:
         self._add("config.xml of 50 MB: load, set, save", "xmlstarlet edit", found, "ours",
                   "xmlstarlet", wall=0.3, cpu=0.3)
 
-    # Shared by the measurements.
-
     def _status(self):
         """A log without a run of the web server program, which is searched to the limit."""
         log = self._host.path / "runlog/update.log"
@@ -232,6 +238,50 @@ class Bench:
         log.unlink()
         for size in subjects:
             (self._scratch / f"log{size}").unlink()
+
+    def _check(self):
+        tree, names = self._make_tree(), self._scratch / "names"
+        server_trees.make_kernels(tree, 10000, 128 * _KB)
+        server_trees.list_files(tree, names)
+        cpus = len(os.sched_getaffinity(0))
+        found = in_turn(5, {
+            "ours": Subject([self._norvak_publish, "check", str(tree)]),
+            "md5sum": Subject(["xargs", "-0", "-a", str(names), "-P", str(cpus), "-n", "500",
+                               "md5sum"]),
+        })
+        self._add("check of 30,000 modules of 128 KB", "xargs -P md5sum", found, "ours", "md5sum",
+                  wall=1.0)
+        shutil.rmtree(tree)
+
+    def _check_memory(self):
+        peaks = {}
+        for size in (256 * _MB, _KB):
+            tree = self._make_tree()
+            server_trees.make_large(tree, size)
+            command = [self._norvak_publish, "check", str(tree)]
+            peaks[size] = [_peak_memory_of(self._scratch, command) for _ in range(5)]
+            shutil.rmtree(tree)
+        self.rows.append(Row("check of files of 256 MB", "the same with 1 KB", "peak memory",
+                             compare(peaks[256 * _MB], peaks[_KB]), unit="MB", target=1.0,
+                             is_ratio=False))
+
+    def _coverage(self):
+        tree, fleet = self._make_tree(), self._scratch / "fleet"
+        server_trees.make_kernels(tree, 1000, _KB)
+        server_trees.make_fleet(fleet, 100000, 1000)
+        found = in_turn(5, {
+            "ours": Subject([self._norvak_publish, "coverage", str(tree), "--fleet", str(fleet)]),
+            "second": Subject(["sleep", "1"]),
+        })
+        self._add("coverage of 100,000 hosts", "one second", found, "ours", "second", wall=1.0)
+        shutil.rmtree(tree)
+
+    # Shared by the measurements.
+
+    def _make_tree(self):
+        tree = self._scratch / "tree"
+        tree.mkdir(mode=0o755)
+        return tree
 
     def _against_script(self, what, update, arguments, rounds, target):
         script = [str(self._scripts / "equivalent_update.sh"), update, *arguments]
@@ -346,6 +396,7 @@ def main():
     parser = argparse.ArgumentParser(description=__doc__)
     parser.add_argument("--updater", type=pathlib.Path, required=True)
     parser.add_argument("--norvak-host", type=pathlib.Path, required=True)
+    parser.add_argument("--norvak-publish", type=pathlib.Path, required=True)
     parser.add_argument("--subjects", type=pathlib.Path, required=True)
     parser.add_argument("--page", type=pathlib.Path, help="page that receives the table")
     parser.add_argument("--picture", type=pathlib.Path)
@@ -357,7 +408,8 @@ def main():
     for directory in (str(scratch), "/var/log"):
         subprocess.run(["mount", "-t", "tmpfs", "-o", f"size={_MOST_BYTES}", "tmpfs", directory],
                        check=True)
-    bench = Bench(options.updater, options.norvak_host, options.subjects, scratch)
+    bench = Bench(options.updater, options.norvak_host, options.norvak_publish, options.subjects,
+                  scratch)
     try:
         bench.measure(options.only)
     finally:

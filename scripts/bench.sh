@@ -38,4 +38,5 @@ heading 'measuring'
 scripts/sandbox.sh /usr/bin/python3 "$project/bench/side_by_side.py" \
   --updater "$project/build/release/norvak_update" \
   --norvak-host "$project/build/release/norvak_host" \
+  --norvak-publish "$project/build/release/norvak_publish" \
   --subjects "$project/build/bench/bench" "${options[@]}"

@@ -144,7 +144,7 @@ void check_module(const TreeReader& tree, const Kernel& kernel, const std::strin
           published_digest::ModuleState::kCurrent) {
     findings.push_back(explain_digest_list(tree, list, module));
   }
-  if (!tree.exists(directory)) return;
+  if (!has_list && !has_module) return;  // the directory may be missing, too
   for (const std::string& entry : tree.list(directory, findings)) {
     const std::string path = TreeReader::join(directory, entry);
     if (path != list && path != module) TreeReader::add_unrequested(path, findings);

@@ -1,5 +1,5 @@
 // What norvak_host prints about texts from logs, servers and configurations.
-// Input: reason|log line|path|text of a finding|setting
+// Input: log line|path|text of a finding|setting|reason
 #include <algorithm>
 #include <cstddef>
 #include <nlohmann/json.hpp>
@@ -51,11 +51,11 @@ void check_plugin(const host::Status& status) {
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   fuzz::Fields fields(data, size);
-  const std::string reason = fields.next();
   const std::string line = fields.next();
   const std::string path = fields.next();
   const std::string finding = fields.next();
-  const std::string setting = fields.rest();
+  const std::string setting = fields.next();
+  const std::string reason = fields.rest();
 
   host::HostFacts facts;
   facts.install_dir = path;

@@ -1,5 +1,6 @@
 #include "log_line.h"
 
+#include <algorithm>
 #include <array>
 #include <cstring>
 
@@ -17,6 +18,9 @@ constexpr std::int64_t kMinuteSeconds = 60;
 
 constexpr std::array<const char*, 3> kModules = {
     agent_files::kIpfilterModule, agent_files::kTesselModule, agent_files::kQuorinModule};
+
+/// Every message is longer.
+constexpr std::size_t kLeadBytes = 2;
 
 /// A format of the log, cut at what a run fills in.
 class Format {
@@ -36,8 +40,8 @@ class Format {
   /// Whether @a message was written with this format.
   /// @param[out] module  set when it names one
   [[nodiscard]] bool matches(std::string_view message, int& module) const {
-    // The first two characters rule out most formats without a call.
-    if (message[0] != prefix_[0] || message[1] != prefix_[1]) return false;
+    // These characters rule out most formats without a call.
+    if (std::memcmp(message.data(), prefix_.data(), kLeadBytes) != 0) return false;
     if (!has_argument_) return message == prefix_;
     if (message.compare(0, prefix_.size(), prefix_) != 0) return false;
     if (!names_module_) return true;  // a path or an address: anything, and maybe cut
@@ -119,38 +123,43 @@ constexpr std::int64_t days_since_1970(int year, int month, int day) {
 }
 static_assert(days_since_1970(1970, 1, 1) == 0 && days_since_1970(2000, 3, 1) == 11017);
 
-bool has_stamp(std::string_view text) {
-  if (text.size() < kStampShape.size()) return false;
-  for (std::size_t i = 0; i < kStampShape.size(); ++i) {
-    const bool fits =
-        kStampShape[i] == 'd' ? text[i] >= '0' && text[i] <= '9' : text[i] == kStampShape[i];
-    if (!fits) return false;
-  }
-  return true;
-}
+bool is_digit(char c) { return c >= '0' && c <= '9'; }
 
-/// @param text  has a stamp
-std::int64_t clock_of(std::string_view text) {
-  const auto number = [text](std::size_t begin, std::size_t digits) {
-    int value = 0;
-    for (const char c : text.substr(begin, digits)) value = value * 10 + (c - '0');
-    return value;
-  };
-  return days_since_1970(number(1, 4), number(6, 2), number(9, 2)) * kDaySeconds +
-         number(12, 2) * kHourSeconds + number(15, 2) * kMinuteSeconds + number(18, 2);
+bool has_stamp(std::string_view text) {
+  return text.size() >= kStampShape.size() &&
+         std::equal(kStampShape.begin(), kStampShape.end(), text.begin(),
+                    [](char shape, char c) { return shape == 'd' ? is_digit(c) : shape == c; });
 }
 
 }  // namespace
 
+std::optional<UpdateType> tagged_type(std::string_view text) {
+  if (text.size() < kStampShape.size() + kLeadBytes) return std::nullopt;
+  const char* const tag = text.data() + kStampShape.size();
+  if (tag[0] != '[') return std::nullopt;
+  switch (tag[1]) {
+    case 'S':
+      return UpdateType::kSoft;
+    case 'K':
+      return UpdateType::kKernel;
+    case 'N':
+      return UpdateType::kNginx;
+    case 'R':
+      return UpdateType::kRules;
+    default:
+      return std::nullopt;
+  }
+}
+
 std::optional<LogLine> recognise(std::string_view text, std::time_t written) {
   if (!has_stamp(text)) return std::nullopt;
   const std::string_view message = text.substr(kStampShape.size());
-  if (message.size() < 2) return std::nullopt;
+  if (message.size() < kLeadBytes) return std::nullopt;
   for (const Format& format : kFormats) {
     int module = -1;
     if (!format.matches(message, module)) continue;
     LogLine line;
-    line.clock = clock_of(text);
+    line.text = text;
     line.written = written;
     line.format = format.format();
     line.type = format.type();
@@ -160,9 +169,19 @@ std::optional<LogLine> recognise(std::string_view text, std::time_t written) {
   return std::nullopt;
 }
 
+std::int64_t LogLine::clock() const {
+  const auto number = [this](std::size_t begin, std::size_t digits) {
+    int value = 0;
+    for (const char c : text.substr(begin, digits)) value = value * 10 + (c - '0');
+    return value;
+  };
+  return days_since_1970(number(1, 4), number(6, 2), number(9, 2)) * kDaySeconds +
+         number(12, 2) * kHourSeconds + number(15, 2) * kMinuteSeconds + number(18, 2);
+}
+
 std::time_t LogLine::epoch() const {
   // The broken-down time: what gmtime makes of a clock that is never put forward or back.
-  const std::time_t as_utc = static_cast<std::time_t>(clock);
+  const std::time_t as_utc = static_cast<std::time_t>(clock());
   std::tm shown = {};
   (void)::gmtime_r(&as_utc, &shown);
   std::time_t result = -1;

@@ -16,6 +16,9 @@ using namespace log_messages;  // NOLINT(google-build-using-namespace): the voca
 /// apart are of different runs.
 constexpr std::int64_t kMomentSeconds = 60;
 
+/// In place of the format of a line that was not read.
+constexpr char kNoInterest[] = "";
+
 /// More than a run writes, and more than a note needs.
 constexpr std::size_t kMostUnowned = 16;
 
@@ -86,7 +89,7 @@ bool ends_module(const LogLine& line) {
 }
 
 bool within_a_moment(const LogLine& before, const LogLine& after) {
-  return after.clock - before.clock <= kMomentSeconds;
+  return after.clock() - before.clock() <= kMomentSeconds;
 }
 
 /// Lines that end a run of their type, with what they say about it.
@@ -205,7 +208,21 @@ Verdict RunCollector::verdict() const {
 
 RunFinder::RunFinder() : collectors_(kUpdateTypes.begin(), kUpdateTypes.end()) {}
 
+/// Whether the line is of a run before the last one of its type, and no other run waits for what
+/// precedes it. That is most lines of a long log.
+bool RunFinder::is_of_no_interest(std::string_view text) const {
+  const std::optional<UpdateType> type = tagged_type(text);
+  return type && collectors_[index(*type)].complete() &&
+         std::none_of(collectors_.begin(), collectors_.end(), [](const RunCollector& collector) {
+           return collector.found() && !collector.complete();
+         });
+}
+
 void RunFinder::add(std::string_view text, std::time_t written) {
+  if (is_of_no_interest(text)) {
+    next_format_ = kNoInterest;
+    return;
+  }
   std::optional<LogLine> line = recognise(text, written);
   if (!line) {
     next_format_ = nullptr;
@@ -213,7 +230,9 @@ void RunFinder::add(std::string_view text, std::time_t written) {
     return;
   }
   // Most lines belong to runs before the last ones: these are not copied.
-  if (!line->type || !collectors_[index(*line->type)].complete()) line->text = text;
+  if (!line->type || !collectors_[index(*line->type)].complete()) {
+    line->text = kept_.emplace_back(text);
+  }
   if (is_transfer(*line)) {
     add_transfer(*line);
     return;
@@ -232,6 +251,7 @@ void RunFinder::add(std::string_view text, std::time_t written) {
 
 /// It is the run's that needs it, or else the run's whose line follows it.
 void RunFinder::add_transfer(const LogLine& line) {
+  if (next_format_ == kNoInterest) return;  // of an earlier run, too
   using Fit = RunCollector::Fit;
   std::vector<RunCollector*> possible;
   RunCollector* needed = nullptr;

@@ -3,6 +3,8 @@
 
 #include <cstddef>
 #include <ctime>
+#include <deque>
+#include <string>
 #include <string_view>
 #include <vector>
 
@@ -21,7 +23,7 @@ enum class Verdict {
   kUnknown,     ///< lines that the verdict needs are missing, or may be another run's
 };
 
-/// One run's lines, oldest first. Never empty.
+/// One run's lines, oldest first. Never empty. Their texts are borrowed from the RunFinder.
 struct LoggedRun {
   Verdict verdict;
   std::vector<LogLine> lines;
@@ -94,6 +96,11 @@ class RunCollector {
 class RunFinder {
  public:
   RunFinder();
+  RunFinder(RunFinder&&) = default;
+  RunFinder(const RunFinder&) = delete;  // lines refer to texts in here
+  RunFinder& operator=(RunFinder&&) = delete;
+  RunFinder& operator=(const RunFinder&) = delete;
+  ~RunFinder() = default;
 
   /// The line before those that were added, without its line feed.
   /// @param written  when the file that holds it was last written
@@ -108,10 +115,12 @@ class RunFinder {
   [[nodiscard]] std::vector<LogLine> unowned() const;
 
  private:
+  [[nodiscard]] bool is_of_no_interest(std::string_view text) const;
   void add_transfer(const LogLine& line);
   void keep_unowned(const LogLine& line);
 
   std::vector<RunCollector> collectors_;  ///< by type
+  std::deque<std::string> kept_;          ///< texts of the lines that are kept; never moved
   std::vector<LogLine> unowned_;
   std::size_t unowned_in_runs_ = 0;    ///< how many of them are newer than some line of a run
   const char* next_format_ = nullptr;  ///< of the line after this one; null for other lines

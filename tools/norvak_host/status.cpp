@@ -174,7 +174,7 @@ class Snapshot {
     if (run) {
       result.first_line = run->lines.front().epoch();
       result.last_line = run->lines.back().epoch();
-      for (const LogLine& line : run->lines) result.lines.push_back(line.text);
+      for (const LogLine& line : run->lines) result.lines.emplace_back(line.text);
     }
     if (is_running(updaters_, type)) {
       decide(result, Outcome::kRunning, "an updater is at work");
@@ -328,7 +328,7 @@ class Snapshot {
              facts_.install_dir + agent_files::kLog,
              (unknown_type ? "an updater was started with an unknown update type: "
                            : "a transfer failed in a run that cannot be told from the log: ") +
-                 line.text,
+                 std::string(line.text),
              unknown_type ? "correct the command line of the timer or script" : "");
     }
   }

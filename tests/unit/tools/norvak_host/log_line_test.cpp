@@ -119,7 +119,8 @@ TEST(LogLine, ATimeThatNeverOccurredIsWithinAnHourOfTheChange) {
 
 TEST(LogLine, DifferencesOfClocksAreSeconds) {
   const auto clock = [](const char* stamp) {
-    return recognise("[" + std::string(stamp) + "]\t\t[RULES] don't need to update", kNever)->clock;
+    return recognise("[" + std::string(stamp) + "]\t\t[RULES] don't need to update", kNever)
+        ->clock();
   };
   EXPECT_EQ(clock("2024-03-01 00:00:00") - clock("2024-02-28 23:59:59"), 86401);
   EXPECT_EQ(clock("2023-03-01 00:00:00") - clock("2023-02-28 23:59:59"), 1);

@@ -221,7 +221,8 @@ TEST(RunCollector, IsCompleteOnceNoEarlierLineMatters) {
 
 std::vector<std::string> unowned(const std::string& log) {
   std::vector<std::string> texts;
-  for (const host::LogLine& line : find(log).unowned()) texts.push_back(line.text.substr(23));
+  const RunFinder finder = find(log);
+  for (const host::LogLine& line : finder.unowned()) texts.emplace_back(line.text.substr(23));
   return texts;
 }
 
@@ -235,6 +236,9 @@ TEST(RunFinder, LinesWithoutAKnownRunAreKept) {
 TEST(RunFinder, LinesOlderThanTheLastRunsAreOfNoInterest) {
   EXPECT_EQ(unowned("unknown | S.ok |"), std::vector<std::string>{});
   EXPECT_EQ(unowned("T K1.list K1.check | K1.none K2.none K3.none |"), std::vector<std::string>{});
+  EXPECT_EQ(unowned("N.new N.ok | T K1.list K1.check | K1.none K2.none K3.none |"),
+            std::vector<std::string>{});
+  EXPECT_EQ(unowned("N.new N.ok | T +100 S.ok | S.ok |").size(), 0U);
 }
 
 }  // namespace

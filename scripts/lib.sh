@@ -15,6 +15,8 @@ project=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
     util-linux)
   package_test_packages=(debootstrap g++ lintian rpm rpmlint dpkg-dev python3-pytest nginx mount
     util-linux)
+  # Ubuntu has them as snaps only; tests that need a browser are skipped there.
+  browser_packages=('chromium?' 'chromium-driver?' 'python3-selenium?')
   coverage_packages=(gcovr)
   fuzz_packages=(clang 'libclang-rt-dev?' libgtest-dev)  # other releases have it in clang
   bench_packages=(libbenchmark-dev nginx curl openssl xmlstarlet tar time python3 python3-matplotlib

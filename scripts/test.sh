@@ -41,7 +41,7 @@ show_skipped() {
   fi
 }
 
-packages=("${build_packages[@]}" "${test_packages[@]}")
+packages=("${build_packages[@]}" "${test_packages[@]}" "${browser_packages[@]}")
 if [[ " ${presets[*]} " == *\ @(asan|clang)\ * ]]; then
   packages+=("${fuzz_packages[@]}")
 fi

@@ -117,12 +117,14 @@ def test_hosts_request_the_directories_that_are_agreed_on(fleet):
     assert found == {tuple(row[:3]): f"kernels/{row[3]}" for row in rows}
 
 
-def test_hosts_identify_themselves(fleet):
-    """The fleet can be the output of norvak_host identify --json."""
-    host = {"distribution": "centos", "machine": "x86_64", "release": "2.6.32-431.el6.x86_64"}
-    report = fleet.report(f"{json.dumps(host)}\n" * 3)
+def test_hosts_identify_themselves(fleet, host):
+    """The fleet can be the output of norvak_host identify --json, one host a line."""
+    host.write("suse", "")
+    uname = {"NORVAK_TEST_MACHINE": "x86_64", "NORVAK_TEST_RELEASE": "3.0.101-63-xen"}
+    line = host.inspect("identify", "--json", uname=uname).stdout.decode()
+    report = fleet.report(line * 3)
     assert [(row["directory"], row["hosts"]) for row in report["directories"]] == [
-        (f"kernels/{EL6}", 3)]
+        (f"kernels/{SUSE}", 3)]
 
 
 def test_a_fleet_that_is_not_understood_is_refused(fleet):
@@ -146,7 +148,7 @@ def page(fleet):
     publish_most(fleet)
     path = fleet.file.parent / "www/coverage.html"
     path.parent.mkdir()
-    run = fleet.run(FLEET + "suse,x86_64,3.0.101-63-<&\">-xen,1\n", "--html", path)
+    run = fleet.run(FLEET + "suse,x86_64,3.0.101-63-<b>&amp;\"-xen,1\n", "--html", path)
     assert (run.returncode, run.stdout, run.stderr) == (0, "", "")
     return path
 
@@ -230,7 +232,7 @@ def test_the_page_shows_the_matrix(browser):
     assert [row[:5] for row in cells] == [
         [f"kernels/{EL5}", "7", present, absent, present],
         [f"kernels/{SUSE}", "3", absent, absent, absent],
-        ['kernels/suse/x64/3.0.101-63-<&">-XEN', "1", absent, absent, absent],
+        ['kernels/suse/x64/3.0.101-63-<B>&AMP;"-XEN', "1", absent, absent, absent],
         [f"kernels/{EL7}", "95", present, present, present],
         [f"kernels/{EL6}", "20", present, present, present]]
     assert cells[3][5].splitlines() == ["3.10.0-1160.119.1.el7.x86_64 (x86_64): 90",

@@ -91,7 +91,7 @@ FleetKernel parse_json(const std::string& line) {
     return member->get<std::string>();
   };
   if (!host.is_object()) throw BadLine{"this is no JSON object"};
-  return {text("distribution"), text("machine"), text("release"), 1};
+  return {text("family"), text("machine"), text("kernel_release"), 1};
 }
 
 /// What uname() reports has no control characters, and a path made of it leads nowhere else.

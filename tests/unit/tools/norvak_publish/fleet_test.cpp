@@ -45,7 +45,7 @@ TEST(Fleet, IsReadFromCsv) {
 
 TEST(Fleet, IsReadFromTheOutputOfTheHostTool) {
   const std::string host =
-      R"({"machine":"x86_64","distribution":"centos","release":"2.6.32-431.el6.x86_64","more":[1]})";
+      R"({"machine":"x86_64","family":"centos","kernel_release":"2.6.32-431.el6.x86_64","more":[1]})";
   EXPECT_EQ(kernels(host + "\n" + host + "\n"), "centos x86_64 2.6.32-431.el6.x86_64 2\n");
 }
 
@@ -111,10 +111,10 @@ TEST(Fleet, RefusesCountsThatDoNotAddUp) {
 
 TEST(Fleet, RefusesLinesThatAreNoHosts) {
   EXPECT_EQ(failure("{"), "fleet, line 1: this is no JSON object");
-  EXPECT_EQ(failure("{}\n[]\n"), "fleet, line 1: this is no host: it has no \"distribution\"");
-  EXPECT_EQ(failure(R"({"distribution":"centos","machine":7,"release":"a"})"),
+  EXPECT_EQ(failure("{}\n[]\n"), "fleet, line 1: this is no host: it has no \"family\"");
+  EXPECT_EQ(failure(R"({"family":"centos","machine":7,"kernel_release":"a"})"),
             "fleet, line 1: this is no host: it has no \"machine\"");
-  EXPECT_EQ(failure(R"({"distribution":"centos","machine":"x86_64","release":"a"})"
+  EXPECT_EQ(failure(R"({"family":"centos","machine":"x86_64","kernel_release":"a"})"
                     "\n[1]\n"),
             "fleet, line 2: this is no JSON object");
 }

@@ -4,8 +4,6 @@
 
 #include <cstdlib>
 #include <ctime>
-#include <fstream>
-#include <iterator>
 #include <optional>
 #include <regex>
 #include <string>
@@ -25,8 +23,7 @@ constexpr char kStamp[] = "[2026-01-31 23:59:59]\t\t";
 std::optional<LogLine> message(const std::string& text) { return recognise(kStamp + text, kNever); }
 
 TEST(LogLine, EveryMessageOfTheUpdaterIsRecognised) {
-  std::ifstream header(NORVAK_LOG_MESSAGES);
-  const std::string source((std::istreambuf_iterator<char>(header)), {});
+  const std::string source = test_support::read_file(NORVAK_LOG_MESSAGES);
   const std::regex literal("inline constexpr char k\\w+\\[\\] =\\s*\"([^\"]*)\"");
   int count = 0;
   for (std::sregex_iterator found(source.begin(), source.end(), literal), end; found != end;

@@ -25,9 +25,9 @@ AutoReq: no
 
 
 def requirements(root, rpm):
-    """What a package requires, the features of rpm itself apart."""
+    """What a package requires of others, the features of rpm itself apart."""
     lines = root.run("rpm", "--query", "--requires", "--package", rpm).splitlines()
-    return sorted({line for line in lines if not line.startswith("rpmlib(")})
+    return sorted({line for line in lines if not line.startswith(("rpmlib(", "config("))})
 
 
 def provide_requirements(root, rpm):

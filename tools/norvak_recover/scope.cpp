@@ -1,7 +1,6 @@
 #include "scope.h"
 
 #include <fcntl.h>
-#include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -23,6 +22,7 @@ constexpr char kSystemdDir[] = "/run/systemd/system";
 constexpr std::string_view kUnitPrefix = "norvak-update@";
 constexpr int kMaxLineBytes = 8192;
 constexpr int kMoveSeconds = 10;
+constexpr int kCannotRun = 127;  // exit status, as of a shell
 
 /// The control group that systemd has put the process in; empty if the process has ended.
 std::string control_group(pid_t pid) {
@@ -57,17 +57,18 @@ bool run(const std::vector<std::string>& command) {
   std::vector<char*> arguments;
   arguments.reserve(command.size() + 1);
   for (const std::string& argument : command) {
-    arguments.push_back(const_cast<char*>(argument.c_str()));  // posix_spawn changes nothing
+    arguments.push_back(const_cast<char*>(argument.c_str()));  // execvp() changes nothing
   }
   arguments.push_back(nullptr);
-  posix_spawn_file_actions_t actions;
-  if (::posix_spawn_file_actions_init(&actions) != 0) return false;
-  pid_t child = -1;
-  const bool started =
-      ::posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, "/dev/null", O_WRONLY, 0) == 0 &&
-      ::posix_spawnp(&child, arguments[0], &actions, nullptr, arguments.data(), environ) == 0;
-  (void)::posix_spawn_file_actions_destroy(&actions);
-  if (!started) return false;
+  const pid_t child = ::fork();  // posix_spawnp() would need glibc 2.15
+  if (child < 0) return false;
+  if (child == 0) {
+    const int null = ::open("/dev/null", O_WRONLY);
+    if (null >= 0 && ::dup2(null, STDOUT_FILENO) >= 0) {
+      (void)::execvp(arguments[0], arguments.data());
+    }
+    ::_exit(kCannotRun);
+  }
   int status = 0;
   while (::waitpid(child, &status, 0) < 0) {
     if (errno != EINTR) return false;

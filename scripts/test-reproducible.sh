@@ -12,7 +12,7 @@ scratch=$(mktemp -d)
 trap 'rm -rf "$scratch"' EXIT
 copy=$scratch/another/directory
 mkdir -p "$copy"
-git ls-files -z | xargs -0 cp --parents --target-directory="$copy"
+git ls-files -z | xargs -0 cp --no-dereference --parents --target-directory="$copy"
 touch -d 2001-01-01 "$copy"/*
 quietly env TZ=NPT-05:45 bash -c "umask 077; '$copy/scripts/package.sh' $*"
 

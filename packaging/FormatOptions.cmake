@@ -34,13 +34,12 @@ foreach(component IN LISTS components)
   list(APPEND CPACK_INSTALL_CMAKE_PROJECTS ${build_directory} norvak_update ${component} /)
 endforeach()
 
-# The same bytes on any machine at any time, and the same programs as in the .deb: rpmbuild leaves
-# them alone. Links by build id would be of no use, the debug symbols are filed by it anyway.
+# The same bytes on any machine at any time, and the same programs as in the .deb: rpmbuild only gives
+# all files one time. Links by build id would be of no use, the debug symbols are filed by it anyway.
 set(CPACK_RPM_SPEC_MORE_DEFINE "
-%define __os_install_post %{nil}
+%define __os_install_post find %{buildroot} -exec touch --no-dereference --date=@$SOURCE_DATE_EPOCH {} +
 %define _binary_filedigest_algorithm ${file_digests}
 %define _build_id_links none
 %define _buildhost packages.invalid
 %define use_source_date_epoch_as_buildtime 1
-%define clamp_mtime_to_source_date_epoch 1
 %define packager ${CPACK_PACKAGE_CONTACT}")

@@ -121,6 +121,12 @@ run_in_root() {
   mount -t tmpfs tmp "$root/tmp"
   mkdir -p "$root$project"
   mount --bind "$project" "$root$project"
+  # Not chroot: there /proc shows the paths of some processes from outside the root.
+  mkdir "$root/.outside"
+  # shellcheck disable=SC2016  # the inner shells expand these
   env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin HOME=/root LC_ALL=C.UTF-8 \
-    setarch "$personality" chroot "$root" "$@"
+    setarch "$personality" unshare --mount --propagation private /bin/sh -e -c '
+      cd "$0"
+      pivot_root . .outside
+      exec /bin/sh -e -c "umount --lazy /.outside; cd /; exec \"\$@\"" sh "$@"' "$root" "$@"
 }

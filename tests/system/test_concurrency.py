@@ -11,8 +11,8 @@ import pytest
 
 from harness import FAILED, OK, Reply, http_reply, kernel, package, rules, web_server
 from harness.kernel import FIRST, TESSEL, UNAME
-from harness.software import (GET_PACKAGE, GET_VERSION, NOT_NEEDED, PACKAGE_PATH, UPDATED,
-                              VERSION_PATH, settings)
+from harness.software import PACKAGE_PATH_64 as PACKAGE_PATH  # kernel.UNAME names such a machine
+from harness.software import GET_VERSION, NOT_NEEDED, UPDATED, VERSION_PATH, settings
 from harness.transfers import PARTIAL_FILE, transfer_failed
 
 SOFT_ARGUMENTS = ["0", "0"]
@@ -21,7 +21,7 @@ ALL_ARGUMENTS = [SOFT_ARGUMENTS, ["1"], WEB_SERVER_ARGUMENTS, ["3"]]
 
 FIRST_PATHS = [VERSION_PATH, kernel.list_path(FIRST), web_server.LIST_PATH, rules.LIST_PATH]
 
-REQUESTS = [[GET_VERSION, GET_PACKAGE], kernel.get_all(*kernel.MODULES),
+REQUESTS = [[GET_VERSION, f"GET {PACKAGE_PATH}"], kernel.get_all(*kernel.MODULES),
             [web_server.GET_LIST, web_server.GET_PROGRAM], [rules.GET_LIST, rules.GET_RULES]]
 
 OLD_MODULE = b"an older build\n"

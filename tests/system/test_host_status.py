@@ -14,6 +14,7 @@ from harness import (ABORTED, FAILED, Reply, http_reply, kernel, rules, software
 from harness import status as host_status
 from harness.kernel import FIRST, MODULES, QUORIN, TESSEL
 from harness.package import package
+from harness.software import PACKAGE_PATH_64 as PACKAGE_PATH  # kernel.UNAME names such a machine
 from harness.status import CRITICAL, LEVELS, UNKNOWN, WARNING, outcome, read_json, status
 from harness.transfers import transfer_failed
 
@@ -104,26 +105,26 @@ SOFT_PATHS = [
     Path("text as the update type", ["--help"], "nothing-to-do", [SOFT_NOT_NEEDED],
          {**SOFT, "version": software.NEW_VERSION}),
     Path("package breaks off", ["0", "0"], "failed", [PARTIAL, NO_PACKAGE, SOFT_FAILED], SOFT,
-         replies={software.PACKAGE_PATH: BROKEN}),
+         replies={PACKAGE_PATH: BROKEN}),
     Path("manual run without update_host", ["0", "1"], "failed", [NO_PACKAGE, SOFT_FAILED], {}),
     Path("package is a page", ["0", "0"], "failed",
          ["call decompress_package failed", NOT_INSTALLED, SOFT_FAILED], SOFT,
-         replies={software.PACKAGE_PATH: http_reply(PAGE, "404 Not Found")}),
+         replies={PACKAGE_PATH: http_reply(PAGE, "404 Not Found")}),
     Path("no tar", ["0", "0"], "failed",
          ["call decompress_package failed", NOT_INSTALLED, SOFT_FAILED], SOFT,
          files={"tool/tar": None}),
     Path("package without a script", ["0", "0"], "failed",
          ["call exec_script failed", NOT_INSTALLED, SOFT_FAILED], SOFT,
-         replies={software.PACKAGE_PATH: http_reply(package({"readme": "text"}))}),
+         replies={PACKAGE_PATH: http_reply(package({"readme": "text"}))}),
     Path("script fails", ["0", "0"], "failed",
          ["call exec_script failed", NOT_INSTALLED, SOFT_FAILED], SOFT,
-         replies={software.PACKAGE_PATH: http_reply(package({"update": "exit 3\n"}))}),
+         replies={PACKAGE_PATH: http_reply(package({"update": "exit 3\n"}))}),
     Path("config.xml goes during the download", ["0", "0"], "failed", [NOT_INSTALLED, SOFT_FAILED],
          SOFT, prepare=lambda host, server: _config_goes(
-             host, server, software.PACKAGE_PATH, package())),
+             host, server, PACKAGE_PATH, package())),
     Path("script removes config.xml", ["0", "0"], "failed",
          ["[SOFT] call run_update_norvak_agent->update_config failed", SOFT_FAILED], SOFT,
-         prepare=lambda host, server: server.reply(software.PACKAGE_PATH, http_reply(
+         prepare=lambda host, server: server.reply(PACKAGE_PATH, http_reply(
              package({"update": f"#!/bin/sh\nrm {host.path}/config.xml\n"})))),
 ]
 
@@ -212,7 +213,7 @@ PATHS = [pytest.param(name, path, id=f"{name}: {path.name}")
 
 
 def publish_everything(server):
-    software.publish_update(server)
+    software.publish_update(server, path=PACKAGE_PATH)
     kernel.publish_modules(server)
     rules.publish_rules(server)
     web_server.publish_build(server)
@@ -284,7 +285,7 @@ def started_run(host, server, path, stalled_request):
 
 STALLED = [
     pytest.param("soft", path_named("soft", "new version"), software.VERSION_PATH, [], id="version"),
-    pytest.param("soft", path_named("soft", "manual run"), software.PACKAGE_PATH, [], id="package"),
+    pytest.param("soft", path_named("soft", "manual run"), PACKAGE_PATH, [], id="package"),
     pytest.param("kernel", path_named("kernel", "all new"), kernel.list_path(FIRST), [],
                  id="first list"),
     pytest.param("kernel", path_named("kernel", "all new"), kernel.module_path(TESSEL),
@@ -314,7 +315,7 @@ def test_a_run_is_running_until_it_is_killed_and_unfinished_then(
     assert (level, entry.outcome) == (CRITICAL, "unfinished")
     assert entry.texts() == lines
     assert entry.leftovers[0].startswith(f"{host.path}/update_norvak_")
-    assert (f"{host.path}/update" in entry.leftovers) == (request_path == software.PACKAGE_PATH)
+    assert (f"{host.path}/update" in entry.leftovers) == (request_path == PACKAGE_PATH)
 
 
 def test_a_run_on_another_install_directory_is_not_this_hosts(make_host, scripted_server):

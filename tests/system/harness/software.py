@@ -34,9 +34,9 @@ NOT_UNPACKED = [
 ]
 
 
-def publish_update(nginx, version=NEW_VERSION, files=None):
+def publish_update(nginx, version=NEW_VERSION, files=None, path=PACKAGE_PATH):
     """Publishes a version and a package, by default one whose script succeeds."""
-    nginx.publish({VERSION_PATH[1:]: f"{version}\n".encode(), PACKAGE_PATH[1:]: package(files)})
+    nginx.publish({VERSION_PATH[1:]: f"{version}\n".encode(), path[1:]: package(files)})
 
 
 def settings(server_url, update_type="0", version=INSTALLED_VERSION):

@@ -1,9 +1,7 @@
 """Options and fixtures of the tests in booted systems: scripts/test-booted.sh runs them as root."""
 
 import pathlib
-import shutil
 import sys
-import tempfile
 
 import pytest
 
@@ -13,7 +11,7 @@ pytest.register_assert_rewrite("harness", "faults", "machine", "installation")
 
 import installation as agent  # noqa: E402
 import machine as machines  # noqa: E402
-from harness import Nginx, ScriptedServer  # noqa: E402
+from harness import ScriptedServer, running_nginx  # noqa: E402
 
 
 def pytest_addoption(parser):
@@ -29,11 +27,8 @@ def pytest_generate_tests(metafunc):
 
 @pytest.fixture(scope="session")
 def server():
-    prefix = tempfile.mkdtemp(prefix="norvak-nginx-")
-    running = Nginx(prefix)
-    yield running
-    running.close()
-    shutil.rmtree(prefix)
+    with running_nginx() as running:
+        yield running
 
 
 @pytest.fixture

@@ -2,15 +2,13 @@
 
 import os
 import pathlib
-import shutil
-import tempfile
 
 import pytest
 
 pytest.register_assert_rewrite("harness", "faults")
 
 from faults import lab as fault_lab, tables  # noqa: E402
-from harness import Nginx, skips  # noqa: E402
+from harness import running_nginx, skips  # noqa: E402
 
 _PAGE = pathlib.Path(__file__).parents[2] / "docs/reliability.md"
 
@@ -53,12 +51,9 @@ def lab(request):
     if reason:
         pytest.skip(reason)
     fault_lab.adopt_orphans()
-    prefix = tempfile.mkdtemp(prefix="norvak-nginx-")
-    server = Nginx(prefix)
-    yield fault_lab.Lab(request.config.getoption("--updater"), server,
-                        request.config.getoption("--jobs"))
-    server.close()
-    shutil.rmtree(prefix)
+    with running_nginx() as server:
+        yield fault_lab.Lab(request.config.getoption("--updater"), server,
+                            request.config.getoption("--jobs"))
 
 
 @pytest.fixture(scope="session")

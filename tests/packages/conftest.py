@@ -3,7 +3,6 @@ scripts/test-packages.sh."""
 
 import pathlib
 import re
-import shutil
 import subprocess
 import sys
 import tempfile
@@ -15,7 +14,7 @@ sys.path.insert(0, str(PROJECT / "tests/system"))
 pytest.register_assert_rewrite("harness")
 
 from fresh_root import FreshRoot, HostInRoot  # noqa: E402
-from harness import Nginx, ScriptedServer  # noqa: E402
+from harness import ScriptedServer, running_nginx  # noqa: E402
 
 
 def pytest_addoption(parser):
@@ -123,11 +122,8 @@ def make_host(uname_answers):
 @pytest.fixture
 def server():
     """A real nginx that publishes nothing yet."""
-    prefix = tempfile.mkdtemp(prefix="norvak-nginx-")
-    running = Nginx(prefix)
-    yield running
-    running.close()
-    shutil.rmtree(prefix)
+    with running_nginx() as running:
+        yield running
 
 
 @pytest.fixture

@@ -43,6 +43,25 @@ def waits_for_the_lock():
     return False
 
 
+def assert_waits_for_the_lock(root, *removal_command):
+    """Removes the package while a run holds the lock: nothing is removed before it is released."""
+    with open(root.file(LOCK), "w") as lock:
+        fcntl.flock(lock, fcntl.LOCK_EX)
+        removal = subprocess.Popen(root.command(*removal_command), stdin=subprocess.DEVNULL)
+        try:
+            deadline = time.monotonic() + 20
+            while not waits_for_the_lock():
+                assert time.monotonic() < deadline and removal.poll() is None
+                time.sleep(0.02)
+            assert root.file(UPDATER).exists()
+            fcntl.flock(lock, fcntl.LOCK_UN)
+            assert removal.wait(20) == 0
+        finally:
+            removal.kill()
+            removal.wait()
+    assert not root.file(UPDATER).exists()
+
+
 def configuration_files(root):
     text = root.run("dpkg-query", "--show", "--showformat", "${Conffiles}\n", "norvak-update")
     return [line.split()[0] for line in text.splitlines() if line.strip()]
@@ -118,22 +137,7 @@ def test_a_removal_keeps_settings_and_state_and_a_purge_removes_them(name, packa
 def test_a_removal_waits_for_the_lock(packages, make_root):
     root = make_root("debian-12")
     install(root, packages.host_deb())
-    with open(root.file(LOCK), "w") as lock:
-        fcntl.flock(lock, fcntl.LOCK_EX)
-        removal = subprocess.Popen(root.command("dpkg", "--remove", "norvak-update"),
-                                   stdin=subprocess.DEVNULL)
-        try:
-            deadline = time.monotonic() + 20
-            while not waits_for_the_lock():
-                assert time.monotonic() < deadline and removal.poll() is None
-                time.sleep(0.02)
-            assert root.file(UPDATER).exists()
-            fcntl.flock(lock, fcntl.LOCK_UN)
-            assert removal.wait(20) == 0
-        finally:
-            removal.kill()
-            removal.wait()
-    assert not root.file(UPDATER).exists()
+    assert_waits_for_the_lock(root, "dpkg", "--remove", "norvak-update")
 
 
 @pytest.mark.parametrize("name", RELEASES)

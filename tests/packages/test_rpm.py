@@ -1,13 +1,10 @@
 """The .rpm with a database of its own. The system is a Debian with rpm, so that a stub package
 provides what rpm cannot know of it: the interpreter of the scripts, the C library and libcurl."""
 
-import fcntl
-import subprocess
-import time
 
 import pytest
 from harness import updates
-from test_deb import LOCK, STATE, UPDATER, waits_for_the_lock
+from test_deb import STATE, UPDATER, assert_waits_for_the_lock
 from test_updates import assert_updates
 
 _STUB = """\
@@ -99,19 +96,4 @@ def test_a_removal_keeps_the_state(root, packages):
 
 def test_a_removal_waits_for_the_lock(root, packages):
     root.run("rpm", "--install", root.copy_in(packages.host_rpm()))
-    with open(root.file(LOCK), "w") as lock:
-        fcntl.flock(lock, fcntl.LOCK_EX)
-        removal = subprocess.Popen(root.command("rpm", "--erase", "norvak-update"),
-                                   stdin=subprocess.DEVNULL)
-        try:
-            deadline = time.monotonic() + 20
-            while not waits_for_the_lock():
-                assert time.monotonic() < deadline and removal.poll() is None
-                time.sleep(0.02)
-            assert root.file(UPDATER).exists()
-            fcntl.flock(lock, fcntl.LOCK_UN)
-            assert removal.wait(20) == 0
-        finally:
-            removal.kill()
-            removal.wait()
-    assert not root.file(UPDATER).exists()
+    assert_waits_for_the_lock(root, "rpm", "--erase", "norvak-update")

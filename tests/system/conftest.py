@@ -5,14 +5,13 @@ import os
 import pathlib
 import shutil
 import subprocess
-import tempfile
 
 import pytest
 
 pytest.register_assert_rewrite("harness")
 
-from harness import (AgentHost, Nginx, Publisher, ScriptedServer, namespace,  # noqa: E402
-                     published_package, skips)
+from harness import (AgentHost, Publisher, ScriptedServer, namespace,  # noqa: E402
+                     published_package, running_nginx, skips)
 
 
 def pytest_addoption(parser):
@@ -109,11 +108,8 @@ def host(make_host):
 
 @pytest.fixture(scope="session")
 def _nginx():
-    prefix = tempfile.mkdtemp(prefix="norvak-nginx-")
-    server = Nginx(prefix)
-    yield server
-    server.close()
-    shutil.rmtree(prefix)
+    with running_nginx() as server:
+        yield server
 
 
 @pytest.fixture

@@ -11,7 +11,7 @@ import time
 import pytest
 
 import test_host_status as paths
-from harness import kernel, namespace, software
+from harness import kernel, software
 from harness.status import CRITICAL, OK, UNKNOWN, WARNING, read_json
 
 PRINTABLE = re.compile(r"[ -~\n]*")

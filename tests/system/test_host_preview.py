@@ -11,7 +11,7 @@ from typing import Callable, List
 import pytest
 
 import test_host_status as paths
-from harness import (ABORTED, FAILED, KILLED, OK, Reply, Run, http_reply, kernel, namespace, rules,
+from harness import (ABORTED, FAILED, KILLED, OK, Reply, http_reply, kernel, namespace, rules,
                      software, unused_address, web_server)
 from harness.kernel import FIRST, MODULES, QUORIN, TESSEL
 from harness.status import USAGE, outcome, read_json

@@ -5,7 +5,7 @@ import shutil
 
 import pytest
 
-from harness import OK, software
+from harness import OK
 from harness.published_package import (MANIFEST, altered, build, install_old_version, new_tree,
                                        publish, tree)
 from harness.software import INSTALLED_VERSION, NEW_VERSION, UPDATED

@@ -20,7 +20,7 @@ Names, set-up and log lines of one update each: software.py, kernel.py, rules.py
 from .host import (ABORTED, DATA_DIR, FAILED, KILLED, OK, START, TAR, VERSION_FILE, WORK_DIR,
                    AgentHost, Run)
 from .log import log_lines
-from .nginx import Nginx
+from .nginx import Nginx, running_nginx
 from .package import DEFAULT_UPDATE_SCRIPT, config_xml, config_values, package
 from .publisher import Publisher
 from .saves import count_saves
@@ -31,5 +31,5 @@ __all__ = [
     "ABORTED", "DATA_DIR", "DEFAULT_UPDATE_SCRIPT", "FAILED", "KILLED", "OK", "START", "TAR",
     "VERSION_FILE", "WORK_DIR", "AgentHost", "Nginx", "Publisher", "Reply", "Run", "ScriptedServer",
     "Step", "config_values", "config_xml", "count_saves", "http_reply", "log_lines", "package",
-    "unused_address",
+    "running_nginx", "unused_address",
 ]

@@ -1,11 +1,13 @@
 """A real nginx on loopback that publishes files."""
 
+import contextlib
 import http.client
 import os
 import pathlib
 import shutil
 import socket
 import subprocess
+import tempfile
 import time
 
 from . import namespace
@@ -22,6 +24,17 @@ location ~ ^/moved(/.*)$ {{ return 302 {url}$1; }}
 location = /ready {{ access_log off; return 204; }}
 location /flush/ {{ return 204; }}
 """
+
+
+@contextlib.contextmanager
+def running_nginx():
+    """An Nginx in a directory of its own."""
+    with tempfile.TemporaryDirectory(prefix="norvak-nginx-") as prefix:
+        server = Nginx(prefix)
+        try:
+            yield server
+        finally:
+            server.close()
 
 
 class Nginx:

@@ -77,7 +77,10 @@ HttpServer::HttpServer()
     : listener_(listen_on_loopback()),
       stop_(::eventfd(0, EFD_CLOEXEC)),
       port_(port_of(listener_.get())),
-      thread_([this] { serve(); }) {}
+      thread_([this] { serve(); }) {
+  // A thread that is still starting may hold a lock of the allocator, which a fork would copy.
+  is_serving_.get_future().wait();
+}
 
 HttpServer::~HttpServer() {
   const std::uint64_t one = 1;
@@ -115,6 +118,7 @@ bool HttpServer::wait_for_requests(std::size_t count) const {
 }
 
 void HttpServer::serve() {
+  is_serving_.set_value();
   while (wait_for_input(listener_.get(), kForever)) {
     utility::Descriptor connection(::accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC));
     if (connection) serve_connection(std::move(connection));

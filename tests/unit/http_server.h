@@ -3,6 +3,7 @@
 
 #include <condition_variable>
 #include <cstdint>
+#include <future>
 #include <map>
 #include <mutex>
 #include <string>
@@ -78,6 +79,7 @@ class HttpServer {
   std::map<std::string, Reply, std::less<>> replies_;
   std::vector<std::string> requests_;
 
+  std::promise<void> is_serving_;
   std::thread thread_;  // last, because it uses all other members
 };
 

@@ -22,8 +22,8 @@ struct LostSetting {
   std::string found;
 };
 
-/// What is wrong with the settings in config.xml: `update_type` is not the kept one, or `version` is
-/// neither the kept nor the offered one nor newer than that. Empty if all is well or config.xml
+/// What is wrong with the settings in config.xml: `update_type` is not the kept one, or `version`
+/// is neither the kept nor the offered one nor newer than that. Empty if all is well or config.xml
 /// cannot be read.
 [[nodiscard]] std::vector<LostSetting> lost_settings(const KeptSettings& kept,
                                                      const std::string& config_path);

@@ -17,8 +17,8 @@ struct LogLine {
   std::optional<UpdateType> type;  ///< of the run that wrote it; nothing where the text cannot tell
   int module = -1;                 ///< place of the kernel module it names in the updater's order
 
-  /// The time stamp as seconds since 1970 of a clock that shows the same and is never put forward or
-  /// back: for differences.
+  /// The time stamp as seconds since 1970 of a clock that shows the same and is never put forward
+  /// or back: for differences.
   [[nodiscard]] std::int64_t clock() const;
 
   /// The moment in seconds since the epoch. Where the clock showed the time twice because summer
@@ -26,8 +26,8 @@ struct LogLine {
   [[nodiscard]] std::time_t epoch() const;
 };
 
-/// The type whose tag, such as "[SOFT]", follows the place of the time stamp; nothing without a tag.
-/// Much faster than recognise().
+/// The type whose tag, such as "[SOFT]", follows the place of the time stamp; nothing without a
+/// tag. Much faster than recognise().
 [[nodiscard]] std::optional<UpdateType> tagged_type(std::string_view text);
 
 /// @return nothing when the updater does not write such a line

@@ -14,7 +14,8 @@
 
 namespace host {
 
-/// The lines of one file, last line first. A NUL ends a line as well. Holds one block and one line in memory.
+/// The lines of one file, last line first. A NUL ends a line as well. Holds one block and one line
+/// in memory.
 class BackwardFile {
  public:
   /// Lines with more bytes are skipped: the updater writes none.

@@ -32,9 +32,9 @@ struct LoggedRun {
 /// Collects the last run of one type from lines that arrive newest first, and that other runs may
 /// have written lines between.
 ///
-/// The updater writes its lines in few orders. Reading backwards, a line belongs to the run when the
-/// updater can have written it just before the earliest line that is known; any other line of the
-/// same type ends the run.
+/// The updater writes its lines in few orders. Reading backwards, a line belongs to the run when
+/// the updater can have written it just before the earliest line that is known; any other line of
+/// the same type ends the run.
 class RunCollector {
  public:
   explicit RunCollector(UpdateType type) : type_(type) {}

@@ -19,7 +19,8 @@ struct Reply {
   bool too_large = false;  ///< the body is longer than the limit
   utility::FilePtr body;   ///< unnamed temporary file; null without a byte, like the updater's
 
-  /// Under this path the body can be opened; an empty body leaves no file, so the path leads nowhere.
+  /// Under this path the body can be opened; an empty body leaves no file, so the path leads
+  /// nowhere.
   [[nodiscard]] std::string path() const;
 };
 

@@ -18,8 +18,8 @@ struct RunningUpdater {
   bool certain;  ///< it works on this install directory; false: that cannot be read
 };
 
-/// The live updaters: processes whose executable is `norvak_update` and that see, in their own mount
-/// namespace, the same install directory as this process.
+/// The live updaters: processes whose executable is `norvak_update` and that see, in their own
+/// mount namespace, the same install directory as this process.
 [[nodiscard]] std::vector<RunningUpdater> find_updaters(const std::string& install_dir);
 
 /// Whether one of @a updaters certainly works on this install directory and has the type @a type.
@@ -34,8 +34,8 @@ struct RunningUpdater {
 
 enum class AgentState { kRunning, kDown, kUnknown };
 
-/// Whether the agent's pid file names a live process. kUnknown: the file cannot be read without more
-/// rights.
+/// Whether the agent's pid file names a live process. kUnknown: the file cannot be read without
+/// more rights.
 [[nodiscard]] AgentState agent_state(const std::string& install_dir);
 
 }  // namespace host

@@ -372,7 +372,8 @@ Status read_status(const HostFacts& facts, const StatusOptions& options) {
   const bool unfinished =
       std::any_of(status.types.begin(), status.types.end(),
                   [](const TypeStatus& type) { return type.outcome == Outcome::kUnfinished; });
-  // A run that ended after the log and before the processes were read looks like an interrupted one.
+  // A run that ended after the log and before the processes were read looks like an interrupted
+  // one.
   return unfinished ? Snapshot(facts, options).status() : status;
 }
 

@@ -11,8 +11,8 @@ struct AgentPackage {
   /// Why the file cannot be unpacked; empty if it can. The other members then tell of what was read
   /// before.
   std::string damage;
-  /// The mark that ends a tar archive is there. tar does not miss it: a package that was cut between
-  /// two members unpacks without an error.
+  /// The mark that ends a tar archive is there. tar does not miss it: a package that was cut
+  /// between two members unpacks without an error.
   bool has_end = false;
   /// A regular file "update" at the top level.
   bool has_script = false;
@@ -32,8 +32,9 @@ struct AgentPackage {
   std::vector<Config> configs;
 };
 
-/// Reads the tar archive @a path to its end, in blocks: memory does not grow with its size. Archives
-/// that are compressed count as damaged, because unpacking them needs more than tar on the host.
+/// Reads the tar archive @a path to its end, in blocks: memory does not grow with its size.
+/// Archives that are compressed count as damaged, because unpacking them needs more than tar on the
+/// host.
 [[nodiscard]] AgentPackage read_agent_package(const std::string& path);
 
 }  // namespace publish

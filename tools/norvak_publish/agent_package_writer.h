@@ -30,8 +30,8 @@ struct PackageContents {
   bool replace_config = false;  ///< allow config.xml, which holds the hosts' server addresses
 };
 
-/// Compares the entries with the payload: each has to be there with its type, and with the directory
-/// above it as an entry, and everything in the payload has to be an entry.
+/// Compares the entries with the payload: each has to be there with its type, and with the
+/// directory above it as an entry, and everything in the payload has to be an entry.
 /// @return what is wrong, one sentence each
 [[nodiscard]] std::vector<std::string> check_contents(const PackageContents& contents);
 

@@ -50,8 +50,8 @@ bool parse_distribution(const std::string& name, Distribution& distribution) {
   return false;
 }
 
-/// Whether some host can request the kernel version @a version: one of the releases that are made of
-/// it, with the flavour or without, has this version and this flavour.
+/// Whether some host can request the kernel version @a version: one of the releases that are made
+/// of it, with the flavour or without, has this version and this flavour.
 bool is_requested_version(const Distribution& distribution, const std::string& version) {
   const auto leads_here = [&](const std::string& release) {
     const host_identity::KernelInfo info = describe(distribution.os_code, release);

@@ -21,8 +21,8 @@ void make_directory(const std::filesystem::path& path);
 /// make_directory for @a path and for what is missing above it.
 void make_directories(const std::filesystem::path& path);
 
-/// A new file that gets its name only when it is complete and on disk; until then it has a temporary
-/// one, under which it vanishes if that does not happen.
+/// A new file that gets its name only when it is complete and on disk; until then it has a
+/// temporary one, under which it vanishes if that does not happen.
 class NewFile {
  public:
   /// @throws Failure  the file cannot be created

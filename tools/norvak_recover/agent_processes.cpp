@@ -100,7 +100,8 @@ bool is_below(std::string_view path, std::string_view directory) {
          path[directory.size()] == '/';
 }
 
-/// The install directory under its two names: as version_control has it, and as the kernel names it.
+/// The install directory under its two names: as version_control has it, and as the kernel names
+/// it.
 class InstallDir {
  public:
   explicit InstallDir(const std::string& path) : given_(normalized(path)), real_(given_) {

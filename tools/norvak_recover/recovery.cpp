@@ -167,8 +167,8 @@ void restore_nginx(const RunRecord& record, const std::string& install_dir) {
   }
 }
 
-/// After a power cut the program can be incomplete while the line that identifies it is not. Without
-/// that line the next run installs the program again.
+/// After a power cut the program can be incomplete while the line that identifies it is not.
+/// Without that line the next run installs the program again.
 void forget_nginx(const std::string& install_dir) {
   const std::string path = install_dir + agent_files::kInstalledNginxMd5;
   if (::unlink(path.c_str()) == 0) {

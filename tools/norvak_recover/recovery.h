@@ -25,8 +25,9 @@ enum class Result {
 
 /// Completes a run that came to its end, and removes its record once everything is on disk.
 ///
-/// Type 0: moves the agent that was started into a scope of its own. Type 2: restores the permission
-/// bits of the web server program. Type 3: waits up to 30 seconds for the agent to return.
+/// Type 0: moves the agent that was started into a scope of its own. Type 2: restores the
+/// permission bits of the web server program. Type 3: waits up to 30 seconds for the agent to
+/// return.
 /// @return kRecoveryNeeded if the agent ran before and does not run now: the record remains
 [[nodiscard]] Result end_run(host::UpdateType type);
 

@@ -31,8 +31,8 @@ struct RunRecord {
 /// The run has ended, or its effects have been repaired.
 void remove_run_record();
 
-/// When this host was booted, in seconds since the epoch; moves when the clock is set. 0 if it cannot
-/// be read.
+/// When this host was booted, in seconds since the epoch; moves when the clock is set. 0 if it
+/// cannot be read.
 [[nodiscard]] std::time_t boot_time();
 
 /// Whether the host has been booted since @a record was written. True as well if the clock was set

@@ -27,7 +27,9 @@ class Publisher:
         return self.run_plain(command, self.tree, *arguments, through=through, **options)
 
     def run_plain(self, *arguments, through=(), **options):
-        """Runs norvak_publish with exactly these arguments, behind the command @a through."""
+        """Runs norvak_publish with exactly these arguments, by the command @a through."""
+        if through:  # a tracer, under which LeakSanitizer does not work
+            options.setdefault("env", {**os.environ, "ASAN_OPTIONS": "detect_leaks=0"})
         return subprocess.run(
             [*through, self.program, *map(str, arguments)], stdin=subprocess.DEVNULL,
             capture_output=True, text=True, check=False, timeout=_RUN_SECONDS, **options)

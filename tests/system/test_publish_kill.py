@@ -77,8 +77,9 @@ def count_calls(publisher, strace, command, trace):
     result = publisher.run(*command, through=strace(f"trace={','.join(CALLS)}", trace))
     assert result.returncode == 0, result
     lines = [line.split(maxsplit=1) for line in trace.read_text().splitlines()]
-    return collections.Counter(
-        re.match(r"\w+", call).group() for thread, call in lines if thread == lines[0][0])
+    # Lines that do not begin with a name are about signals or the end of an interrupted call.
+    names = (re.match(r"\w+", call) for thread, call in lines if thread == lines[0][0])
+    return collections.Counter(name.group() for name in names if name)
 
 
 @pytest.mark.parametrize("prepare", COMMANDS, ids=lambda prepare: prepare.__name__)

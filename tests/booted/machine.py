@@ -11,6 +11,9 @@ import time
 ROOTS = pathlib.Path(os.environ.get("NORVAK_ROOTS", "/var/cache/norvak-update/roots"))
 _BOOT_SECONDS = 90
 _COMMAND_SECONDS = 120
+# Where systemd keeps its control groups: version 2, the hybrid layout, version 1.
+_HIERARCHIES = [pathlib.Path(path) for path in (
+    "/sys/fs/cgroup", "/sys/fs/cgroup/unified", "/sys/fs/cgroup/systemd")]
 _ENVIRONMENT = {"PATH": "/usr/sbin:/usr/bin:/sbin:/bin", "HOME": "/root", "LC_ALL": "C.UTF-8"}
 
 # Nothing that is tested here needs them, and each of them slows down the boot.
@@ -49,6 +52,7 @@ class Machine:
         subprocess.run(["mount", "-t", "overlay", "root", "-o", options, self.path], check=True)
         self._container = None
         self._leader = None
+        self._groups = []
         self._install(tree)
 
     def file(self, path):
@@ -67,7 +71,7 @@ class Machine:
         name = "norvak" + self._scratch.name.rsplit("-", 1)[1].replace("_", "")
         self._output = open(self._scratch / "console", "wb")
         self._container = subprocess.Popen(
-            ["systemd-nspawn", "-q", "-D", str(self.path), "-M", name, "--register=no",
+            [*self._in_control_groups(), "systemd-nspawn", "-q", "-D", str(self.path), "-M", name, "--register=no",
              "--keep-unit", "--boot", "--console=pipe", "--resolv-conf=off", "--timezone=off"],
             stdin=subprocess.DEVNULL, stdout=self._output, stderr=self._output,
             env={**os.environ, "SYSTEMD_NSPAWN_LOCK": "0"}, start_new_session=True)
@@ -75,6 +79,25 @@ class Machine:
         while not self._is_up():
             assert self._container.poll() is None and time.monotonic() < deadline, self.console()
             time.sleep(0.05)
+
+    def _in_control_groups(self):
+        """A command that runs another in control groups of its own. In shared ones, two systems
+        remove those of each other's units."""
+        self._groups = [path / self._scratch.name for path in _HIERARCHIES
+                        if (path / "cgroup.procs").exists()]
+        for group in self._groups:
+            group.mkdir(exist_ok=True)
+        joins = "".join(f"echo $$ >{shlex.quote(str(group / 'cgroup.procs'))} && "
+                        for group in self._groups)
+        return ["sh", "-c", f'{joins}exec "$@"', "sh"]
+
+    def _remove_control_groups(self):
+        for group in self._groups:
+            for directory, _, _ in os.walk(group, topdown=False):
+                try:
+                    os.rmdir(directory)
+                except OSError:
+                    pass  # a process is still ending; an empty group harms nobody
 
     def console(self):
         return (self._scratch / "console").read_text(errors="replace")
@@ -90,6 +113,7 @@ class Machine:
     def close(self):
         if self._container:
             self.stop_suddenly()
+        self._remove_control_groups()
         subprocess.run(["umount", "--recursive", "--lazy", self._scratch], check=True)
         self._scratch.rmdir()
 

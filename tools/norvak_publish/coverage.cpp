@@ -1,7 +1,6 @@
 #include "coverage.h"
 
 #include <algorithm>
-#include <functional>
 #include <tuple>
 #include <unordered_map>
 #include <utility>
@@ -31,8 +30,8 @@ void look_up(const std::string& root, KernelCoverage& coverage) {
 }
 
 bool is_worse(const KernelCoverage& a, const KernelCoverage& b) {
-  return std::make_tuple(a.is_complete(), ~a.hosts, std::cref(a.directory)) <
-         std::make_tuple(b.is_complete(), ~b.hosts, std::cref(b.directory));
+  if (a.is_complete() != b.is_complete()) return b.is_complete();
+  return std::tie(b.hosts, a.directory) < std::tie(a.hosts, b.directory);
 }
 
 bool has_more_hosts(const FleetKernel& a, const FleetKernel& b) {

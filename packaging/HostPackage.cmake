@@ -32,7 +32,7 @@ endforeach()
 # The runner and what else the units and cron jobs call.
 file(GLOB scripts CONFIGURE_DEPENDS libexec/*)
 install(PROGRAMS ${scripts} DESTINATION lib/norvak-update COMPONENT ${package})
-file(GLOB data CONFIGURE_DEPENDS logrotate/* ${PROJECT_SOURCE_DIR}/deploy/prometheus/*.rules.yml)
+file(GLOB data CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/deploy/prometheus/*.rules.yml)
 install(FILES ${data} DESTINATION share/norvak-update COMPONENT ${package})
 install(DIRECTORY DESTINATION /var/lib/norvak-update COMPONENT ${package})  # state, lock
 

@@ -30,7 +30,7 @@ build() {
   options=(-DCMAKE_BUILD_TYPE=Release -DCMAKE_CXX_FLAGS_RELEASE="$flags"
     -DCMAKE_INSTALL_PREFIX=/usr -DBUILD_TESTING=OFF -DNORVAK_STATIC_RUNTIME=ON)
   if [[ $package == publish ]]; then
-    options+=(-DNORVAK_HOST=OFF)
+    options+=(-DNORVAK_HOST=OFF -DNORVAK_PUBLISH_PACKAGE=ON)
   else
     options+=(-DNORVAK_PORTABLE=ON -DNORVAK_PUBLISH=OFF)
   fi
@@ -77,6 +77,7 @@ mkdir -p "$output"
 for package in "${packages[@]}"; do
   make_build_root "$package"
   heading "package $package"
-  quietly unshare --mount --propagation private -- "$0" --output "$output" --version "$version" --enter "$package"
+  quietly unshare --mount --propagation private -- \
+    "$0" --output "$output" --version "$version" --enter "$package"
 done
 ls -l "$output"

@@ -14,7 +14,7 @@ elseif(NORVAK_PACKAGE STREQUAL debug)
   set(components debug)
   set(CPACK_STRIP_FILES OFF)
   set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "Debug symbols of ${CPACK_PACKAGE_NAME}")
-  set(CPACK_PACKAGE_DESCRIPTION "Debuggers find these files by themselves.")
+  set(CPACK_PACKAGE_DESCRIPTION "Debuggers find these files without configuration.")
   set(CPACK_DEBIAN_PACKAGE_NAME ${CPACK_PACKAGE_NAME}-dbgsym)
   set(CPACK_DEBIAN_PACKAGE_SECTION debug)
   set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS OFF)
@@ -34,8 +34,9 @@ foreach(component IN LISTS components)
   list(APPEND CPACK_INSTALL_CMAKE_PROJECTS ${build_directory} norvak_update ${component} /)
 endforeach()
 
-# The same bytes on any machine at any time, and the same programs as in the .deb: rpmbuild only gives
-# all files one time. Links by build id would be of no use, the debug symbols are filed by it anyway.
+# The same bytes on any machine at any time, and the same programs as in the .deb: all that rpmbuild
+# does to the files is to set their times. Links by build id are not needed: the debug symbols are
+# stored under it.
 set(CPACK_RPM_SPEC_MORE_DEFINE "
 %define __os_install_post find %{buildroot} -exec touch --no-dereference --date=@$SOURCE_DATE_EPOCH {} +
 %define _binary_filedigest_algorithm ${file_digests}

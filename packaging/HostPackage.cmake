@@ -1,4 +1,4 @@
-# The package norvak-update, for hosts: .deb and .rpm of one content.
+# The package norvak-update, for hosts: a .deb and an .rpm with the same contents.
 set(package norvak-update)
 set(programs norvak_update)
 set(linked_in libc6-dev libgcc-10-dev libstdc++-10-dev libpugixml-dev)
@@ -12,8 +12,8 @@ endif()
 include(Package.cmake)
 norvak_install_notices(${linked_in})
 
-# In an rpm, CPack takes each file with an absolute destination for a configuration file; the other
-# destinations are relative to /usr.
+# CPack treats each file with an absolute destination as a configuration file of the rpm, so the
+# other destinations are relative to /usr.
 
 # Configuration files, which upgrades and removals leave as the administrator has them.
 set(configuration_files)

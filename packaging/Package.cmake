@@ -1,5 +1,5 @@
 # What both packages have in common. Expects `package`, the package's name, and `programs`, the
-# targets that it holds.
+# targets that it contains.
 set(CPACK_PACKAGE_NAME ${package})
 set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
 set(CPACK_PACKAGE_CONTACT "The norvak_update developers <norvak-update@packages.invalid>")
@@ -11,7 +11,7 @@ set(CPACK_STRIP_FILES ON)
 # Read by cpack for each package format.
 set(CPACK_PROJECT_CONFIG_FILE ${CMAKE_CURRENT_SOURCE_DIR}/FormatOptions.cmake)
 
-# The forms that the oldest package managers read.
+# Formats that the oldest package managers can read.
 set(CPACK_DEBIAN_COMPRESSION_TYPE gzip)
 set(CPACK_DEBIAN_ARCHIVE_TYPE gnutar)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)

@@ -3,10 +3,10 @@
 #
 # Usage: demo.sh [--keep]
 #
-# Installs the packages it needs, builds the updater and plays the scenes of scripts/demo/scenes.sh in
-# a sandbox: the machine's install directory, logs, processes and nginx are not touched. With --keep
-# it ends in a shell in the sandbox, to look around; leaving the shell removes everything. The exit
-# status is 0 if all scenes ended as expected.
+# Installs the packages it needs, builds the updater and plays the scenes of scripts/demo/scenes.sh
+# in a sandbox: the machine's install directory, logs, processes and nginx are not touched. With
+# --keep it ends in a shell in the sandbox, to look around; leaving the shell removes everything.
+# The exit status is 0 if all scenes ended as expected.
 set -euo pipefail
 . "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
 cd "$project"

@@ -4,9 +4,9 @@
 # Usage: fetch-kernel-modules.sh
 #
 # Takes the oldest and the newest kernel that Debian offers for amd64 and for i386, and leaves three
-# modules of each below ~/.cache/norvak-tests/kernel-modules/RELEASE (XDG_CACHE_HOME counts). Nothing
-# is installed. A complete cache is left alone; remove the directory to fetch again. The exit status
-# is 77 on other systems than Debian.
+# modules of each below ~/.cache/norvak-tests/kernel-modules/RELEASE (XDG_CACHE_HOME counts).
+# Nothing is installed. A complete cache is left alone; remove the directory to fetch again. The
+# exit status is 77 on systems other than Debian.
 set -euo pipefail
 . "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
 
@@ -24,8 +24,8 @@ fi
 scratch=$(mktemp -d)
 trap 'rm -rf "$scratch"' EXIT
 
-# $1: architecture, then a command of apt. Its package lists are apart from those of the machine, so
-# that a foreign architecture needs no set-up and no rights.
+# $1: architecture; then a command of apt. apt works on package lists of its own, so a foreign
+# architecture needs neither configuration nor root.
 apt() {
   local architecture=$1 command=$2 state=$scratch/$1
   shift 2

@@ -4,9 +4,9 @@
 # Usage: fuzz.sh TARGET SECONDS
 #
 # Installs the packages it needs and builds the preset asan. Leaves in build/fuzz the inputs that
-# reached new code (inputs/TARGET, from which the next run continues), the input that broke the target
-# (findings/TARGET) and the log of the run (fuzz-TARGET.log). The exit status is 0 if nothing was
-# found.
+# reached new code (inputs/TARGET, from which the next run continues), the input that broke the
+# target (findings/TARGET) and the log of the run (fuzz-TARGET.log). The exit status is 0 if nothing
+# was found.
 set -euo pipefail
 . "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
 cd "$project"

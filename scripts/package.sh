@@ -3,10 +3,11 @@
 #
 # Usage: package.sh [--output DIRECTORY] [--version VERSION] [PACKAGE...]
 #
-# PACKAGE is amd64, i386 (norvak-update, as .deb and .rpm) or publish; by default all. They go to
-# build/packages, or to DIRECTORY below the project. --version replaces the version of the sources.
-# The time in the packages is that of the last commit, or SOURCE_DATE_EPOCH: the same sources make the
-# same packages, byte for byte. The exit status is 77 where roots (roots.sh) are not possible.
+# PACKAGE is amd64 or i386 (norvak-update, as .deb and .rpm) or publish; the default is all. The
+# packages go to build/packages, or to DIRECTORY, a path relative to the project. --version replaces
+# the version of the sources. The time in the packages is that of the last commit, or
+# SOURCE_DATE_EPOCH: the same sources make the same packages, byte for byte. The exit status is 77
+# where roots (roots.sh) are not possible.
 set -euo pipefail
 . "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
 . "$project/scripts/roots.sh"
@@ -25,7 +26,7 @@ build() {
   if [[ -n $version ]]; then
     version_option=(-R "$version")
   fi
-  # The names of these directories are not to be seen in the debug symbols.
+  # The debug symbols must not contain the names of these directories.
   local flags="-O2 -g -DNDEBUG -ffile-prefix-map=$project=. -ffile-prefix-map=$build=build"
   options=(-DCMAKE_BUILD_TYPE=Release -DCMAKE_CXX_FLAGS_RELEASE="$flags"
     -DCMAKE_INSTALL_PREFIX=/usr -DBUILD_TESTING=OFF -DNORVAK_STATIC_RUNTIME=ON)

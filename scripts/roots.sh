@@ -1,8 +1,9 @@
 # shellcheck shell=bash disable=SC2154  # lib.sh sets project and the lists of packages
-# Debian systems of another release or architecture, each in a folder, a "root"; sourced after lib.sh.
+# Debian systems of other releases and architectures, each in a folder, called a root. Sourced after
+# lib.sh.
 #
-# A root is made once with debootstrap and kept: its packages cannot interfere with the machine's own,
-# and it is as bare as a fresh machine. Removing the folder removes all of it.
+# A root is made once with debootstrap and kept: its packages cannot interfere with the machine's
+# own, and it is as bare as a fresh machine. Removing the folder removes all of it.
 
 roots=${NORVAK_ROOTS:-/var/cache/norvak-update/roots}
 
@@ -52,7 +53,7 @@ make_root() {
     fi
     heading "Debian root ${root##*/}: $suite, $architecture"
     rm -rf "$root"
-    # A power cut may cost the folder, but nothing else: nothing has to reach the disk at once.
+    # dpkg need not flush: a power cut can only damage this folder, which can be made again.
     mkdir -p "$root/etc/dpkg/dpkg.cfg.d"
     echo force-unsafe-io >"$root/etc/dpkg/dpkg.cfg.d/unsafe-io"
     quietly debootstrap --arch="$architecture" --variant=minbase \
@@ -84,8 +85,8 @@ make_booted_roots() {
   make_root booted-13 trixie amd64 "${packages[@]}" libcurl4t64
 }
 
-# Makes the root build-KIND for a package; $1: amd64, i386 or publish. The host packages are built in
-# Debian 11, whose glibc is the oldest of those that come with a C++17 compiler.
+# Makes the root build-KIND for a package; $1: amd64, i386 or publish. The host packages are built
+# in Debian 11, whose glibc is the oldest of those that come with a C++17 compiler.
 make_build_root() {
   if [[ $1 == publish ]]; then
     make_root build-publish bookworm amd64 "${build_packages[@]}" dpkg-dev file
@@ -100,8 +101,8 @@ make_build_root() {
       usr/share/doc/libcli11-dev)
 }
 
-# Runs a command in a root whose changes, those below the project apart, are lost afterwards. The
-# project has the same path there. To be called in a private mount namespace:
+# Runs a command in a copy of a root. Its changes are lost afterwards, except those below the
+# project, which has the same path there. Must be called in a private mount namespace:
 # unshare --mount --propagation private.
 # $1: name of the root; then the command
 run_in_root() {
@@ -121,7 +122,7 @@ run_in_root() {
   mount -t tmpfs tmp "$root/tmp"
   mkdir -p "$root$project"
   mount --bind "$project" "$root$project"
-  # Not chroot: there /proc shows the paths of some processes from outside the root.
+  # Not chroot: under it, /proc shows some paths as they are outside the root.
   mkdir "$root/.outside"
   # shellcheck disable=SC2016  # the inner shells expand these
   env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin HOME=/root LC_ALL=C.UTF-8 \

@@ -3,8 +3,8 @@
 #
 # Usage: sandbox.sh COMMAND...
 #
-# The path of an empty scratch folder is appended to COMMAND. The command has root's rights in private
-# mount and process namespaces, with its own /proc where that is allowed. This needs root,
+# The path of an empty scratch folder is appended to COMMAND. The command has root's rights in
+# private mount and process namespaces, with its own /proc where that is allowed. This needs root,
 # unprivileged user namespaces or sudo. When the command ends or the sandbox is interrupted, all its
 # processes are killed and the scratch folder is removed.
 set -euo pipefail
@@ -52,8 +52,8 @@ if ! sandbox_works; then
 fi
 
 # The machine's /proc shows other process ids than those in the sandbox. A container may forbid
-# mounting another one; only tools that inspect processes need it. Standard input is given explicitly
-# because bash would replace it with /dev/null for a background command.
+# mounting another one; only tools that inspect processes need it. Standard input is given
+# explicitly because bash would replace it with /dev/null for a background command.
 # shellcheck disable=SC2016  # the inner shell expands these
 "${sandbox[@]}" sh -c 'mount -t proc proc /proc 2>/dev/null; exec "$@"' sh "$@" "$scratch" <&0 &
 pid=$!

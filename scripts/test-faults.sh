@@ -5,8 +5,8 @@
 # Usage: test-faults.sh [--write-tables]
 #
 # Compares the outcomes with docs/reliability.md; --write-tables writes them into that page instead.
-# Installs the packages it needs and builds the preset test. Ends with the number of faults by outcome
-# and the time they took.
+# Installs the packages it needs and builds the preset test. Ends with the number of faults by
+# outcome and the time they took.
 set -euo pipefail
 . "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
 cd "$project"

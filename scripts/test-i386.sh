@@ -1,9 +1,9 @@
 #!/usr/bin/env bash
-# Builds the preset release-i386 and runs its tests in a 32-bit x86 system of their own.
+# Builds the preset release-i386 and runs its tests, both in a 32-bit x86 system.
 #
 # Usage: test-i386.sh
 #
-# It runs in a root (roots.sh). The exit status is 77 where that is not possible.
+# The system is a root (roots.sh). The exit status is 77 where roots are not possible.
 set -euo pipefail
 . "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
 . "$project/scripts/roots.sh"

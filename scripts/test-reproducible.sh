@@ -1,7 +1,9 @@
 #!/usr/bin/env bash
 # Makes the packages a second time, in another directory, and compares them with build/packages.
 #
-# Usage: test-reproducible.sh [PACKAGE...]    as package.sh, which has to have made them
+# Usage: test-reproducible.sh [PACKAGE...]
+#
+# The packages are those of package.sh, which must have made them before.
 set -euo pipefail
 . "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
 cd "$project"

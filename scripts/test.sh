@@ -14,8 +14,8 @@ if (($# == 0)); then
   presets=(test asan)
 fi
 
-# LeakSanitizer looks for its process in /proc, so /proc must belong to the current PID namespace. In
-# some containers it belongs to the outer one: then the script starts itself again with its own.
+# LeakSanitizer looks for its process in /proc, so /proc must belong to the current PID namespace.
+# In some containers it belongs to the outer one: then the script starts itself again with its own.
 # Returns 1 if that is not allowed.
 enter_own_proc() {
   local pid
@@ -46,7 +46,7 @@ if [[ " ${presets[*]} " == *\ @(asan|clang)\ * ]]; then
   packages+=("${fuzz_packages[@]}")
 fi
 prepare "${packages[@]}"
-# Tests that need them are skipped without, and say so.
+# Without these modules, the tests that need them are skipped and say so.
 scripts/fetch-kernel-modules.sh || true
 has_own_proc=yes
 enter_own_proc "$@" || has_own_proc=

@@ -258,7 +258,8 @@ Next steps:
 END
 }
 
-# script gives the shell a new terminal: on the old one the sandbox's process ids prevent job control.
+# script gives the shell a new terminal: on the old one the sandbox's process ids prevent job
+# control.
 keep_shell() {
   heading 'a shell in the sandbox'
   cat <<END

@@ -126,6 +126,18 @@ def test_the_architecture_names_every_module():
     assert [module for module in sorted(modules) if f"`{module}`" not in document] == []
 
 
+def test_every_command_of_the_installation_page_is_run_by_a_test():
+    page = (PROJECT / "docs/installing.md").read_text()
+    sections = re.findall(r"^## (.*)\n((?:(?!## ).*\n)*)", page, re.MULTILINE)
+    with_commands = {heading for heading, text in sections if "```" in text}
+    tests = "".join((PROJECT / "tests" / kind / "test_installing.py").read_text()
+                    for kind in ("packages", "booted"))
+    assert with_commands == set(re.findall(r'commands\("([^"]+)"\)', tests))
+    # These tests find no other form of a block.
+    assert page.count("```") == 2 * len(re.findall(r"^```sh\n", page, re.MULTILINE))
+    assert re.findall(r"\n\n(?:    |\t).*", page) == []
+
+
 def test_the_installation_page_lists_the_supported_distributions():
     lines = (PROJECT / "packaging/hosts.tsv").read_text().splitlines()
     rows = csv.DictReader([line for line in lines if not line.startswith("#")], delimiter="\t")

@@ -41,6 +41,9 @@ class Packages:
     def host_deb(self, architecture="amd64"):
         return self._one(f"norvak-update_*_{architecture}.deb")
 
+    def publish_deb(self):
+        return self._one("norvak-publish_*_amd64.deb")
+
     def host_rpm(self, architecture="x86_64"):
         [rpm] = [file for file in self._directory.glob(f"norvak-update-[0-9]*.{architecture}.rpm")
                  if "sles11" not in file.name]

@@ -138,6 +138,26 @@ def test_every_command_of_the_installation_page_is_run_by_a_test():
     assert re.findall(r"\n\n(?:    |\t).*", page) == []
 
 
+def test_scripts_units_and_manuals_name_the_files_of_the_state_directory():
+    def text(path):
+        return (PROJECT / path).read_text()
+
+    state = re.search(r'kStateDir\[\] = "([^"]+)"', text("tools/common/state_file.h"))[1]
+    lock = re.search(r'state_path\("(\w+)"\)', text("tools/norvak_recover/host_lock.cpp"))[1]
+    record, kept = (re.search(r'kFile\[\] = "(\w+)"', text(source))[1] for source in (
+        "tools/norvak_recover/run_record.cpp", "tools/common/kept_settings.cpp"))
+    runner = text("packaging/libexec/run")
+    assert f"\nstate={state}\n" in runner and f'9>>"$state/{lock}"' in runner
+    assert f"\nlock={state}/{lock}\n" in text("packaging/maintainer/prerm")
+    assert f"rm -rf {state}\n" in text("packaging/maintainer/postrm")
+    assert f"DESTINATION {state} " in text("packaging/HostPackage.cmake")
+    boot = text("packaging/systemd/norvak-update-boot.service")
+    assert f"\nConditionPathExists={state}/{record}\n" in boot
+    manual = re.findall(rf"^\.It Pa {state}/(.*)$", text("packaging/man/norvak_recover.8"), re.MULTILINE)
+    assert sorted(manual) == sorted([lock, record, kept])
+    assert f"`{state}/{kept}`" in text("docs/installing.md")
+
+
 def test_the_installation_page_lists_the_supported_distributions():
     lines = (PROJECT / "packaging/hosts.tsv").read_text().splitlines()
     rows = csv.DictReader([line for line in lines if not line.startswith("#")], delimiter="\t")

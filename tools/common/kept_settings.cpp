@@ -46,6 +46,8 @@ std::vector<LostSetting> lost_settings(const KeptSettings& kept, const std::stri
   return lost;
 }
 
+std::string kept_settings_path() { return state_path(kFile); }
+
 std::optional<KeptSettings> read_kept_settings() {
   const std::optional<nlohmann::json> json = read_state_file(kFile);
   if (!json) return std::nullopt;

@@ -28,6 +28,9 @@ struct LostSetting {
 [[nodiscard]] std::vector<LostSetting> lost_settings(const KeptSettings& kept,
                                                      const std::string& config_path);
 
+/// The path of the note, to be shown to people.
+[[nodiscard]] std::string kept_settings_path();
+
 /// Reads the note of the last interrupted update.
 /// @return nothing if there is none
 [[nodiscard]] std::optional<KeptSettings> read_kept_settings();

@@ -341,12 +341,12 @@ class Snapshot {
       report("setting-not-carried-over", Severity::kWarning, config,
              "an update was interrupted, and " + setting.name + " is \"" + setting.found +
                  "\" instead of \"" + setting.expected + "\"",
-             "correct the setting, or remove /var/lib/norvak-update/kept_settings to accept it");
+             "correct the setting, or remove " + tools::kept_settings_path() + " to accept it");
     }
   }
 
   void report(const char* code, Severity severity, const std::string& file, const std::string& text,
-              const char* fix) {
+              const std::string& fix) {
     status_.findings.push_back({code, severity, file, text, fix});
   }
 

@@ -1,11 +1,11 @@
 #!/usr/bin/env bash
 # Makes the packages: norvak-update for hosts, norvak-publish for update servers.
 #
-# Usage: package.sh [--output DIRECTORY] [--version VERSION] [PACKAGE...]
+# Usage: package.sh [--with-next VERSION] [PACKAGE...]
 #
 # PACKAGE is amd64 or i386 (norvak-update, as .deb and .rpm) or publish; the default is all. The
-# packages go to build/packages, or to DIRECTORY, a path relative to the project. --version replaces
-# the version of the sources. The time in the packages is that of the last commit, or
+# packages go to build/packages. With --with-next, the same contents also go to build/packages/next
+# as VERSION, to test upgrades. The time in the packages is that of the last commit, or
 # SOURCE_DATE_EPOCH: the same sources make the same packages, byte for byte. The exit status is 77
 # where roots (roots.sh) are not possible.
 set -euo pipefail
@@ -13,19 +13,21 @@ set -euo pipefail
 . "$project/scripts/roots.sh"
 cd "$project"
 
-output=build/packages
-version=
-while [[ ${1-} == --output || ${1-} == --version ]]; do
-  printf -v "${1#--}" %s "$2"
+next_version=
+if [[ ${1-} == --with-next ]]; then
+  next_version=$2
   shift 2
-done
+fi
+
+# $1: directory
+move_packages() {
+  mkdir -p "$1"
+  find . -maxdepth 1 '(' -name '*.deb' -o -name '*.rpm' ')' -exec mv -t "$1" {} +
+}
 
 # Runs in a root.
 build() {
-  local package=$1 build=/tmp/build options version_option=()
-  if [[ -n $version ]]; then
-    version_option=(-R "$version")
-  fi
+  local package=$1 build=/tmp/build output=$project/build/packages options
   # The debug symbols must not contain the names of these directories.
   local flags="-O2 -g -DNDEBUG -ffile-prefix-map=$project=. -ffile-prefix-map=$build=build"
   options=(-DCMAKE_BUILD_TYPE=Release -DCMAKE_CXX_FLAGS_RELEASE="$flags"
@@ -43,12 +45,16 @@ build() {
     cp packaging/deb/libcurl4.symbols "/etc/dpkg/symbols/libcurl4:$package.symbols"
   fi
   cd "$build"
-  cpack "${version_option[@]}"
-  cpack "${version_option[@]}" -D NORVAK_PACKAGE=debug
+  cpack
+  cpack -D NORVAK_PACKAGE=debug
   if [[ $package != publish ]]; then
-    cpack "${version_option[@]}" -G RPM -D NORVAK_PACKAGE=md5
+    cpack -G RPM -D NORVAK_PACKAGE=md5
   fi
-  find . -maxdepth 1 '(' -name '*.deb' -o -name '*.rpm' ')' -exec cp -t "$project/$output" {} +
+  move_packages "$output"
+  if [[ -n $next_version ]]; then
+    cpack -R "$next_version"
+    move_packages "$output/next"
+  fi
 }
 
 case ${1-} in
@@ -58,7 +64,7 @@ case ${1-} in
     ;;
   --enter)
     run_in_root "build-$2" env "SOURCE_DATE_EPOCH=$SOURCE_DATE_EPOCH" \
-      "$project/scripts/package.sh" --output "$output" --version "$version" --inside "$2"
+      "$project/scripts/package.sh" --with-next "$next_version" --inside "$2"
     exit
     ;;
 esac
@@ -74,11 +80,10 @@ if [[ -n $reason ]]; then
 fi
 SOURCE_DATE_EPOCH=$(source_date)
 export SOURCE_DATE_EPOCH
-mkdir -p "$output"
 for package in "${packages[@]}"; do
   make_build_root "$package"
   heading "package $package"
   quietly unshare --mount --propagation private -- \
-    "$0" --output "$output" --version "$version" --enter "$package"
+    "$0" --with-next "$next_version" --enter "$package"
 done
-ls -l "$output"
+ls -l build/packages

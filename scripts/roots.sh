@@ -71,18 +71,27 @@ make_i386_test_root() {
   make_root i386-tests "$suite" i386 "${build_packages[@]}" "${test_packages[@]}"
 }
 
-# Makes the roots debian-11, -12 and -13: minimal systems with what the host package depends on.
-make_fresh_roots() {
-  make_root debian-11 bullseye amd64 libcurl4
-  make_root debian-12 bookworm amd64 libcurl4
-  make_root debian-13 trixie amd64 libcurl4t64
+# Makes a root with what the host package depends on.
+# $1: name; $2: release of Debian, 11, 12 or 13; then further packages
+make_host_root() {
+  local name=$1 suite libcurl=libcurl4
+  case $2 in
+    11) suite=bullseye ;;
+    12) suite=bookworm ;;
+    13) suite=trixie libcurl=libcurl4t64 ;;
+  esac
+  shift 2
+  make_root "$name" "$suite" amd64 "$libcurl" "$@"
 }
 
-# Makes the roots booted-12 and booted-13: systems with their real systemd, for systemd-nspawn.
-make_booted_roots() {
-  local packages=(systemd systemd-sysv dbus strace logrotate procps)
-  make_root booted-12 bookworm amd64 "${packages[@]}" libcurl4
-  make_root booted-13 trixie amd64 "${packages[@]}" libcurl4t64
+# Makes the root debian-RELEASE: a minimal system. $1: release
+make_fresh_root() {
+  make_host_root "debian-$1" "$1"
+}
+
+# Makes the root booted-RELEASE: a system with its real systemd, for systemd-nspawn. $1: release
+make_booted_root() {
+  make_host_root "booted-$1" "$1" systemd systemd-sysv dbus strace logrotate procps
 }
 
 # Makes the root build-KIND for a package; $1: amd64, i386 or publish. The host packages are built

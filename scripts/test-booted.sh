@@ -18,7 +18,8 @@ if [[ -n $reason ]]; then
   exit 77
 fi
 install_packages "${booted_test_packages[@]}"
-make_booted_roots
+make_booted_root 12
+make_booted_root 13
 
 package() {
   find build/packages -maxdepth 1 -name 'norvak-update_*_amd64.deb' 2>/dev/null | head -n 1

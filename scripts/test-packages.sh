@@ -1,12 +1,13 @@
 #!/usr/bin/env bash
-# Makes all packages and tests them: reproducible, loadable on all supported hosts, installed,
-# upgraded and removed in fresh Debian systems. Then runs the system tests with the packaged
-# updater and norvak_host.
+# Makes packages and tests them: reproducible, loadable on all supported hosts, installed, upgraded
+# and removed in fresh Debian systems. Then runs the system tests with the packaged updater and
+# norvak_host.
 #
 # Usage: test-packages.sh [--full]
 #
-# --full runs the system tests with the i386 programs too, in a 32-bit system. The exit status is 77
-# where roots (roots.sh) are not possible.
+# Tests the package norvak-update for x86-64 in Debian 12; with --full, all packages in all supported
+# releases of Debian, and the system tests in a 32-bit system too. The exit status is 77 where roots
+# (roots.sh) are not possible.
 set -euo pipefail
 . "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
 . "$project/scripts/roots.sh"
@@ -47,19 +48,32 @@ if [[ -n $reason ]]; then
 fi
 install_packages "${package_test_packages[@]}"
 
-./scripts/package.sh
-./scripts/package.sh --output build/next-packages --version 99.0 amd64
-heading 'packages made again elsewhere'
-./scripts/test-reproducible.sh
+packages=(amd64)
+architectures=(amd64)
+releases=(12)
+selection=(-m 'not full')
+if [[ ${1-} == --full ]]; then
+  packages=(amd64 i386 publish)
+  architectures=(amd64 i386)
+  releases=(11 12 13)
+  selection=()
+fi
 
-make_fresh_roots
+rm -rf build/packages  # may have packages of another version
+./scripts/package.sh --with-next 99.0 "${packages[@]}"
+heading 'packages made again elsewhere'
+./scripts/test-reproducible.sh "${packages[@]}"
+
+for release in "${releases[@]}"; do
+  make_fresh_root "$release"
+done
 heading 'packages in fresh systems'
 unshare --mount --propagation private -- /usr/bin/python3 -m pytest -q -rs tests/packages \
-  --packages="$project/build/packages" --next-packages="$project/build/next-packages"
+  --packages="$project/build/packages" "${selection[@]}"
 
 heading 'system tests, packaged programs'
 rm -rf build/packaged
-for architecture in amd64 i386; do
+for architecture in "${architectures[@]}"; do
   mkdir -p "build/packaged/$architecture"
   dpkg-deb --extract build/packages/norvak-update_*_"$architecture".deb "build/packaged/$architecture"
 done

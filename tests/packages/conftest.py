@@ -1,6 +1,7 @@
 """Options and fixtures of the package tests. They run in a private mount namespace, as root:
 scripts/test-packages.sh."""
 
+import functools
 import pathlib
 import re
 import subprocess
@@ -16,12 +17,14 @@ pytest.register_assert_rewrite("harness")
 from fresh_root import FreshRoot, HostInRoot  # noqa: E402
 from harness import ScriptedServer, running_nginx  # noqa: E402
 
+FULL = pytest.mark.full
+RELEASES = [pytest.param("debian-11", marks=FULL), "debian-12", pytest.param("debian-13", marks=FULL)]
+ARCHITECTURES = ["amd64", pytest.param("i386", marks=FULL)]
+
 
 def pytest_addoption(parser):
     parser.addoption("--packages", required=True, type=pathlib.Path,
-                     help="directory with the packages that scripts/package.sh made")
-    parser.addoption("--next-packages", required=True, type=pathlib.Path,
-                     help="directory with packages of a later version")
+                     help="directory with the packages that scripts/package.sh --with-next made")
 
 
 class Packages:
@@ -64,18 +67,20 @@ def packages(request):
 
 @pytest.fixture(scope="session")
 def next_packages(request):
-    return Packages(request.config.getoption("--next-packages"))
+    """The same packages, as a later version."""
+    return Packages(request.config.getoption("--packages") / "next")
 
 
 @pytest.fixture(scope="session")
-def unpacked(packages, tmp_path_factory):
-    """The host package's files by architecture."""
-    trees = {}
-    for architecture in ("amd64", "i386"):
-        trees[architecture] = tmp_path_factory.mktemp(architecture)
-        subprocess.run(["dpkg-deb", "--extract", packages.host_deb(architecture),
-                        trees[architecture]], check=True)
-    return trees
+def unpack(packages, tmp_path_factory):
+    """Unpacks the host package of an architecture; its files."""
+    @functools.lru_cache(maxsize=None)
+    def unpack(architecture):
+        tree = tmp_path_factory.mktemp(architecture)
+        subprocess.run(["dpkg-deb", "--extract", packages.host_deb(architecture), tree], check=True)
+        return tree
+
+    return unpack
 
 
 def compile_library(source, library, *options):

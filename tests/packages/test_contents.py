@@ -4,7 +4,7 @@ import re
 import subprocess
 
 import pytest
-from conftest import PROJECT
+from conftest import ARCHITECTURES, FULL, PROJECT
 
 # Debian's packages of debug symbols have no documents of their own: they depend on the package that
 # has them.
@@ -44,6 +44,7 @@ def plain_files(files):
             if attributes[0].startswith("-") and not OF_ONE_FORMAT.match(path)}
 
 
+@FULL
 def test_every_package_is_there(packages):
     names = {file.name.replace("1.0.0", "V") for suffix in (".deb", ".rpm") for file in packages.all(suffix)}
     assert names == {
@@ -64,7 +65,7 @@ def test_the_oldest_package_managers_can_read_the_packages(packages):
         assert features <= (OLD_RPM_FEATURES if old else RPM_FEATURES)
 
 
-@pytest.mark.parametrize("architectures", [("amd64", "x86_64"), ("i386", "i686")])
+@pytest.mark.parametrize("architectures", [("amd64", "x86_64"), pytest.param(("i386", "i686"), marks=FULL)])
 def test_deb_and_rpm_hold_the_same_files(architectures, packages):
     deb = plain_files(deb_files(packages.host_deb(architectures[0])))
     assert deb == plain_files(rpm_files(packages.host_rpm(architectures[1])))
@@ -82,26 +83,26 @@ def test_the_host_package_holds_its_programs_manuals_and_notices(packages):
     assert files["/var/lib/norvak-update"][0] == "drwxr-xr-x"
 
 
-def test_the_notices_cover_what_is_linked_in(unpacked):
-    notices = (unpacked["amd64"] / "usr/share/doc/norvak-update/copyright").read_text()
+def test_the_notices_cover_what_is_linked_in(unpack):
+    notices = (unpack("amd64") / "usr/share/doc/norvak-update/copyright").read_text()
     for text in ("GNU C Library", "GCC RUNTIME LIBRARY EXCEPTION",
                  "Arseny Kapoulkine"):
         assert text in notices
 
 
-def test_the_dependencies_accept_the_package_names_of_every_release(packages):
-    for architecture in ("amd64", "i386"):
-        depends = output("dpkg-deb", "--field", packages.host_deb(architecture), "Depends").strip()
-        c_library, libcurl = depends.split(", ")
-        assert re.fullmatch(r"libc6 \(>= 2\.\d+\)", c_library)
-        assert libcurl == "libcurl4t64 | libcurl4 | libcurl3"
+@pytest.mark.parametrize("architecture", ARCHITECTURES)
+def test_the_dependencies_accept_the_package_names_of_every_release(architecture, packages):
+    depends = output("dpkg-deb", "--field", packages.host_deb(architecture), "Depends").strip()
+    c_library, libcurl = depends.split(", ")
+    assert re.fullmatch(r"libc6 \(>= 2\.\d+\)", c_library)
+    assert libcurl == "libcurl4t64 | libcurl4 | libcurl3"
 
 
-def test_debuggers_find_the_symbols(unpacked, packages, tmp_path):
+def test_debuggers_find_the_symbols(unpack, packages, tmp_path):
     [symbols] = [file for file in packages.debug() if file.name.startswith("norvak-update-dbgsym")
                  and file.name.endswith("_amd64.deb")]
     output("dpkg-deb", "--extract", symbols, tmp_path)
-    for program in (unpacked["amd64"] / "usr/sbin").iterdir():
+    for program in (unpack("amd64") / "usr/sbin").iterdir():
         build_id = re.search("Build ID: (..)(.+)", output("readelf", "--notes", program))
         separate = tmp_path / f"usr/lib/debug/.build-id/{build_id[1]}/{build_id[2]}.debug"
         assert ".debug_info" in output("readelf", "--sections", separate)

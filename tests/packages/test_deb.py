@@ -6,10 +6,10 @@ import subprocess
 import time
 
 import pytest
+from conftest import RELEASES
 from harness import OK, http_reply, rules, updates
 from test_updates import assert_updates
 
-RELEASES = ["debian-11", "debian-12", "debian-13"]
 LOCK = "/var/lib/norvak-update/lock"
 STATE = "/var/lib/norvak-update"
 STAMP = "/var/lib/systemd/timers/stamp-norvak-update@rules.timer"

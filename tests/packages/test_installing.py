@@ -1,6 +1,7 @@
 """The commands of docs/installing.md that need no running systemd, in the order of the page."""
 
 import pytest
+from conftest import RELEASES
 from harness import config_xml, kernel, rules
 from harness.installing_page import commands
 from test_rpm import provide_requirements
@@ -25,7 +26,7 @@ def install_agent(root, server):
     return agent
 
 
-@pytest.mark.parametrize("name", ["debian-11", "debian-12", "debian-13"])
+@pytest.mark.parametrize("name", RELEASES)
 def test_debian_and_the_first_run(name, packages, make_root, server):
     root = make_root(name)
     root.copy_in(packages.host_deb())

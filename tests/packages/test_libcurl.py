@@ -34,8 +34,8 @@ def libcurl(request, tmp_path):
 
 
 @pytest.mark.parametrize("update", UPDATES)
-def test_updates_stay_silent(update, libcurl, unpacked, uname_answers, server):
-    updater = unpacked["amd64"] / "usr/sbin/norvak_update"
+def test_updates_stay_silent(update, libcurl, unpack, uname_answers, server):
+    updater = unpack("amd64") / "usr/sbin/norvak_update"
     environment = {"LD_LIBRARY_PATH": str(libcurl)}
     assert f"libcurl.so.4 => {libcurl}/libcurl.so.4" in loaded_libraries(updater, environment)
     host = AgentHost(updater, lambda: uname_answers)

@@ -1,6 +1,7 @@
 """The packaged updater in fresh Debian systems."""
 
 import pytest
+from conftest import RELEASES
 from harness import OK, updates
 
 UPDATES = [
@@ -24,7 +25,7 @@ def assert_updates(host, server, update, **options):
 
 
 @pytest.mark.parametrize("update", UPDATES)
-@pytest.mark.parametrize("name", ["debian-11", "debian-12", "debian-13"])
+@pytest.mark.parametrize("name", RELEASES)
 def test_each_update_succeeds_in_a_fresh_system(name, update, packages, make_root, make_host, server):
     root = make_root(name)
     root.run("dpkg", "--install", root.copy_in(packages.host_deb()))

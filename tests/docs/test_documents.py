@@ -126,6 +126,13 @@ def test_the_architecture_names_every_module():
     assert [module for module in sorted(modules) if f"`{module}`" not in document] == []
 
 
+def test_the_monitoring_user_may_run_the_command_of_its_check_and_no_other():
+    page = (PROJECT / "docs/monitoring.md").read_text()
+    check = re.search(r"^    command\[\w+\]=/usr/bin/sudo (.*)$", page, re.MULTILINE)[1]
+    assert re.findall(r"NOPASSWD: (.*)$", page, re.MULTILINE) == [check]
+    assert "*" not in check
+
+
 def test_every_command_of_the_installation_page_is_run_by_a_test():
     page = (PROJECT / "docs/installing.md").read_text()
     sections = re.findall(r"^## (.*)\n((?:(?!## ).*\n)*)", page, re.MULTILINE)

@@ -1,7 +1,7 @@
 """The commands of docs/installing.md that need no running systemd, in the order of the page."""
 
 import pytest
-from conftest import RELEASES
+from conftest import FULL, RELEASES
 from harness import config_xml, kernel, rules
 from harness.installing_page import commands
 from test_rpm import provide_requirements
@@ -50,6 +50,7 @@ def test_rpm(packages, make_root):
     assert root.attempt("rpm", "--query", "norvak-update").returncode == 1
 
 
+@FULL
 def test_an_update_server(packages, make_root):
     root = make_root("build-publish")  # it has the libraries that the package depends on
     root.copy_in(packages.publish_deb())

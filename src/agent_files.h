@@ -37,7 +37,7 @@ inline constexpr char kPackageScript[] = "/update";
 inline constexpr char kKernelVersionRecord[] = "/runlog/kernel_version";
 inline constexpr std::size_t kMaxRecordPathBytes = 127;
 
-/// Path of the kernel version record. The doubled slash and the cut of a long path are kept.
+/// Path of the kernel version record, with a double slash; cut after kMaxRecordPathBytes.
 inline std::string kernel_version_record(const std::string& install_path) {
   return (install_path + "/" + kKernelVersionRecord).substr(0, kMaxRecordPathBytes);
 }

@@ -12,9 +12,10 @@ enum class ModuleState {
   kUnreadable,  ///< the list cannot be opened
   kAbnormal,    ///< the list has several lines
   kDiffers,     ///< the module is not installed, has another digest, or the list is empty
-  kCurrent,     ///< the list's line equals the digest; white space around it never does
+  kCurrent,     ///< the list's only line is exactly the digest, without white space around it
 };
 
+/// Compares a digest list, of which two lines are read, with the installed module.
 [[nodiscard]] ModuleState compare_module(const std::string& list_path,
                                          const std::string& module_path);
 
@@ -34,7 +35,7 @@ enum class ModuleState {
 [[nodiscard]] bool announces_new_rules(const std::string& list_path, const std::string& current);
 
 /// Whether the first line of the list, at most 127 bytes of it, is exactly the digest of the rules:
-/// white space or capitals never match.
+/// with white space or capital letters it is not.
 [[nodiscard]] bool verify_rules(const std::string& list_path, const std::string& rules_path);
 
 /// What identifies a build of the web server program: the first line of the file @a path, at most

@@ -76,7 +76,7 @@ class CUpdateSoftImpl {
   [[nodiscard]] int exec_script();
 
   /// Writes the new version and the saved update method into the configuration file that the script
-  /// left. Saves the file after each change, and stops after the second.
+  /// left. Saves the file after each change, and stops after the second change.
   /// @return 0, whether or not anything was changed; -1 if the file cannot be loaded
   [[nodiscard]] int update_config();
 

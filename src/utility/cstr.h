@@ -38,8 +38,7 @@ class CStr {
   /// With an empty delimiter the whole text is one piece.
   static void ext_line(const std::string& delimiter, string_list& pieces, const std::string& text);
 
-  /// Replaces every @a from with @a to, left to right. Inserted text is not searched again. An
-  /// empty
+  /// Replaces every @a from with @a to, left to right. Inserted text is not searched again. An empty
   /// @a from changes nothing.
   static void string_replace(std::string& s, const std::string& from, const std::string& to);
 

@@ -28,9 +28,10 @@ constexpr char kNameLetters[] = "abcdefghijklmnopqrstuvwxyz234567";
 constexpr std::size_t kNameLetterCount = 6;
 constexpr int kNamingAttempts = 100;
 constexpr int kNewFileFlags = O_WRONLY | O_CLOEXEC;
-constexpr mode_t kNewFileMode = 0600;  // until it gets the mode of the old file
+constexpr mode_t kPrivateMode = 0600;  // until the new file gets the mode of the old one
 
-/// Names the unnamed file @a fd; without one (-1), creates a file with a name and sets @a fd.
+/// Links the unnamed file @a fd to a free name. If @a fd is -1, creates a new file under such a name
+/// instead and sets @a fd.
 /// @return the name: @a prefix, a dot and random letters; empty on failure
 std::string take_free_name(int directory, const std::string& prefix, int& fd) {
   const std::string file = "/proc/self/fd/" + std::to_string(fd);
@@ -45,7 +46,7 @@ std::string take_free_name(int directory, const std::string& prefix, int& fd) {
     for (std::size_t i = 0; i < kNameLetterCount; ++i, letters /= 32)
       name += kNameLetters[letters % 32];
     if (fd < 0) {
-      fd = ::openat(directory, name.c_str(), O_CREAT | O_EXCL | kNewFileFlags, kNewFileMode);
+      fd = ::openat(directory, name.c_str(), O_CREAT | O_EXCL | kNewFileFlags, kPrivateMode);
       if (fd >= 0) return name;
     } else if (::linkat(AT_FDCWD, file.c_str(), directory, name.c_str(), AT_SYMLINK_FOLLOW) == 0) {
       return name;
@@ -84,8 +85,9 @@ bool copy_attributes(int from, int to) {
   });
 }
 
-/// Makes @a to equal @a from in all but its contents, which are @a contents. In this order: a write
-/// and a change of owner clear capabilities and special mode bits, and an ACL changes the mode.
+/// Writes @a contents to @a to and gives it the owner, attributes and mode of @a from. The order
+/// matters: a write and a change of owner clear capabilities and special mode bits, and an ACL
+/// changes the mode.
 bool fill(int to, int from, const std::string& contents) {
   struct stat old = {};
   return write_all(to, contents.data(), contents.size()) == contents.size() &&
@@ -96,7 +98,7 @@ bool fill(int to, int from, const std::string& contents) {
 bool replace_by_new_file(int directory, const std::string& name, const std::string& contents) {
   const Descriptor old_file(::openat(directory, name.c_str(), O_RDONLY | O_CLOEXEC));
   std::string new_name;
-  int fd = ::openat(directory, ".", O_TMPFILE | kNewFileFlags, kNewFileMode);
+  int fd = ::openat(directory, ".", O_TMPFILE | kNewFileFlags, kPrivateMode);
   if (fd < 0) new_name = take_free_name(directory, name, fd);
   const Descriptor new_file(fd);
   const bool filled = new_file && fill(fd, old_file.get(), contents);
@@ -107,11 +109,11 @@ bool replace_by_new_file(int directory, const std::string& name, const std::stri
   return false;
 }
 
-/// Overwrites the file, or creates it. Line feeds reserve the space of a longer version, so that a
-/// full disk shows while the old text is whole, and replace the rest of a longer old version before
-/// it is cut off: readers of the text take them for blanks.
+/// Overwrites the file, or creates it. If the new version is longer, line feeds reserve its space
+/// first, so that a full disk is noticed while the old text is intact. If it is shorter, line feeds
+/// overwrite the rest of the old text before it is cut off. Readers take them for white space.
 bool write_in_place(const std::string& path, std::string contents) {
-  const Descriptor file(::open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0666));
+  const Descriptor file(::open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, kNewFileMode));
   const off_t old_size = ::lseek(file.get(), 0, SEEK_END);
   if (old_size < 0) return false;
   const auto size = static_cast<off_t>(contents.size());

@@ -5,7 +5,7 @@
 
 namespace utility {
 
-/// Replaces the contents of @a path by @a contents and keeps everything else: owner, mode and
+/// Replaces the contents of @a path with @a contents and keeps everything else: owner, mode and
 /// extended attributes, ACL and security label included. Symbolic links are followed and stay.
 ///
 /// The new version is written to a new file in the same directory and renamed over the old one, so
@@ -13,10 +13,10 @@ namespace utility {
 /// name until it is on disk if the file system supports that. A kill can leave it under a name of
 /// its own, @a path with a dot and six random letters; later calls do not touch such a file.
 ///
-/// If that is impossible, the file is written in place, after its space has been reserved: it is a
-/// mount point, no file can be created beside it or renamed, the new file cannot have the owner,
-/// the mode and the attributes of the old one, /proc is not mounted, or the disk has no room for
-/// both. A kill, a power cut or an I/O error during that write can leave the file truncated, with a
+/// If that is impossible, the file is written in place, after its space has been reserved. Reasons
+/// are: it is a mount point, no file can be created beside it or renamed, the new file cannot have
+/// the owner, the mode and the attributes of the old one, /proc is not mounted, or the disk has no
+/// room for both. A kill, a power cut or an I/O error during that write can leave the file truncated, with a
 /// mixture of both versions, or with line feeds after the text. A file that does not exist is also
 /// written in place, with default permissions.
 ///
@@ -26,7 +26,7 @@ namespace utility {
 ///         directory after the rename, when a power cut can bring back the old contents.
 [[nodiscard]] bool replace_durably(const std::string& path, const std::string& contents);
 
-/// Whether @a name can be that of a new version of @a file which a kill left in the same directory.
+/// Whether @a name has the form of the names under which a kill can leave a new version of @a file.
 [[nodiscard]] bool is_new_version_name(const std::string& name, const std::string& file);
 
 }  // namespace utility

@@ -13,7 +13,7 @@
 
 namespace utility {
 
-/// The mode of every new file, less the umask, as stdio creates them.
+/// The mode of new files before the umask applies: that of files which stdio creates.
 inline constexpr mode_t kNewFileMode = 0666;
 
 struct FileCloser {

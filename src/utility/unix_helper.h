@@ -12,7 +12,7 @@ namespace utility {
 /// the agent's components share.
 class CUnixHelper {
  public:
-  /// Names the install directory; without it, the agent is in the default one.
+  /// The first line of this file names the install directory; without the file, it is the default.
   static constexpr char kInstallPathFile[] = "/var/log/version_control";
   static constexpr char kDefaultInstallPath[] = "/usr/local/norvak_agent";
 

@@ -21,7 +21,7 @@ std::optional<std::string> read_whole(const char* path) {
   const utility::Descriptor file(::open(path, O_RDONLY | O_CLOEXEC));
   struct stat status = {};
   if (!file || ::fstat(file.get(), &status) != 0) return std::nullopt;
-  // One byte more than the file has, so that the read that meets its end needs no more room.
+  // One byte more than the file, so that the read which finds its end needs no larger buffer.
   std::string bytes(static_cast<std::size_t>(status.st_size) + 1, '\0');
   std::size_t size = 0;
   for (;;) {
@@ -36,8 +36,8 @@ std::optional<std::string> read_whole(const char* path) {
 }
 
 // ---- UTF-16 and UTF-32 ----
-// The parser converts such a document to UTF-8 and back. It interprets nothing on the way and keeps
-// everything, so that no more than quotes and blanks in tags change.
+// The parser converts such a document to UTF-8 and back. With these options it interprets nothing
+// and keeps everything, so that only quotes and blanks in tags change.
 
 constexpr unsigned kKeepAll =
     (pugi::parse_full | pugi::parse_ws_pcdata | pugi::parse_fragment) &
@@ -45,8 +45,8 @@ constexpr unsigned kKeepAll =
 
 constexpr std::size_t kRecognisedBytes = 4;
 
-/// The encoding that the parser detects from the first bytes, a byte order mark or the `<` of the
-/// first tag, although they are not a whole document. It is UTF-8 for every one-byte encoding.
+/// The encoding that the parser detects from a byte order mark or the `<` of the first tag, even if
+/// it cannot parse what follows. UTF-8 stands for every one-byte encoding.
 pugi::xml_encoding encoding_of(const std::string& start) {
   pugi::xml_document tree;
   return tree.load_buffer(start.data(), std::min(start.size(), kRecognisedBytes)).encoding;
@@ -54,6 +54,7 @@ pugi::xml_encoding encoding_of(const std::string& start) {
 
 bool is_wide(const std::string& start) { return encoding_of(start) != pugi::encoding_utf8; }
 
+/// The text of @a tree in @a encoding.
 std::string write(const pugi::xml_document& tree, pugi::xml_encoding encoding, bool with_mark) {
   struct Writer : pugi::xml_writer {
     void write(const void* data, std::size_t size) override {
@@ -67,13 +68,14 @@ std::string write(const pugi::xml_document& tree, pugi::xml_encoding encoding, b
   return std::move(writer.bytes);
 }
 
-/// As above, in the encoding of the file that begins with @a start, with its byte order mark if any.
+/// The text of @a tree in the encoding of the file that begins with @a start, and with its byte
+/// order mark, if it has one.
 std::string write_as(const std::string& start, const pugi::xml_document& tree) {
   return write(tree, encoding_of(start), start[start.find_first_not_of('\0')] != '<');
 }
 
-/// Whether XML can represent the character: not most of those below 0x20, nor surrogates, nor codes
-/// beyond Unicode.
+/// False for what XML cannot represent: surrogates, code points above U+10FFFF, and most of those
+/// below U+0020.
 bool is_representable(char32_t code) {
   if (code < ' ') return code == '\t' || code == '\n' || code == '\r';
   return code < 0xD800 || (code >= 0xE000 && code < 0x110000);
@@ -119,8 +121,9 @@ struct QuoteEscaper : pugi::xml_tree_walker {
   }
 };
 
-/// @return a wide document in UTF-8; nothing if it is malformed, or if more than quotes, blanks in
-///         tags and the spelling of references would change on the way back
+/// Converts a wide document to UTF-8.
+/// @return nothing if it is malformed, or if more than quotes, blanks in tags and the spelling of
+///         references would change on the way back
 std::optional<std::string> to_utf8(const std::string& bytes) {
   const pugi::xml_encoding encoding = encoding_of(bytes);
   pugi::xml_document tree;
@@ -131,7 +134,8 @@ std::optional<std::string> to_utf8(const std::string& bytes) {
   }
   QuoteEscaper escaper;
   tree.traverse(escaper);
-  // The mark is for the parser, which skips one: a second one is a character of the document.
+  // With a byte order mark, because the parser skips the first one: if the document has another,
+  // that is one of its characters.
   std::string text = write(tree, pugi::encoding_utf8, true);
   const std::wstring characters = pugi::as_wide(text);
   if (representable(characters) != characters) return std::nullopt;
@@ -152,7 +156,7 @@ std::string from_utf8(const std::string& text, const std::string& start) {
 ///         element with nothing but blanks, comments, instructions and a DOCTYPE around it
 bool parse(const std::string& text, pugi::xml_document& tree) {
   if (text.find('\0') != std::string::npos) return false;  // the parser would stop there
-  // As a fragment, so that the tree shows everything around the root element.
+  // Parsed as a fragment, so that text outside the root element appears in the tree.
   constexpr unsigned kOptions = pugi::parse_default | pugi::parse_fragment;
   const bool parsed = tree.load_buffer(text.data(), text.size(), kOptions, pugi::encoding_utf8);
   const pugi::xml_node first = tree.first_child();
@@ -196,7 +200,8 @@ AttributePosition find_attribute(const std::string& text, std::size_t tag, std::
   }
 }
 
-/// @a value as it can be part of a document that began with @a start: a wide one needs UTF-8.
+/// @a value with a question mark for each character that XML cannot represent. It is UTF-8 if the
+/// file of the document, which begins with @a start, is wide; otherwise any bytes.
 std::string storable(const char* value, const std::string& start) {
   static_assert(sizeof(wchar_t) == sizeof(char32_t), "the parser's wide text is UTF-32");
   if (!is_wide(start)) return representable(std::string(value));
@@ -267,7 +272,7 @@ int XmlDocument::load(const char* path) {
     if (is_wide(start_)) bytes = to_utf8(*bytes);
     if (!bytes || !parse(*bytes, *tree_)) return 0;
     text_ = *std::move(bytes);
-  } catch (const std::exception&) {  // more than memory, or a string, can hold
+  } catch (const std::exception&) {  // the file is too large for memory or for a string
     tree_->reset();
     return 0;
   }

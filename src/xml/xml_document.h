@@ -3,7 +3,7 @@
 // in tags, line ends, comments, entity references and the byte order mark.
 //
 // UTF-16 and UTF-32 documents are converted, and a save may change quotes, blanks in tags and the
-// spelling of references. A document in which it would change more is not loaded.
+// spelling of references. A document in which a save would change more is not loaded.
 #pragma once
 
 #include <cstddef>
@@ -33,8 +33,8 @@ class XmlNode {
   /// @param name  an XML name
   /// @param value  plain text; it is escaped here. Bytes below 0x20 other than tab, line feed and
   ///               carriage return, which XML cannot represent, become `?`. All other bytes are
-  ///               stored as they are. Only a UTF-16 or UTF-32 document needs UTF-8: characters
-  ///               that Unicode does not have become `?`, and malformed sequences are dropped.
+  ///               stored as they are. For a UTF-16 or UTF-32 document it must be UTF-8: malformed
+  ///               sequences are dropped, and surrogates and code points above U+10FFFF become `?`.
   void set_attribute(const char* name, const char* value);
 
   /// @return the value of the first attribute called @a name; empty if there is none. Character

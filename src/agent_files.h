@@ -31,6 +31,10 @@ inline constexpr char kRuleWorkDir[] = "/update_norvak_rule";
 inline constexpr char kRuleMd5Download[] = "/update_norvak_rule/rule_md5";
 inline constexpr char kRuleDownload[] = "/update_norvak_rule/rule";
 
+/// The work directories of all update types.
+inline constexpr const char* kWorkDirs[] = {kSoftWorkDir, kKernelWorkDir, kNginxWorkDir,
+                                            kRuleWorkDir};
+
 /// The script that installs an agent package, below the unpacked package.
 inline constexpr char kPackageScript[] = "/update";
 

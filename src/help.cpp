@@ -17,8 +17,6 @@
 
 namespace {
 
-constexpr int kPidLimit = 32;
-
 /// Tested as a bit, not compared: entry types that contain it, such as sockets, are treated as
 /// directories. They cannot be opened as one, which stops the removal.
 constexpr unsigned kDirectoryBit = DT_DIR;

@@ -18,6 +18,9 @@ class CHelper {
   ///         three cases the pid file remains.
   static int stop_norvak_agent();
 
+  /// The limit that read_pid passes to utility::read_first_line.
+  static constexpr int kPidLimit = 32;
+
   /// The process id in a pid file: the first line, at most 31 characters of it, converted
   /// as by `strtol`. A file without a number gives 0, which `kill` takes for the caller's own
   /// process group; -1 stands for every process.

@@ -10,7 +10,7 @@ namespace published_digest {
 namespace {
 
 constexpr int kLineLimit = 1024;
-constexpr int kDigestLimit = 128;
+constexpr int kDigestLimit = static_cast<int>(kMaxLineBytes) + 1;
 
 /// A list with this many lines is not a digest list; no more of it is read.
 constexpr std::size_t kTooManyLines = 2;

@@ -2,10 +2,14 @@
 // host. Paths are those of downloaded or installed files. Nothing here logs.
 #pragma once
 
+#include <cstddef>
 #include <optional>
 #include <string>
 
 namespace published_digest {
+
+/// At most this much of a line is compared, unless a function says otherwise.
+inline constexpr std::size_t kMaxLineBytes = 127;
 
 /// What the digest list of a kernel module says about the installed module.
 enum class ModuleState {

@@ -6,7 +6,6 @@ namespace server_paths {
 
 namespace {
 
-constexpr char kAgent[] = "/norvak/";
 constexpr char kPackage[] = "/nvupdate.tar";
 constexpr char kDigestList[] = "/md5";
 constexpr char kNginxProgram[] = "/nginx";

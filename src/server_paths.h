@@ -10,6 +10,7 @@ namespace server_paths {
 inline constexpr char kX64[] = "x64";
 inline constexpr char kX86[] = "x86";
 
+inline constexpr char kAgent[] = "/norvak/";
 inline constexpr char kAgentVersion[] = "/norvak/norvak_agent_new_version.txt";
 
 /// @param arch  kX64 or kX86
@@ -33,6 +34,7 @@ inline constexpr char kKernels[] = "/kernels/";
 /// The kernel module @a module itself.
 [[nodiscard]] std::string module_file(const std::string& directory, const std::string& module);
 
+inline constexpr char kRulesDirectory[] = "/tarn_rule/";
 inline constexpr char kRulesDigestList[] = "/tarn_rule/md5";
 inline constexpr char kRules[] = "/tarn_rule/norvak_default_rule.xml";
 

@@ -38,8 +38,8 @@ class CStr {
   /// With an empty delimiter the whole text is one piece.
   static void ext_line(const std::string& delimiter, string_list& pieces, const std::string& text);
 
-  /// Replaces every @a from with @a to, left to right. Inserted text is not searched again. An empty
-  /// @a from changes nothing.
+  /// Replaces every @a from with @a to, left to right. Inserted text is not searched again. If
+  /// @a from is empty, nothing changes.
   static void string_replace(std::string& s, const std::string& from, const std::string& to);
 
   /// The decimal number at the start of @a s, after white space: 0 if there is none, the nearest

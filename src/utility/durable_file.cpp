@@ -30,7 +30,7 @@ constexpr int kNamingAttempts = 100;
 constexpr int kNewFileFlags = O_WRONLY | O_CLOEXEC;
 constexpr mode_t kPrivateMode = 0600;  // until the new file gets the mode of the old one
 
-/// Links the unnamed file @a fd to a free name. If @a fd is -1, creates a new file under such a name
+/// Links the unnamed file @a fd to a free name. If @a fd is -1, creates a file with such a name
 /// instead and sets @a fd.
 /// @return the name: @a prefix, a dot and random letters; empty on failure
 std::string take_free_name(int directory, const std::string& prefix, int& fd) {

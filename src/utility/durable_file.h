@@ -13,12 +13,12 @@ namespace utility {
 /// name until it is on disk if the file system supports that. A kill can leave it under a name of
 /// its own, @a path with a dot and six random letters; later calls do not touch such a file.
 ///
-/// If that is impossible, the file is written in place, after its space has been reserved. Reasons
-/// are: it is a mount point, no file can be created beside it or renamed, the new file cannot have
-/// the owner, the mode and the attributes of the old one, /proc is not mounted, or the disk has no
-/// room for both. A kill, a power cut or an I/O error during that write can leave the file truncated, with a
-/// mixture of both versions, or with line feeds after the text. A file that does not exist is also
-/// written in place, with default permissions.
+/// If that is impossible, the file is written in place, after its space has been reserved. The
+/// reasons are: it is a mount point, no file can be created beside it or renamed, the new file
+/// cannot have the owner, the mode and the attributes of the old one, /proc is not mounted, or the
+/// disk has no room for both. A kill, a power cut or an I/O error during that write can leave the
+/// file truncated, with a mixture of both versions, or with line feeds after the text. A file that
+/// does not exist is also written in place, with default permissions.
 ///
 /// @param path  a regular file in an existing directory; it need not exist
 /// @return true if the new contents are on disk. If false, the old contents are unchanged, with two

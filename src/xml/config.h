@@ -1,5 +1,5 @@
-// Access to the settings in the agent's configuration file, config.xml: `var` elements with a "name"
-// and a "value" attribute.
+// Access to the settings in the agent's configuration file, config.xml: `var` elements with a
+// "name" and a "value" attribute.
 #pragma once
 
 #include <string>
@@ -11,6 +11,9 @@ inline constexpr char kUpdateType[] = "update_type";
 inline constexpr char kVersion[] = "version";
 inline constexpr char kKernelUpdateHost[] = "kernel_update_host";
 inline constexpr char kNginxUpdateHost[] = "nginx_update_host";
+/// All settings that the updater reads.
+inline constexpr const char* kSettingNames[] = {kUpdateHost, kUpdateType, kVersion,
+                                                kKernelUpdateHost, kNginxUpdateHost};
 
 /// The elements that hold the settings, and their two attributes.
 inline constexpr char kSettings[] = "//norvak/Process/Data/var";

@@ -132,7 +132,7 @@ def test_a_file_in_the_place_of_a_directory_is_refused(ready):
     ready.write("lib", "")
     before = tree(ready)
     run = ready.update("0", "0")
-    assert run.status == 255 and b"lib is no directory" in run.stderr
+    assert run.status == 255 and b"lib is not a directory" in run.stderr
     assert tree(ready) == before
 
 

@@ -116,8 +116,8 @@ def test_two_kernels_of_one_directory_are_refused(publisher):
 
 
 @pytest.mark.parametrize("name, why", [
-    ("other.ko", "not called like a kernel module"),
-    ("tessel_linux.o", "not called like a kernel module"),
+    ("other.ko", "not named like a kernel module"),
+    ("tessel_linux.o", "not named like a kernel module"),
 ])
 def test_a_module_of_another_name_is_refused(publisher, tmp_path, name, why):
     module = publisher.modules("3.10.0-957.el7.x86_64")[0].rename(tmp_path / name)

@@ -21,7 +21,7 @@ void add_version_option(CLI::App& app);
 void add_color_option(CLI::App& app, ColorMode& mode);
 
 /// Parses the command line. --help and --version print to stdout, errors to stderr.
-/// @return the exit status when the program should end now; nothing when it should go on
+/// @return the exit status if the program should end now; nothing if it should continue
 [[nodiscard]] std::optional<int> parse_command_line(CLI::App& app, int argc,
                                                     const char* const* argv);
 

@@ -1,4 +1,4 @@
-// Findings: what a tool has to say about a host or a server tree, in the manner of a linter.
+// Findings: what a tool reports about a host or a server tree, like the messages of a linter.
 #pragma once
 
 #include <iosfwd>

@@ -1,5 +1,5 @@
-// The settings that an interrupted agent update could not carry over. norvak_recover notes them,
-// norvak_host reports them.
+// The settings that an interrupted agent update could not carry over. norvak_recover keeps their
+// values, norvak_host reports them.
 #pragma once
 
 #include <optional>
@@ -22,24 +22,23 @@ struct LostSetting {
   std::string found;
 };
 
-/// What is wrong with the settings in config.xml: `update_type` is not the kept one, or `version`
-/// is neither the kept nor the offered one nor newer than that. Empty if all is well or config.xml
-/// cannot be read.
+/// The settings in config.xml that are wrong: `update_type`, if it is not the kept one, and
+/// `version`, if it is neither the kept one nor the offered one nor newer than the offered one.
+/// Empty if config.xml cannot be read.
 [[nodiscard]] std::vector<LostSetting> lost_settings(const KeptSettings& kept,
                                                      const std::string& config_path);
 
-/// The path of the note, to be shown to people.
+/// Path of the file that keeps the settings.
 [[nodiscard]] std::string kept_settings_path();
 
-/// Reads the note of the last interrupted update.
-/// @return nothing if there is none
+/// @return nothing if no settings are kept
 [[nodiscard]] std::optional<KeptSettings> read_kept_settings();
 
-/// Writes the note, and waits until it is on disk.
+/// Keeps @a kept, and waits until it is on disk.
 /// @return false if that failed
 [[nodiscard]] bool write_kept_settings(const KeptSettings& kept);
 
-/// Removes the note: all settings are as they should be.
+/// Removes what is kept, once no setting is lost any more.
 void remove_kept_settings();
 
 }  // namespace tools

@@ -4,7 +4,9 @@
 #include <unistd.h>
 
 #include <fstream>
+#include <sstream>
 
+#include "common/command_line.h"
 #include "utility/durable_file.h"
 
 namespace tools {
@@ -31,12 +33,10 @@ std::string state_text(const nlohmann::json& json, const char* name) {
 }
 
 bool write_state_file(const char* name, const nlohmann::json& json) {
-  constexpr int kOneLine = -1;
-  constexpr bool kAsciiOnly = true;
+  std::ostringstream text;
+  print_json(text, json);
   (void)::mkdir(kStateDir, kStateDirMode);  // the write reports a missing directory
-  return utility::replace_durably(
-      state_path(name),
-      json.dump(kOneLine, ' ', kAsciiOnly, nlohmann::json::error_handler_t::replace) + "\n");
+  return utility::replace_durably(state_path(name), text.str());
 }
 
 void remove_state_file(const char* name) { (void)::unlink(state_path(name).c_str()); }

@@ -1,4 +1,4 @@
-// Text for people: colours where they help, and no byte that a terminal would obey.
+// Text for people: optional colours, and no control characters from untrusted text.
 #pragma once
 
 #include <string>
@@ -14,15 +14,15 @@ enum class Color { kNone, kBold, kRed, kGreen, kYellow, kBlue };
 [[nodiscard]] bool use_color(ColorMode mode, int fd);
 
 /// @a text with every byte outside printable ASCII replaced by its escape: `\t`, `\n`, `\r` or
-/// `\xHH`. For everything that comes from a file, a server or a command line.
+/// `\xHH`. Use it for all text from a file, a server or a command line.
 [[nodiscard]] std::string printable(const std::string& text);
 
-/// Colours texts, or leaves them alone.
+/// Colours text if colours are enabled.
 class Painter {
  public:
   explicit Painter(bool enabled) : enabled_(enabled) {}
 
-  /// @a text in @a color; unchanged where colours are off.
+  /// @a text in @a color; unchanged if colours are disabled.
   [[nodiscard]] std::string operator()(Color color, const std::string& text) const;
 
  private:

@@ -22,7 +22,7 @@ namespace {
 
 using tools::Severity;
 
-/// Machine names with builds of the agent package and of the kernel modules for the processor.
+/// Machine names for which both the agent package and the kernel modules are built.
 constexpr std::array<const char*, 3> kServedMachines = {"x86_64", "i386", "i686"};
 
 /// The largest process id of any Linux system: PID_MAX_LIMIT.
@@ -77,7 +77,7 @@ bool Conditions::check_writable(const char* code, const std::string& directory, 
   if (::access(directory.c_str(), W_OK | X_OK) == 0) return true;
   if (::geteuid() != 0) {
     findings_.note("not-root", directory,
-                   "this user may not write the directory; whether root may cannot be told",
+                   "this user may not write to the directory; whether root may is not known",
                    "run norvak_host as root");
     return true;
   }
@@ -118,8 +118,8 @@ void Conditions::check_running(UpdateType type) const {
     if (updater.type != type || !updater.certain) continue;
     findings_.warning("updater-running", "/proc/" + std::to_string(updater.pid),
                       std::string("an updater of the type ") + type_name(type) +
-                          " is at work: two of them at once mix their downloads",
-                      "wait for its end, and take a lock around each run");
+                          " is running: two of them at the same time mix their downloads",
+                      "wait until it has ended, and run updates under a lock");
   }
 }
 
@@ -128,12 +128,12 @@ void Conditions::check_machine(UpdateType type) const {
     if (facts_.machine == served) return;
   }
   const bool soft = type == UpdateType::kSoft;
-  findings_.error(
-      "machine-without-builds", facts_.machine,
-      soft
-          ? "there is no agent package for this machine; it gets that for " + facts_.package_arch
-          : "there are no kernel modules for this machine; it gets those for " + facts_.module_arch,
-      "do not update this host");
+  findings_.error("machine-without-builds", facts_.machine,
+                  soft ? "there is no agent package for this machine; a run installs that for " +
+                             facts_.package_arch
+                       : "there are no kernel modules for this machine; a run installs those for " +
+                             facts_.module_arch,
+                  "do not update this host");
 }
 
 bool Conditions::check_address(const char* name, const std::string& url) const {
@@ -157,7 +157,7 @@ bool Conditions::check_address(const char* name, const std::string& url) const {
   return true;
 }
 
-Conditions::Kill Conditions::check_pid_file() const {
+Conditions::Victim Conditions::check_pid_file() const {
   const std::string file = below(agent_files::kPid);
   const std::optional<pid_t> pid = CHelper::read_pid(file);
   if (!pid) {
@@ -166,14 +166,14 @@ Conditions::Kill Conditions::check_pid_file() const {
                         "the pid file cannot be read: the agent would not be stopped",
                         "run norvak_host as root, or let the agent write it again");
     }
-    return Kill::kAgent;
+    return Victim::kOthers;
   }
   if (*pid == 0) {
     findings_.error("pid-file-zero", file,
                     "the pid file is empty, not a number, or 0: a run that stops the agent kills "
                     "itself and its process group instead",
                     "let startup.sh write the file whole or not at all");
-    return Kill::kUpdater;
+    return Victim::kRun;
   }
   if (*pid < 0) {
     findings_.error("pid-file-negative", file,
@@ -181,15 +181,15 @@ Conditions::Kill Conditions::check_pid_file() const {
                         (*pid == -1 ? ": a run that stops the agent kills every process of the host"
                                     : ": a run that stops the agent kills a process group"),
                     "let startup.sh write the file whole or not at all");
-    return Kill::kAgent;
+    return Victim::kOthers;
   }
   check_pid(*pid, file);
-  return Kill::kAgent;
+  return Victim::kOthers;
 }
 
-/// A process id that `kill` takes for one process.
+/// Checks a positive process id, which `kill` takes for one process.
 void Conditions::check_pid(pid_t pid, const std::string& file) const {
-  const std::string text = utility::read_first_line(file, 32).value_or("");
+  const std::string text = utility::read_first_line(file, CHelper::kPidLimit).value_or("");
   if (std::strtoll(text.c_str(), nullptr, 10) != pid || pid > kMaxPid) {
     findings_.error(
         "pid-file-too-large", file,
@@ -209,7 +209,8 @@ void Conditions::check_pid(pid_t pid, const std::string& file) const {
   const std::optional<std::vector<std::string>> paths = process_paths(pid);
   if (!paths) {
     findings_.note("process-unreadable", "/proc/" + std::to_string(pid),
-                   "whether the process in norvak.pid is the agent cannot be read",
+                   "this user may not examine the process in norvak.pid, so whether it is the "
+                   "agent is not known",
                    "run norvak_host as root");
     return;
   }
@@ -217,7 +218,7 @@ void Conditions::check_pid(pid_t pid, const std::string& file) const {
       ::realpath(facts_.install_dir.c_str(), nullptr), &std::free);
   for (const std::string& path : *paths) {
     if (is_below(path, facts_.install_dir)) return;
-    if (resolved && is_below(path, resolved.get())) return;  // links of /proc are resolved
+    if (resolved && is_below(path, resolved.get())) return;  // /proc resolves symbolic links
   }
   findings_.error(
       "pid-file-foreign", file,
@@ -282,10 +283,9 @@ void Conditions::check_record() const {
 
 bool Conditions::check_space(const std::string& url, std::optional<std::size_t> bytes) const {
   if (!bytes) {
-    findings_.note("size-unknown", url,
-                   "the server does not tell the size of the file, so the free space cannot be "
-                   "checked",
-                   "");
+    findings_.note(
+        "size-unknown", url,
+        "the server does not report the size of the file, so the free space cannot be checked", "");
     return true;
   }
   struct statvfs status = {};

@@ -11,39 +11,44 @@
 
 namespace host {
 
-/// Reads the host and adds what it finds. Each operation returns whether a run could do its work.
+/// Each check adds its findings. Those that return bool say whether a run could do its work.
 class Conditions {
  public:
   Conditions(const HostFacts& facts, Findings& findings) : facts_(facts), findings_(findings) {}
 
-  /// What concerns runs of any type, and leftovers of @a type.
+  /// Checks what concerns runs of any type, and the leftovers and live updaters of @a type.
+  /// @return false if nothing can be downloaded into the install directory
   [[nodiscard]] bool check_host(UpdateType type) const;
 
-  /// The machine's name against the builds that exist.
+  /// Checks that there are builds for this machine.
   void check_machine(UpdateType type) const;
 
-  /// The base address @a url in the setting @a name, which must not be empty.
+  /// Checks @a url, the base address in the setting @a name.
+  /// @return false if it is empty
   [[nodiscard]] bool check_address(const char* name, const std::string& url) const;
 
-  /// What `kill` would do with the pid file's contents.
-  enum class Kill {
-    kAgent,   ///< ends a process, or nothing
-    kUpdater  ///< ends the run itself
+  /// Whom a run would kill through the pid file.
+  enum class Victim {
+    kOthers,  ///< the agent, other processes, or none
+    kRun      ///< the run itself
   };
-  [[nodiscard]] Kill check_pid_file() const;
+  [[nodiscard]] Victim check_pid_file() const;
 
-  /// What the installation of an agent package needs.
+  /// Checks what installing an agent package needs.
+  /// @return false if the package could not be unpacked
   [[nodiscard]] bool check_package_tools() const;
 
-  /// The directory of the file at @a suffix below the install directory, into which a new one is
-  /// moved. The codes are those of the findings.
+  /// Checks the directory of the file that a run replaces.
+  /// @param suffix  path of the file below the install directory
+  /// @param missing, not_writable  codes of the findings
   void check_target(const char* suffix, const char* missing, const char* not_writable) const;
 
-  /// Whether the kernel version record is where it belongs.
+  /// Checks that the path of the kernel version record is not truncated.
   void check_record() const;
 
-  /// Free space for an offered file. While it is moved, it is there twice.
-  /// @param bytes  nothing if the server does not tell
+  /// Checks the free space for the offered file @a url, which exists twice while it is moved.
+  /// @param bytes  its size; nothing if the server does not report it
+  /// @return false if it cannot even be downloaded
   [[nodiscard]] bool check_space(const std::string& url, std::optional<std::size_t> bytes) const;
 
  private:

@@ -14,10 +14,4 @@ void Findings::add(const char* code, tools::Severity severity, const std::string
   if (!known) findings_.push_back({code, severity, file, text, fix});
 }
 
-bool Findings::has_error() const {
-  return std::any_of(findings_.begin(), findings_.end(), [](const Finding& finding) {
-    return finding.severity == tools::Severity::kError;
-  });
-}
-
 }  // namespace host

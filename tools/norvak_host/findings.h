@@ -1,4 +1,4 @@
-// The findings of one command, each of them once.
+// The findings of one command, without duplicates.
 #pragma once
 
 #include <string>
@@ -28,8 +28,6 @@ class Findings {
   }
 
   [[nodiscard]] const std::vector<tools::Finding>& all() const { return findings_; }
-
-  [[nodiscard]] bool has_error() const;
 
  private:
   std::vector<tools::Finding> findings_;

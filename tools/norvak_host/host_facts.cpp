@@ -3,7 +3,6 @@
 #include <sys/utsname.h>
 
 #include <nlohmann/json.hpp>
-#include <optional>
 
 #include "host_identity.h"
 #include "utility/file.h"

@@ -18,9 +18,6 @@ namespace {
 using tools::Color;
 using tools::printable;
 
-constexpr const char* kSettingNames[] = {config::kUpdateHost, config::kUpdateType, config::kVersion,
-                                         config::kKernelUpdateHost, config::kNginxUpdateHost};
-
 constexpr std::size_t kSettingWidth = 20;
 
 constexpr char kAnyArch[] = "{arch}";
@@ -37,9 +34,9 @@ std::string Settings::value(const char* name) const {
 
 Settings read_settings(const std::string& install_dir) {
   const std::string path = install_dir + agent_files::kConfig;
-  const std::string not_set(1, '\0');  // no XML document holds it
+  const std::string not_set(1, '\0');  // no setting has this value: XML has no NUL
   Settings settings;
-  for (const char* const name : kSettingNames) {
+  for (const char* const name : config::kSettingNames) {
     std::string value = not_set;
     settings.readable = config::get_config_var(path, name, value) == 0;
     settings.values[name] = value == not_set ? std::nullopt : std::make_optional(value);
@@ -72,7 +69,7 @@ std::vector<Request> all_requests(const HostFacts& facts, const Settings& settin
     requests.push_back({UpdateType::kNginx, server_paths::nginx_identification(directory)});
     requests.push_back({UpdateType::kNginx, server_paths::nginx_program(directory)});
   }
-  // The rule update does not notice that its setting is missing.
+  // A rule update requests these even if its setting is missing.
   requests.push_back({UpdateType::kRules, kernel + server_paths::kRulesDigestList});
   requests.push_back({UpdateType::kRules, kernel + server_paths::kRules});
   return requests;
@@ -98,7 +95,7 @@ void print_identity(std::ostream& out, const tools::Painter& paint, const HostFa
   if (!settings.readable) {
     out << "  " << printable(facts.install_dir) << agent_files::kConfig << " cannot be read\n";
   }
-  for (const char* const name : kSettingNames) {
+  for (const char* const name : config::kSettingNames) {
     const std::optional<std::string>& value = settings.values.at(name);
     out << "  " << padded(name, kSettingWidth) << (value ? printable(*value) : "(not set)") << "\n";
   }

@@ -1,4 +1,4 @@
-// What the updater will use on a host: settings and addresses.
+// The settings that the updater uses on a host, and the addresses that it requests.
 #pragma once
 
 #include <iosfwd>
@@ -22,6 +22,7 @@ struct Settings {
   [[nodiscard]] std::string value(const char* name) const;
 };
 
+/// Reads the settings from config.xml, as the updater does.
 [[nodiscard]] Settings read_settings(const std::string& install_dir);
 
 /// An address that an update requests.
@@ -30,16 +31,16 @@ struct Request {
   std::string url;
 };
 
-/// Every request of an update of each type that finds everything new, in order. The web server
-/// program's have "{arch}" and "{version}" in place of what the command line names. A type whose
-/// base address is not set requests nothing, except the rules.
+/// The requests of an update of each type, in order, if it finds everything new. Those for the web
+/// server program contain "{arch}" and "{version}", because the command line decides these. A type
+/// whose base address is not set requests nothing; the rules are an exception.
 [[nodiscard]] std::vector<Request> all_requests(const HostFacts& facts, const Settings& settings);
 
-/// Shows facts, settings and requests to people.
+/// Prints facts, settings and requests for people.
 void print_identity(std::ostream& out, const tools::Painter& paint, const HostFacts& facts,
                     const Settings& settings);
 
-/// One object in one line.
+/// Prints the same as a JSON object in one line.
 void print_identity_json(std::ostream& out, const HostFacts& facts, const Settings& settings);
 
 }  // namespace host

@@ -1,8 +1,8 @@
 #include "log_line.h"
 
 #include <algorithm>
-#include <array>
 #include <cstring>
+#include <iterator>
 
 #include "agent_files.h"
 #include "log_messages.h"
@@ -16,13 +16,10 @@ constexpr std::int64_t kDaySeconds = 86400;
 constexpr std::int64_t kHourSeconds = 3600;
 constexpr std::int64_t kMinuteSeconds = 60;
 
-constexpr std::array<const char*, 3> kModules = {
-    agent_files::kIpfilterModule, agent_files::kTesselModule, agent_files::kQuorinModule};
-
-/// Every message is longer.
+/// How much of a message is compared first. Every message is longer.
 constexpr std::size_t kLeadBytes = 2;
 
-/// A format of the log, cut at what a run fills in.
+/// A message format, split at its conversion specification.
 class Format {
  public:
   constexpr Format(const char* format, std::optional<UpdateType> type, bool names_module = false)
@@ -38,16 +35,16 @@ class Format {
   [[nodiscard]] std::optional<UpdateType> type() const { return type_; }
 
   /// Whether @a message was written with this format.
-  /// @param[out] module  set when it names one
+  /// @param[out] module  set if the message names one
   [[nodiscard]] bool matches(std::string_view message, int& module) const {
-    // These characters rule out most formats without a call.
+    // This rules out most formats cheaply.
     if (std::memcmp(message.data(), prefix_.data(), kLeadBytes) != 0) return false;
     if (!has_argument_) return message == prefix_;
     if (message.compare(0, prefix_.size(), prefix_) != 0) return false;
-    if (!names_module_) return true;  // a path or an address: anything, and maybe cut
+    if (!names_module_) return true;  // any path or address, perhaps truncated
     const std::string_view rest = message.substr(prefix_.size());
-    for (std::size_t i = 0; i < kModules.size(); ++i) {
-      const std::string_view name(kModules[i]);
+    for (std::size_t i = 0; i < std::size(agent_files::kModules); ++i) {
+      const std::string_view name(agent_files::kModules[i]);
       if (rest.size() == name.size() + suffix_.size() && rest.compare(0, name.size(), name) == 0 &&
           rest.compare(name.size(), suffix_.size(), suffix_) == 0) {
         module = static_cast<int>(i);
@@ -180,7 +177,7 @@ std::int64_t LogLine::clock() const {
 }
 
 std::time_t LogLine::epoch() const {
-  // The broken-down time: what gmtime makes of a clock that is never put forward or back.
+  // The fields of the time stamp: gmtime_r() reverses clock().
   const std::time_t as_utc = static_cast<std::time_t>(clock());
   std::tm shown = {};
   (void)::gmtime_r(&as_utc, &shown);
@@ -190,13 +187,13 @@ std::time_t LogLine::epoch() const {
     local.tm_isdst = summer_time;
     const std::time_t candidate = std::mktime(&local);
     const bool same = local.tm_hour == shown.tm_hour && local.tm_min == shown.tm_min;
-    // One second: the clock that stamps files lags behind the one that is shown.
+    // One second more: file times lag slightly behind the clock that the updater reads.
     if (same && candidate > result && (result == -1 || candidate <= written + 1)) {
       result = candidate;
     }
   }
   if (result != -1) return result;
-  shown.tm_isdst = -1;  // a time that the clock never showed, as after a change of its zone
+  shown.tm_isdst = -1;  // a time that this zone skips; the zone may have been changed
   return std::mktime(&shown);
 }
 

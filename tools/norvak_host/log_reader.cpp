@@ -17,7 +17,7 @@ namespace host {
 namespace {
 
 constexpr std::size_t kBlockBytes = std::size_t{64} * 1024;
-constexpr char kCompressedSuffix[] = ".gz";
+constexpr std::string_view kCompressedSuffix = ".gz";
 
 struct GzCloser {
   void operator()(gzFile file) const noexcept { (void)gzclose(file); }
@@ -32,9 +32,9 @@ bool all_digits(std::string_view text) {
   return !text.empty() && text.find_first_not_of("0123456789") == std::string_view::npos;
 }
 
-/// One more than the place of the last @a c in @a text; 0 if there is none.
+/// The length of @a text up to and including its last @a c; 0 if there is none.
 std::size_t last_of(std::string_view text, char c) {
-  // Several times as fast as rfind.
+  // memrchr: several times as fast as rfind.
   const void* const found = text.empty() ? nullptr : ::memrchr(text.data(), c, text.size());
   if (found == nullptr) return 0;
   return static_cast<std::size_t>(static_cast<const char*>(found) - text.data()) + 1;
@@ -71,7 +71,9 @@ std::vector<std::string> rotated_logs(const std::string& path) {
     const std::string name(entry->d_name);
     if (name.size() <= base.size() + 1 || name.compare(0, base.size(), base) != 0) continue;
     std::string number = name.substr(base.size() + 1);
-    if (ends_with(number, kCompressedSuffix)) number.resize(number.size() - 3);
+    if (ends_with(number, kCompressedSuffix)) {
+      number.resize(number.size() - kCompressedSuffix.size());
+    }
     if (!all_digits(number)) continue;
     if (name[base.size()] == '.') counted.push_back({name, number});
     if (name[base.size()] == '-') dated.push_back({name, number});
@@ -88,17 +90,18 @@ std::vector<std::string> rotated_logs(const std::string& path) {
 
   std::vector<std::string> paths;
   for (const Rotated& log : counted) {
-    // While logrotate compresses a file, there are both.
-    const bool is_copy = ends_with(log.name, kCompressedSuffix) &&
-                         utility::exists(directory + log.name.substr(0, log.name.size() - 3));
+    // While logrotate compresses a file, both exist.
+    const bool is_copy =
+        ends_with(log.name, kCompressedSuffix) &&
+        utility::exists(directory + log.name.substr(0, log.name.size() - kCompressedSuffix.size()));
     if (!is_copy) paths.push_back(directory + log.name);
   }
   return paths;
 }
 
-/// The text of a compressed file in an unnamed temporary file.
-/// @return nothing when it cannot be read; the bytes written are more than @a limit when it is
-///         longer, and then not all of its text
+/// Decompresses a file into an unnamed temporary file. Stops soon after @a limit bytes.
+/// @return the temporary file and its size, which exceeds @a limit if the text does; nothing if the
+///         file cannot be read
 std::optional<std::pair<utility::Descriptor, std::size_t>> decompress(const std::string& path,
                                                                       std::size_t limit) {
   const GzPtr in(gzopen(path.c_str(), "rbe"));
@@ -143,7 +146,7 @@ bool BackwardFile::next(std::string_view& line) {
       if (unread_ != 0 || at_end_of_line_) break;  // a part of a line, or nothing
     }
     line = text.substr(length);
-    // What ends the line before stays in the buffer only if it was a NUL.
+    // The line end before this line stays in the buffer only if it is a NUL.
     end_ = begin_ + length - (length > 0 && zero == 0 ? 1 : 0);
     const bool is_whole = !std::exchange(skipping_, false) && line.size() <= kMaxLineBytes;
     if (is_whole && !(zero > 0 && line.empty())) return true;
@@ -151,8 +154,8 @@ bool BackwardFile::next(std::string_view& line) {
   return false;
 }
 
-/// Drops what ends the last line in the buffer. Files that were not flushed before a power cut may
-/// hold NULs in place of lines.
+/// Drops the line end of the last line in the buffer. A file that was not flushed before a power
+/// cut may have NULs in place of lines.
 void BackwardFile::drop_line_end() {
   while (end_ > begin_ && buffer_[end_ - 1] == '\0') --end_;
   if (end_ == begin_) return;

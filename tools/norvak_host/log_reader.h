@@ -43,11 +43,11 @@ class BackwardFile {
   std::size_t begin_ = 0;  ///< the part of the buffer that is still to be returned
   std::size_t end_ = 0;
   bool done_ = false;
-  bool at_end_of_line_ = true;  ///< the buffer's text, or what precedes it, ends with a line's end
+  bool at_end_of_line_ = true;  ///< the text to be returned ends with a line end to be dropped
   bool skipping_ = false;       ///< inside a line that is too long
 };
 
-/// The lines of `update.log` and of what logrotate made of its predecessors: `update.log.1`,
+/// The lines of `update.log` and of its predecessors as logrotate names them: `update.log.1`,
 /// `update.log.2.gz`, `update.log-20260131`, `update.log-20260131.gz`. Newest first.
 class LogReader {
  public:
@@ -65,7 +65,7 @@ class LogReader {
   /// When the file that holds the current line was last written: no line in it is newer.
   [[nodiscard]] std::time_t written() const { return written_; }
 
-  /// Whether there is more text than the limit allowed to read.
+  /// Whether the limit left text unread.
   [[nodiscard]] bool limit_reached() const { return limit_reached_; }
 
   /// Files that exist and could not be read.

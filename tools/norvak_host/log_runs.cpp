@@ -4,6 +4,7 @@
 #include <iterator>
 #include <optional>
 
+#include "agent_files.h"
 #include "log_messages.h"
 
 namespace host {
@@ -12,14 +13,14 @@ namespace {
 
 using namespace log_messages;  // NOLINT(google-build-using-namespace): the vocabulary of this file
 
-/// The updater writes some lines without waiting for anything in between: lines that are further
-/// apart are of different runs.
+/// The updater writes some pairs of lines without waiting in between. If they are further apart
+/// than this, they belong to different runs.
 constexpr std::int64_t kMomentSeconds = 60;
 
-/// In place of the format of a line that was not read.
+/// Stands for the format of a line that was skipped.
 constexpr char kNoInterest[] = "";
 
-/// More than a run writes, and more than a note needs.
+/// Limit of the lines that belong to no run: each of them becomes a note.
 constexpr std::size_t kMostUnowned = 16;
 
 enum class Gap { kMoment, kAny };
@@ -83,7 +84,7 @@ bool is_transfer(const LogLine& line) {
   return line.format == kTransferFailed || line.format == kTransferInitFailed;
 }
 
-/// A kernel run that is done with a module, and goes on.
+/// Whether a kernel run is done with a module after this line.
 bool ends_module(const LogLine& line) {
   return line.format == kKernelCurrent || line.format == kKernelUpdated;
 }
@@ -111,7 +112,7 @@ constexpr Result kResults[] = {
     {kRulesCurrent, Verdict::kNothingToDo},
 };
 
-constexpr int kLastModule = 2;
+constexpr int kLastModule = static_cast<int>(std::size(agent_files::kModules)) - 1;
 
 }  // namespace
 
@@ -119,12 +120,12 @@ bool RunCollector::add(const LogLine& line) {
   if (complete_) return false;
   if (!lines_.empty() && !precedes(line)) {
     adjacent_ = false;
-    // A kernel run has a line for each module: it is not whole before its first module was found,
-    // whatever another run of this type has written between.
+    // A kernel run has lines for each module, so it is incomplete until its first module is found,
+    // even if lines of another kernel run are between.
     complete_ = type_ != UpdateType::kKernel || earliest().module <= 0;
     return false;
   }
-  // Two kernel messages name no module: it is that of the line after them.
+  // Two kernel messages name no module: they concern that of the line after them.
   const int module = line.module < 0 && !lines_.empty() ? earliest().module : line.module;
   earliest_ = lines_.size();
   lines_.push_back(line);
@@ -143,7 +144,7 @@ bool RunCollector::precedes(const LogLine& line) const {
     return pair.before == line.format && pair.after == next.format &&
            (line.module < 0 || line.module == next.module) &&
            (pair.gap == Gap::kAny || within_a_moment(line, next)) &&
-           // A run that finds nothing new has downloaded all it needs.
+           // After this line a run downloads nothing, so no transfer can fail.
            !(has_transfer_ && line.format == kNginxNotNew);
   });
 }
@@ -208,8 +209,8 @@ Verdict RunCollector::verdict() const {
 
 RunFinder::RunFinder() : collectors_(kUpdateTypes.begin(), kUpdateTypes.end()) {}
 
-/// Whether the line is of a run before the last one of its type, and no other run waits for what
-/// precedes it. That is most lines of a long log.
+/// Whether the line belongs to a run before the last one of its type, and no run that was found is
+/// still incomplete. That is so for most lines of a long log.
 bool RunFinder::is_of_no_interest(std::string_view text) const {
   const std::optional<UpdateType> type = tagged_type(text);
   return type && collectors_[index(*type)].complete() &&
@@ -229,7 +230,7 @@ void RunFinder::add(std::string_view text, std::time_t written) {
     for (RunCollector& collector : collectors_) collector.pass_other(text.empty());
     return;
   }
-  // Most lines belong to runs before the last ones: these are not copied.
+  // Most lines belong to runs before the last ones. Their texts are not copied.
   if (!line->type || !collectors_[index(*line->type)].complete()) {
     line->text = kept_.emplace_back(text);
   }
@@ -249,9 +250,10 @@ void RunFinder::add(std::string_view text, std::time_t written) {
   if (!line->type) keep_unowned(*line);
 }
 
-/// It is the run's that needs it, or else the run's whose line follows it.
+/// A failed transfer belongs to the run that cannot be without it, or else to the run that wrote
+/// the next line.
 void RunFinder::add_transfer(const LogLine& line) {
-  if (next_format_ == kNoInterest) return;  // of an earlier run, too
+  if (next_format_ == kNoInterest) return;  // of no interest either
   using Fit = RunCollector::Fit;
   std::vector<RunCollector*> possible;
   RunCollector* needed = nullptr;
@@ -278,8 +280,8 @@ void RunFinder::add_transfer(const LogLine& line) {
   const AfterTransfer* const next =
       next_format_ == nullptr ? nullptr : after_transfer(next_format_);
   if (next != nullptr) {
-    // Of the run that wrote the next line, which may be an earlier one of its type; or of a run
-    // that had not ended by then.
+    // It belongs to the run that wrote the next line, which may be an earlier one of its type, or
+    // to another run that had not ended by then.
     if (adjacent != nullptr) adjacent->add_transfer(line);
     for (RunCollector* const run : possible) {
       if (!next->only_then && !run->separated()) run->doubt();

@@ -29,17 +29,17 @@ struct LoggedRun {
   std::vector<LogLine> lines;
 };
 
-/// Collects the last run of one type from lines that arrive newest first, and that other runs may
-/// have written lines between.
+/// Collects the lines of the last run of one type. Lines arrive newest first, and lines of other
+/// runs may be between them.
 ///
-/// The updater writes its lines in few orders. Reading backwards, a line belongs to the run when
-/// the updater can have written it just before the earliest line that is known; any other line of
-/// the same type ends the run.
+/// The updater writes its lines in few orders. A line belongs to the run if the updater can have
+/// written it just before the earliest line that is known; any other line of the same type belongs
+/// to an earlier run.
 class RunCollector {
  public:
   explicit RunCollector(UpdateType type) : type_(type) {}
 
-  /// A line of this type.
+  /// Takes a line of this type.
   /// @return whether it belongs to the run
   bool add(const LogLine& line);
 
@@ -52,22 +52,22 @@ class RunCollector {
   };
   [[nodiscard]] Fit fit_of_transfer(const LogLine& line) const;
 
-  /// The line about a failed transfer is this run's.
+  /// Adds a line about a failed transfer to this run.
   void add_transfer(const LogLine& line);
 
-  /// A line about a failed transfer may be this run's.
+  /// Notes that a line about a failed transfer may belong to this run.
   void doubt() { doubtful_ = true; }
 
-  /// A line of another type.
+  /// Passes over a line of another type.
   void pass(const LogLine& line);
 
-  /// A line that no run writes, or the empty line at the end of some run.
+  /// Passes over a line that the updater does not write, or the empty line that ends a run.
   void pass_other(bool is_end_of_run);
 
   /// Whether some run ended between the earliest known line and the one before it.
   [[nodiscard]] bool separated() const { return separated_; }
 
-  /// Whether earlier lines can make no difference.
+  /// Whether the run is known completely, so that earlier lines make no difference.
   [[nodiscard]] bool complete() const { return complete_; }
 
   /// Whether there is a line of this type.
@@ -84,7 +84,7 @@ class RunCollector {
 
   UpdateType type_;
   std::vector<LogLine> lines_;  ///< newest first
-  std::size_t earliest_ = 0;    ///< place of the earliest line, transfers apart
+  std::size_t earliest_ = 0;    ///< index of the earliest line, failed transfers apart
   bool has_transfer_ = false;   ///< the earliest line follows a failed transfer
   bool doubtful_ = false;
   bool adjacent_ = true;
@@ -97,12 +97,12 @@ class RunFinder {
  public:
   RunFinder();
   RunFinder(RunFinder&&) = default;
-  RunFinder(const RunFinder&) = delete;  // lines refer to texts in here
+  RunFinder(const RunFinder&) = delete;  // the lines refer to texts in kept_
   RunFinder& operator=(RunFinder&&) = delete;
   RunFinder& operator=(const RunFinder&) = delete;
   ~RunFinder() = default;
 
-  /// The line before those that were added, without its line feed.
+  /// Takes the line that precedes those taken so far, without its line feed.
   /// @param written  when the file that holds it was last written
   void add(std::string_view text, std::time_t written);
 
@@ -111,7 +111,8 @@ class RunFinder {
   }
 
   /// Lines that belong to no run of a known type, newest first: failed transfers, and runs of an
-  /// unknown type. Only those that are newer than some line of the runs that were found.
+  /// unknown type. Only those newer than the earliest line of the runs that were found; all of them
+  /// if none was found.
   [[nodiscard]] std::vector<LogLine> unowned() const;
 
  private:
@@ -120,10 +121,10 @@ class RunFinder {
   void keep_unowned(const LogLine& line);
 
   std::vector<RunCollector> collectors_;  ///< by type
-  std::deque<std::string> kept_;          ///< texts of the lines that are kept; never moved
+  std::deque<std::string> kept_;          ///< texts of collected lines; a deque never moves them
   std::vector<LogLine> unowned_;
-  std::size_t unowned_in_runs_ = 0;    ///< how many of them are newer than some line of a run
-  const char* next_format_ = nullptr;  ///< of the line after this one; null for other lines
+  std::size_t unowned_in_runs_ = 0;    ///< how many of them are newer than a line of a run
+  const char* next_format_ = nullptr;  ///< of the line taken last; null if it is unknown
 };
 
 }  // namespace host

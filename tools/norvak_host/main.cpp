@@ -24,7 +24,7 @@ namespace {
 
 constexpr char kExamples[] =
     "Examples:\n"
-    "  norvak_host identify                     what the updater takes this host for\n"
+    "  norvak_host identify                     how the updater identifies this host\n"
     "  norvak_host preview                      what runs would do now\n"
     "  norvak_host preview nginx 1.24.0 64-bit --check\n"
     "  norvak_host status                       what became of the last runs\n"
@@ -32,7 +32,7 @@ constexpr char kExamples[] =
 
 constexpr int kClean = 0;
 constexpr int kNotClean = 1;
-constexpr int kUpdateAvailable = 100;  // as `dnf check-update` ends
+constexpr int kUpdateAvailable = 100;  // the number that `dnf check-update` uses for this
 
 struct CommandLine {
   tools::ColorMode color = tools::ColorMode::kAuto;
@@ -65,7 +65,7 @@ std::optional<std::time_t> parse_duration(const std::string& text) {
   }
 }
 
-/// Takes the arguments of `preview`: nothing, or a type, with version and word size for nginx.
+/// Interprets the arguments of `preview`: nothing, or a type, with version and word size for nginx.
 void apply_preview_arguments(CommandLine& line) {
   const std::vector<std::string>& arguments = line.preview_arguments;
   if (arguments.empty()) return;
@@ -89,7 +89,7 @@ void apply_preview_arguments(CommandLine& line) {
 
 CLI::App* add_identify(CLI::App& app, CommandLine& line) {
   CLI::App* const identify =
-      app.add_subcommand("identify", "Show what the updater takes this host for");
+      app.add_subcommand("identify", "Show how the updater identifies this host");
   identify->add_flag("--json", line.json, "Print one JSON object");
   return identify;
 }
@@ -152,7 +152,7 @@ CLI::App* add_status(CLI::App& app, CommandLine& line) {
   CLI::Option* const prometheus =
       status
           ->add_option("--prometheus", line.prometheus,
-                       "Replace FILE by metrics for node_exporter's textfile collector")
+                       "Replace FILE with metrics for node_exporter's textfile collector")
           ->type_name("FILE");
   json->excludes(plugin, prometheus);
   plugin->excludes(prometheus);

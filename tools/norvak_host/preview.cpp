@@ -15,6 +15,7 @@
 #include "server_paths.h"
 #include "traces.h"
 #include "update_nginx.h"
+#include "update_soft.h"
 #include "utility/cstr.h"
 #include "utility/file.h"
 #include "utility/md5wrapper.h"
@@ -27,17 +28,16 @@ namespace {
 
 using published_digest::ModuleState;
 
-constexpr int kManualUpdating = 1;
 constexpr long kHttpOk = 200;
-constexpr int kLineLimit = 128;
 
 std::string first_line(const std::string& path) {
-  std::string line = utility::read_first_line(path, kLineLimit).value_or("");
+  constexpr int kLimit = static_cast<int>(published_digest::kMaxLineBytes) + 1;
+  std::string line = utility::read_first_line(path, kLimit).value_or("");
   utility::remove_line_feed(line);
   return line;
 }
 
-/// Whether a file can have this text as its digest.
+/// Whether @a text has the form of a digest.
 bool is_digest(const std::string& text) {
   constexpr std::size_t kDigits = 32;
   return text.size() == kDigits && text.find_first_not_of("0123456789abcdef") == std::string::npos;
@@ -94,7 +94,7 @@ class Previewer {
   void preview_soft(TypePreview& preview) {
     if (!settings_.readable) return set(preview, Outcome::kFailed, "config.xml cannot be read");
     const std::string method = settings_.value(config::kUpdateType);
-    if (utility::CStr::to_int(method.c_str()) == kManualUpdating) {
+    if (utility::CStr::to_int(method.c_str()) == CUpdateSoftImpl::kManualUpdating) {
       return set(preview, Outcome::kRefused, "automatic updates are disabled on this host");
     }
     conditions_.check_machine(UpdateType::kSoft);
@@ -141,14 +141,14 @@ class Previewer {
     }
   }
 
-  /// What a soft run does after it found a newer version.
+  /// Follows a soft run that has found a newer version.
   void check_installation(TypePreview& preview, const std::string& package) {
     const bool tools = conditions_.check_package_tools();
     if (!check_offer(package, "unpack")) {
-      return set(preview, Outcome::kFailed, "the agent package is not there");
+      return set(preview, Outcome::kFailed, "the server has no agent package for this host");
     }
     if (!has_space_) return set(preview, Outcome::kFailed, "there is not enough space");
-    if (conditions_.check_pid_file() == Conditions::Kill::kUpdater) {
+    if (conditions_.check_pid_file() == Conditions::Victim::kRun) {
       return set(preview, Outcome::kUnfinished, "the run would kill itself");
     }
     if (!tools) set(preview, Outcome::kFailed, "the agent package could not be unpacked");
@@ -272,10 +272,10 @@ class Previewer {
       return set(preview, Outcome::kFailed, "the published digest is unusable");
     }
     if (!check_offer(url, "verify")) {
-      return set(preview, Outcome::kFailed, "the rules are not there");
+      return set(preview, Outcome::kFailed, "the server has no rule file");
     }
     if (!has_space_) return set(preview, Outcome::kFailed, "there is not enough space");
-    if (conditions_.check_pid_file() == Conditions::Kill::kUpdater) {
+    if (conditions_.check_pid_file() == Conditions::Victim::kRun) {
       return set(preview, Outcome::kUnfinished, "the run would kill itself");
     }
     findings_.note("agent-stays-stopped", below(agent_files::kPid),
@@ -302,7 +302,7 @@ class Previewer {
     if (!conditions_.check_address(config::kNginxUpdateHost, server)) {
       return set(preview, Outcome::kFailed, "nginx_update_host is not set");
     }
-    const std::string arch = CUpdateNginxImpl().get_nginx_arch(options_.nginx_word_size.c_str());
+    const std::string arch = CUpdateNginxImpl::get_nginx_arch(options_.nginx_word_size.c_str());
     const std::string directory =
         server + server_paths::nginx_directory(arch, options_.nginx_version);
     const std::optional<Reply> reply =
@@ -316,7 +316,7 @@ class Previewer {
       conditions_.check_target(agent_files::kInstalledNginx, "nginx-bin-missing",
                                "nginx-bin-not-writable");
       if (!check_offer(server_paths::nginx_program(directory), "accept")) {
-        set(preview, Outcome::kFailed, "the program is not there");
+        set(preview, Outcome::kFailed, "the server has no program for this build");
       } else if (!has_space_) {
         set(preview, Outcome::kFailed, "there is not enough space");
       } else {
@@ -330,8 +330,8 @@ class Previewer {
     preview.parts.push_back(part);
   }
 
-  /// Downloads what a run downloads first.
-  /// @return nothing if the run would fail, or nothing can be told: @a preview then says so
+  /// Makes a download that the run would begin with.
+  /// @return nothing if the run would fail, or if that cannot be decided: @a preview is then set
   std::optional<Reply> fetch(TypePreview& preview, const std::string& url) {
     if (!can_download_) {
       set(preview, Outcome::kFailed, "nothing can be downloaded into the install directory");
@@ -350,8 +350,7 @@ class Previewer {
     if (reply.timed_out) {
       findings_.error(
           "server-stalls", url,
-          "the server did not answer in time; the updater has no time limit, so the run "
-          "would wait on",
+          "the server did not answer in time; the updater has no time limit and would keep waiting",
           "repair the server, and give the timer a time limit");
       set(preview, Outcome::kUnknown, "the server did not answer in time");
       return std::nullopt;
@@ -384,9 +383,9 @@ class Previewer {
            first_line(reply.path()).substr(0, 60) + "\"";
   }
 
-  /// Whether the file is there that a run would download next, and whether there is space for it.
+  /// Whether the server has the file that a run would download next. Sets has_space_.
   [[nodiscard]] bool check_offer(const std::string& url, const char* step) {
-    const Head head = ask_for_head(url, options_.timeout);
+    const Head head = request_head(url, options_.timeout);
     has_space_ = true;
     const bool no_head = head.http_status == 405 || head.http_status == 501;
     if (head.http_status >= 300 && !no_head) {

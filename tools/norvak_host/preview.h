@@ -18,7 +18,7 @@ struct Part {
   std::string name;
   std::string installed;  ///< version, digest or identification; empty if there is none
   std::string offered;    ///< likewise; empty if it could not be downloaded
-  Outcome outcome;        ///< kUnknown as well for what a run would not reach
+  Outcome outcome;        ///< kUnknown as well if the run would end before
 };
 
 /// What the server answered to one request.
@@ -39,8 +39,8 @@ struct TypePreview {
 
 struct PreviewOptions {
   std::vector<UpdateType> types = {UpdateType::kSoft, UpdateType::kKernel, UpdateType::kRules};
-  std::string nginx_version;    ///< second argument of a run of the type nginx
-  std::string nginx_word_size;  ///< third one
+  std::string nginx_version;    ///< the updater's second argument for the type nginx
+  std::string nginx_word_size;  ///< its third argument
   long timeout = 30;            ///< seconds, for each transfer
 };
 

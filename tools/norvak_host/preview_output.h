@@ -9,10 +9,10 @@
 
 namespace host {
 
-/// A table for people, followed by the findings.
+/// Prints a table for people, then the findings.
 void print_preview_table(std::ostream& out, const tools::Painter& paint, const Preview& preview);
 
-/// One object in one line.
+/// Prints the same as a JSON object in one line.
 void print_preview_json(std::ostream& out, const HostFacts& facts, const Preview& preview);
 
 }  // namespace host

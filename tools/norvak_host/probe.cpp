@@ -13,7 +13,7 @@ namespace host {
 
 namespace {
 
-/// @return fewer than @a count ends the transfer
+/// @return @a count, or 0 to abort the transfer
 std::size_t write_body(void* data, std::size_t size, std::size_t count, void* user) {
   Reply& reply = *static_cast<Reply*>(user);
   const std::size_t bytes = size * count;
@@ -56,7 +56,7 @@ Reply download(const std::string& url, long timeout) {
   return reply;
 }
 
-Head ask_for_head(const std::string& url, long timeout) {
+Head request_head(const std::string& url, long timeout) {
   Head head;
   const transfer::CurlPtr curl = transfer::prepare(url.c_str(), discard, nullptr);
   if (!curl) return head;

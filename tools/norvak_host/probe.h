@@ -1,4 +1,4 @@
-// Small downloads for looking at, made as the updater makes them.
+// Small downloads for inspection, with the updater's transfer options and with limits.
 #pragma once
 
 #include <cstddef>
@@ -17,14 +17,14 @@ struct Reply {
   std::size_t bytes = 0;   ///< of the body
   bool timed_out = false;  ///< the updater, which has no time limit, would still wait
   bool too_large = false;  ///< the body is longer than the limit
-  utility::FilePtr body;   ///< unnamed temporary file; null without a byte, like the updater's
+  utility::FilePtr body;   ///< unnamed temporary file; null if no byte arrived
 
-  /// Under this path the body can be opened; an empty body leaves no file, so the path leads
-  /// nowhere.
+  /// A path under which the body can be opened. It is empty if the body is: the updater, too, has
+  /// no file then.
   [[nodiscard]] std::string path() const;
 };
 
-/// Downloads at most this much of a file.
+/// The longest body that is downloaded.
 constexpr std::size_t kMaxProbeBytes = std::size_t{1024} * 1024;
 
 /// Downloads @a url.
@@ -34,10 +34,11 @@ constexpr std::size_t kMaxProbeBytes = std::size_t{1024} * 1024;
 /// What a server says about a file without sending it.
 struct Head {
   long http_status = 0;              ///< 0 without an HTTP reply
-  std::optional<std::size_t> bytes;  ///< nothing if the server does not tell
+  std::optional<std::size_t> bytes;  ///< nothing if the server does not report it
 };
 
-/// Requests only the head of @a url.
-[[nodiscard]] Head ask_for_head(const std::string& url, long timeout);
+/// Makes a HEAD request for @a url.
+/// @param timeout  seconds
+[[nodiscard]] Head request_head(const std::string& url, long timeout);
 
 }  // namespace host

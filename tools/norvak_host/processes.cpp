@@ -22,7 +22,7 @@ namespace {
 
 constexpr char kUpdater[] = "norvak_update";
 
-/// The executable was replaced or removed while it runs.
+/// The kernel appends this to the path of an executable that was replaced or removed.
 constexpr std::string_view kDeleted = " (deleted)";
 
 constexpr std::size_t kMaxCommandBytes = 4096;
@@ -76,7 +76,7 @@ bool same_install_dir(pid_t pid, const struct stat& own) {
          other.st_ino == own.st_ino;
 }
 
-/// The updater with the id @a pid, if it is one.
+/// The process as an updater; nothing if it is none.
 std::optional<RunningUpdater> as_updater(pid_t pid, const struct stat& install_dir) {
   const std::optional<std::string> path = read_link(pid, "exe");
   const bool hidden = !path && (errno == EACCES || errno == EPERM);
@@ -99,7 +99,7 @@ std::vector<RunningUpdater> find_updaters(const std::string& install_dir) {
   const utility::DirPtr processes(::opendir("/proc"));
   if (!processes || ::stat(install_dir.c_str(), &own) != 0) return updaters;
   while (const dirent* const entry = ::readdir(processes.get())) {
-    const pid_t pid = utility::CStr::to_int(entry->d_name);  // 0 for all that is no process
+    const pid_t pid = utility::CStr::to_int(entry->d_name);  // 0 for other entries
     if (pid <= 0) continue;
     const std::optional<RunningUpdater> updater = as_updater(pid, own);
     if (updater) updaters.push_back(*updater);

@@ -3,9 +3,6 @@
 #include <sys/stat.h>
 
 #include <algorithm>
-#include <cerrno>
-#include <cstring>
-#include <iterator>
 #include <string_view>
 
 #include "agent_files.h"
@@ -96,7 +93,7 @@ std::optional<std::time_t> modified(const std::string& path) {
   return status.st_mtime;
 }
 
-/// One reading of everything that changes while updaters run.
+/// Reads everything that changes while updaters run, once.
 class Snapshot {
  public:
   Snapshot(const HostFacts& facts, const StatusOptions& options)
@@ -143,7 +140,7 @@ class Snapshot {
     });
   }
 
-  /// Whether @a type was asked for, or, where nothing was, the host shows a trace of it.
+  /// Whether @a type was asked for or, if no type was, the host shows traces of it.
   [[nodiscard]] bool is_wanted(UpdateType type) const {
     const std::vector<UpdateType>& types = options_.types;
     if (!types.empty()) return std::find(types.begin(), types.end(), type) != types.end();
@@ -177,7 +174,7 @@ class Snapshot {
       for (const LogLine& line : run->lines) result.lines.emplace_back(line.text);
     }
     if (is_running(updaters_, type)) {
-      decide(result, Outcome::kRunning, "an updater is at work");
+      decide(result, Outcome::kRunning, "an updater is running");
       return result;
     }
     result.leftovers = leftovers(facts_.install_dir, type);
@@ -302,7 +299,7 @@ class Snapshot {
       type.reason += "; the agent is not running";
     } else if (status_.agent == AgentState::kUnknown) {
       type.level = Level::kUnknown;
-      type.reason += "; whether the agent is running cannot be read";
+      type.reason += "; whether the agent is running is not known";
     }
   }
 
@@ -315,7 +312,8 @@ class Snapshot {
                  " runs, but its install directory cannot be read",
              "run norvak_host as root");
       if (type.outcome == Outcome::kUnfinished) {
-        decide(type, Outcome::kUnknown, "the run may be at work: see the note on its process");
+        decide(type, Outcome::kUnknown,
+               "the run may still be in progress: see the note on its process");
       }
     }
   }
@@ -327,7 +325,7 @@ class Snapshot {
       report(unknown_type ? "unknown-type" : "unowned-transfer", Severity::kNote,
              facts_.install_dir + agent_files::kLog,
              (unknown_type ? "an updater was started with an unknown update type: "
-                           : "a transfer failed in a run that cannot be told from the log: ") +
+                           : "a transfer failed in a run that the log does not identify: ") +
                  std::string(line.text),
              unknown_type ? "correct the command line of the timer or script" : "");
     }
@@ -372,8 +370,7 @@ Status read_status(const HostFacts& facts, const StatusOptions& options) {
   const bool unfinished =
       std::any_of(status.types.begin(), status.types.end(),
                   [](const TypeStatus& type) { return type.outcome == Outcome::kUnfinished; });
-  // A run that ended after the log and before the processes were read looks like an interrupted
-  // one.
+  // A run that ended between the reading of the log and that of the processes looks interrupted.
   return unfinished ? Snapshot(facts, options).status() : status;
 }
 

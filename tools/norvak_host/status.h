@@ -32,7 +32,7 @@ struct TypeStatus {
   std::string reason;                     ///< why, for people
   std::optional<std::time_t> first_line;  ///< seconds since the epoch; nothing without a log line
   std::optional<std::time_t> last_line;
-  std::vector<std::string> lines;      ///< of the log, as far as the outcome follows from them
+  std::vector<std::string> lines;      ///< the run's log lines
   std::vector<std::string> leftovers;  ///< paths that an interrupted run left
 };
 
@@ -49,10 +49,10 @@ struct Status {
   std::vector<tools::Finding> findings;
 };
 
-/// Reads log, processes and files. Changes nothing.
+/// Reads the log, the processes and the files of this host. Changes nothing.
 [[nodiscard]] Status read_status(const HostFacts& facts, const StatusOptions& options);
 
-/// The worst level, in the order critical, warning, unknown, OK; unknown without a type.
+/// The worst level, in the order critical, warning, unknown, OK; unknown if there are no types.
 [[nodiscard]] Level worst_level(const Status& status);
 
 }  // namespace host

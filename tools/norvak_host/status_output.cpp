@@ -155,8 +155,7 @@ std::string prometheus_metrics(const Status& status) {
     }
   }
   out << "# HELP norvak_update_last_run_timestamp_seconds Time of the last log line of the last "
-         "run "
-         "of an update type.\n"
+         "run of an update type.\n"
          "# TYPE norvak_update_last_run_timestamp_seconds gauge\n";
   for (const TypeStatus& type : status.types) {
     if (!type.last_line) continue;

@@ -1,4 +1,4 @@
-// Small helpers of the tables for people.
+// Layout of the tables for people.
 #pragma once
 
 #include <string>
@@ -7,7 +7,7 @@ namespace host {
 
 constexpr std::size_t kTypeWidth = 8;
 
-/// @a text, filled up with blanks to at least @a width characters and one blank.
+/// @a text, padded with blanks to @a width characters, and with at least one blank.
 [[nodiscard]] inline std::string padded(const std::string& text, std::size_t width) {
   return text + std::string(width > text.size() + 1 ? width - text.size() : 1, ' ');
 }

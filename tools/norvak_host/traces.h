@@ -8,11 +8,11 @@
 
 namespace host {
 
-/// Paths of the work directory, and for soft the update marker, as far as they exist. While a run
-/// of the type is at work they are in use.
+/// Paths of the work directory and, for soft, of the update marker, if they exist. During a run of
+/// the type they are in use, not left over.
 [[nodiscard]] std::vector<std::string> leftovers(const std::string& install_dir, UpdateType type);
 
-/// Paths of new versions of config.xml that were not put in place.
+/// Paths of new versions of config.xml that were not renamed to it.
 [[nodiscard]] std::vector<std::string> config_leftovers(const std::string& install_dir);
 
 }  // namespace host

@@ -6,7 +6,7 @@
 
 namespace host {
 
-/// In the order of the updater's first argument, whose value each one has.
+/// The values are those of the updater's first argument.
 enum class UpdateType { kSoft, kKernel, kNginx, kRules };
 
 inline constexpr std::array<UpdateType, 4> kUpdateTypes = {UpdateType::kSoft, UpdateType::kKernel,
@@ -16,7 +16,7 @@ inline constexpr std::array<UpdateType, 4> kUpdateTypes = {UpdateType::kSoft, Up
   return static_cast<std::size_t>(type);
 }
 
-/// "soft", "kernel", "nginx" or "rules": the word for it on the command line and in all output.
+/// "soft", "kernel", "nginx" or "rules": its name on the command line and in all output.
 [[nodiscard]] constexpr const char* type_name(UpdateType type) {
   constexpr const char* kNames[] = {"soft", "kernel", "nginx", "rules"};
   return kNames[index(type)];

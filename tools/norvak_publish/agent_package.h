@@ -1,4 +1,4 @@
-// What the agent packages of norvak_publish look like, for those who build and those who read them.
+// The format of the agent packages, shared by their writer and their reader.
 #pragma once
 
 #include "agent_files.h"
@@ -8,8 +8,8 @@ namespace publish {
 /// The installation script, at the top of the package.
 inline constexpr const char* kPackageScript = agent_files::kPackageScript + 1;  // without the slash
 
-/// Begins the line of the script that holds the version which it records, up to the line's end. It
-/// is among the script's first lines.
+/// One of the script's first lines begins with this; the rest of that line is the version that the
+/// package installs.
 inline constexpr char kVersionMark[] = "# norvak-package-version: ";
 
 }  // namespace publish

@@ -24,10 +24,10 @@ namespace {
 constexpr std::size_t kReadBytes = std::size_t{128} * 1024;
 /// Two blocks of zero bytes end an archive.
 constexpr std::size_t kEndBytes = 1024;
-/// Of the script, as much as its first line and its version need.
+/// Enough of the script for its first line and its version.
 constexpr std::size_t kMostScriptBytes = std::size_t{64} * 1024;
 constexpr std::size_t kMostConfigBytes = std::size_t{16} * 1024 * 1024;
-/// A package full of bad paths needs no longer list.
+/// Limit of the lists in AgentPackage, whatever a package contains.
 constexpr std::size_t kMostNamed = 20;
 constexpr char kConfig[] = "config.xml";
 
@@ -36,8 +36,8 @@ struct ArchiveFree {
 };
 using ArchivePtr = std::unique_ptr<archive, ArchiveFree>;
 
-/// How far the path @a target leads up from the directory @a start, which lies @a depth levels
-/// below the package's top: whether it ever leaves the package.
+/// Whether the path @a target leaves the package at any point if it is followed from a directory
+/// @a depth levels below the package's top.
 bool leaves(std::string_view target, std::size_t depth) {
   while (!target.empty()) {
     const std::size_t end = std::min(target.find('/'), target.size());
@@ -109,12 +109,11 @@ class MemoryFile {
   utility::Descriptor file_;
 };
 
-/// Finds which settings are missing in the configuration file @a path.
+/// Finds the settings that are missing in the configuration file @a path.
 void read_settings(const std::string& path, AgentPackage::Config& config) {
   // No setting has this value: the character cannot occur in XML.
   const std::string unset("\x01");
-  for (const char* name : {config::kUpdateHost, config::kUpdateType, config::kVersion,
-                           config::kKernelUpdateHost, config::kNginxUpdateHost}) {
+  for (const char* name : config::kSettingNames) {
     std::string value = unset;
     if (config::get_config_var(path, name, value) != 0) return;
     if (value == unset) config.missing_settings.emplace_back(name);
@@ -152,7 +151,7 @@ class Reader {
   }
 
  private:
-  /// @return false when the rest cannot be read
+  /// @return false if the rest of the package cannot be read
   bool read_member(archive_entry* entry) {
     const std::string path = path_of(entry);
     const std::string hard_link = hard_link_of(entry);
@@ -220,7 +219,7 @@ class Reader {
   }
 
   /// Calls @a take with the member's data, block by block.
-  /// @return false when the data is not all there
+  /// @return false if the data is incomplete
   template <typename Take>
   bool for_each_block(const Take& take) {
     for (;;) {

@@ -1,4 +1,4 @@
-// What an agent package holds, as far as it decides what happens on a host.
+// The properties of an agent package that decide what it does to a host.
 #pragma once
 
 #include <optional>
@@ -8,11 +8,11 @@
 namespace publish {
 
 struct AgentPackage {
-  /// Why the file cannot be unpacked; empty if it can. The other members then tell of what was read
-  /// before.
+  /// Why the file cannot be unpacked; empty if it can. If it cannot, the other members describe
+  /// what was read before the damage.
   std::string damage;
-  /// The mark that ends a tar archive is there. tar does not miss it: a package that was cut
-  /// between two members unpacks without an error.
+  /// The archive has its end mark. tar does not require it: a package that was truncated between
+  /// two members unpacks without an error.
   bool has_end = false;
   /// A regular file "update" at the top level.
   bool has_script = false;
@@ -20,13 +20,13 @@ struct AgentPackage {
   bool script_has_carriage_return = false;
   /// The version that the script records; nothing for packages that norvak_publish did not make.
   std::optional<std::string> version;
-  /// Members whose own path, or whose link target, lies outside the package.
+  /// Members whose path or link target leads out of the package.
   std::vector<std::string> outside;
 
   /// A file config.xml in the package.
   struct Config {
     std::string member;
-    bool is_readable = false;                   ///< well-formed, of a sensible size
+    bool is_readable = false;                   ///< well-formed, and not too large
     std::vector<std::string> missing_settings;  ///< names of those that the updater reads
   };
   std::vector<Config> configs;

@@ -3,7 +3,6 @@
 #include <archive.h>
 #include <archive_entry.h>
 #include <fcntl.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -49,7 +48,7 @@ constexpr std::size_t kFields = 5;
 constexpr std::size_t kBlockBytes = std::size_t{128} * 1024;
 constexpr std::time_t kTime = 315532800;  // 1980-01-01: tar warns of times near zero
 constexpr std::uintmax_t kKib = 1024;
-constexpr std::uintmax_t kFileOverheadKib = 8;  // a started block, and the entry in the directory
+constexpr std::uintmax_t kFileOverheadKib = 8;  // a partly used block, and the directory entry
 constexpr std::uintmax_t kReserveKib = 64;      // the journal, and directories that grow
 
 bool is_one_of(const std::string& text, std::initializer_list<const char*> choices) {
@@ -75,17 +74,16 @@ bool ends_with(const std::string& text, std::string_view end) {
 /// Whether the updater or the script itself uses @a path on hosts.
 bool is_reserved(const std::string& path) {
   const std::string top = "/" + path.substr(0, path.find('/'));
-  for (const char* used :
-       {agent_files::kUpdateMarker, agent_files::kSoftWorkDir, agent_files::kKernelWorkDir,
-        agent_files::kNginxWorkDir, agent_files::kRuleWorkDir}) {
-    if (top == used) return true;
+  for (const char* work_dir : agent_files::kWorkDirs) {
+    if (top == work_dir) return true;
   }
-  return top.compare(1, sizeof(kJournal) - 1, kJournal) == 0 ||
+  return top == agent_files::kUpdateMarker || top.compare(1, sizeof(kJournal) - 1, kJournal) == 0 ||
          std::any_of(std::begin(kSuffixes), std::end(kSuffixes),
                      [&](const char* suffix) { return ends_with(path, suffix); });
 }
 
-/// Whether @a path stays below the directory that it follows, in lists of lines and tabs, too.
+/// Whether @a path is normalized, leads to something below the directory that it follows, and can
+/// be a field of a manifest.
 bool is_plain_path(const std::string& path) {
   const bool printable = std::none_of(
       path.begin(), path.end(), [](unsigned char c) { return std::iscntrl(c) != 0 || c == '\\'; });
@@ -201,7 +199,7 @@ class TarWriter {
     archive_entry_set_uname(entry.get(), "root");
     archive_entry_set_gname(entry.get(), "root");
     if (link_target != nullptr) archive_entry_set_symlink(entry.get(), link_target);
-    // A warning counts: it says that something was left out.
+    // Warnings count as errors: they mean that something was left out.
     if (archive_write_header(archive_.get(), entry.get()) != ARCHIVE_OK) fail(name);
   }
 
@@ -271,19 +269,19 @@ void write_members(TarWriter& tar, const PackageContents& contents) {
   digests += utility::md5wrapper().getHashFromString(manifest) + "  " + kManifest + "\n";
   tar.add_text(kManifest, manifest, 0644);
   tar.add_text(kDigests, digests, 0644);
-  // Last: a package that was cut has no script, and installs nothing.
+  // Last: a truncated package has no script, and installs nothing.
   tar.add_text(kPackageScript, script(contents, digests), 0755);
   tar.close();
 }
 
-/// What the payload has at the path of @a entry does not fit it: says so; empty if it fits.
+/// How the payload contradicts @a entry; empty if it does not.
 std::string misfit(const fs::path& payload, const PackageEntry& entry) {
   const fs::file_status status = fs::symlink_status(payload / entry.path);
   if (entry.type == kRemove) return fs::exists(status) ? " is in the payload, but removed" : "";
   if (!fs::exists(status)) return " is not in the payload";
-  if (entry.type == kDir) return fs::is_directory(status) ? "" : " is no directory";
-  if (entry.type == kLink) return fs::is_symlink(status) ? "" : " is no symbolic link";
-  return fs::is_regular_file(status) ? "" : " is no regular file";
+  if (entry.type == kDir) return fs::is_directory(status) ? "" : " is not a directory";
+  if (entry.type == kLink) return fs::is_symlink(status) ? "" : " is not a symbolic link";
+  return fs::is_regular_file(status) ? "" : " is not a regular file";
 }
 
 /// Whether @a directory of the payload contains scripts, which are not installed.
@@ -353,7 +351,7 @@ void write_package(const fs::path& output, const PackageContents& contents) {
   NewFile file(output);
   TarWriter tar(file.fd());
   write_members(tar, contents);
-  file.name_it(0644);
+  file.commit(0644);
 }
 
 std::string shell_quoted(const std::string& text) {

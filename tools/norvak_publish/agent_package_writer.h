@@ -10,7 +10,7 @@ namespace publish {
 /// A line of the manifest that says what to do with one path.
 struct PackageEntry {
   /// file, dir and link install that path of the payload; remove removes it on hosts; pre and post
-  /// are shell scripts of the payload that run before and after the files are switched.
+  /// are shell scripts of the payload that run before and after the new files replace the old ones.
   std::string type;
   std::string mode;   ///< octal; "-" except for file and dir
   std::string owner;  ///< name or number; "-" except for file, dir and link
@@ -20,7 +20,7 @@ struct PackageEntry {
 
 /// Reads a manifest: the five fields of an entry, separated by tabs, in each line. Empty lines and
 /// lines that begin with "#" are skipped.
-/// @throws Failure  it cannot be read, or a line makes no sense
+/// @throws Failure  it cannot be read, or a line is invalid
 [[nodiscard]] std::vector<PackageEntry> read_package_manifest(const std::filesystem::path& path);
 
 struct PackageContents {
@@ -30,12 +30,14 @@ struct PackageContents {
   bool replace_config = false;  ///< allow config.xml, which holds the hosts' server addresses
 };
 
-/// Compares the entries with the payload: each has to be there with its type, and with the
-/// directory above it as an entry, and everything in the payload has to be an entry.
+/// Compares the entries with the payload. An entry to install must exist there with its type, and
+/// its parent directory must be an entry, too; one to remove must not exist. Everything else in the
+/// payload is an error.
 /// @return what is wrong, one sentence each
 [[nodiscard]] std::vector<std::string> check_contents(const PackageContents& contents);
 
-/// Writes the package: the same contents make the same bytes. check_contents found nothing wrong.
+/// Writes the package. The same contents give the same bytes.
+/// @pre check_contents found nothing wrong
 /// @throws Failure  also for what a ustar archive cannot hold; @a output is unchanged then
 void write_package(const std::filesystem::path& output, const PackageContents& contents);
 

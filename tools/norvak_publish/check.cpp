@@ -32,20 +32,13 @@ std::set<std::string> fixed_paths() {
   return paths;
 }
 
-/// "/kernels" of "/kernels/".
-std::string without_slash(const char* directory) {
-  std::string path(directory);
-  path.pop_back();
-  return path;
-}
-
 /// Looks for names that no host requests, in the directories whose contents are known beforehand.
 void find_unrequested(const TreeReader& tree, const std::string& directory,
                       const std::set<std::string>& requested, Findings& findings) {
   for (const std::string& name : tree.list(directory, findings)) {
     const std::string path = TreeReader::join(directory, name);
-    if (path == without_slash(server_paths::kKernels) ||
-        path == without_slash(server_paths::kNginxBuilds) ||
+    if (path == TreeReader::without_slash(server_paths::kKernels) ||
+        path == TreeReader::without_slash(server_paths::kNginxBuilds) ||
         (directory.empty() && name == kReleasesDirectory)) {
       continue;
     }
@@ -57,8 +50,8 @@ void find_unrequested(const TreeReader& tree, const std::string& directory,
   }
 }
 
-/// Adds a finding for each kernel of the fleet that the tree has nothing for. What is missing in a
-/// directory that exists is found there.
+/// Adds a finding for each kernel of the fleet that the tree has no directory for. Files that are
+/// missing in an existing directory are found by the check of that directory.
 void check_fleet(const TreeReader& tree, const std::filesystem::path& fleet, Findings& findings) {
   for (const KernelCoverage& kernel : coverage(tree.on_disk(""), read_fleet_file(fleet)).kernels) {
     if (kernel.has_directory) continue;

@@ -2,7 +2,6 @@
 #include <array>
 #include <charconv>
 #include <fstream>
-#include <limits>
 #include <optional>
 
 #include "agent_package_reader.h"
@@ -67,8 +66,7 @@ class VersionCheck {
     if (line.size() > version::kMaxBytes) {
       add(findings::kVersionLength,
           "Hosts read only the first 63 bytes of this line, so that they compare and record "
-          "another "
-          "version.");
+          "another version.");
     } else if (line.size() < version::kPrefixBytes) {
       add(findings::kVersionLength,
           "The first line has fewer than six characters, which aborts the updater on every host.");
@@ -117,8 +115,8 @@ class VersionCheck {
 
 std::string package_path(const char* arch) { return server_paths::agent_package(arch); }
 
-/// Whether a package differs from that of the tree published before. One that was not there does
-/// not count: no host has it.
+/// Whether a package differs from that of the tree published before. A package that is new does not
+/// count: no host has another one.
 bool packages_changed(const TreeReader& tree, const TreeReader& previous) {
   for (const char* arch : {server_paths::kX64, server_paths::kX86}) {
     const std::string path = package_path(arch);
@@ -141,7 +139,7 @@ void check_order(const TreeReader& tree, const CheckOptions& options, const std:
   if (version::is_newer(offered, before)) {
     if (fields_of(offered).size() != fields_of(before).size()) {
       add(findings::kVersionFieldCount,
-          "The version has another count of numbers than " + before +
+          "The version has more or fewer numbers than " + before +
               ", which was published before. Hosts compare only as many as both have.");
     }
     return;
@@ -205,8 +203,7 @@ void check_package(const TreeReader& tree, const char* arch, Findings& findings)
   if (!tree.exists(path) && !tree.exists(server_paths::kAgentVersion)) return;
   if (!tree.require_file(
           path,
-          "Hosts of this processor family stop their agent on each run and unpack an "
-          "error page.",
+          "Hosts of this processor family stop their agent on each run and unpack an error page.",
           findings)) {
     return;
   }
@@ -237,8 +234,7 @@ void check_package(const TreeReader& tree, const char* arch, Findings& findings)
   } else if (package.script_has_carriage_return) {
     add(findings::kPackageScript,
         "The first line of the script \"update\" ends with a carriage return, so that no "
-        "interpreter "
-        "is found. Hosts stop their agent on each run and install nothing.",
+        "interpreter is found. Hosts stop their agent on each run and install nothing.",
         rebuild);
   }
   for (const std::string& member : package.outside) {

@@ -16,7 +16,8 @@ using CheckTask = std::function<void(Findings&)>;
 void add_agent_tasks(const TreeReader& tree, const CheckOptions& options,
                      std::vector<CheckTask>& tasks);
 
-/// Kernel modules, a task for each kernel. Findings about the directories above are added at once.
+/// Kernel modules: a task for each kernel. Findings about its parent directories are added to
+/// @a findings immediately.
 void add_kernel_tasks(const TreeReader& tree, std::vector<CheckTask>& tasks, Findings& findings);
 
 /// Builds of the web server program.
@@ -25,7 +26,7 @@ void add_nginx_tasks(const TreeReader& tree, std::vector<CheckTask>& tasks, Find
 /// The protection rules.
 void add_rules_tasks(const TreeReader& tree, std::vector<CheckTask>& tasks);
 
-/// Says what is wrong with a digest list that the updater does not accept for a file.
+/// The finding for a digest list that the updater does not accept for a file.
 /// @param list, file  paths on the server; both exist
 [[nodiscard]] tools::Finding explain_digest_list(const TreeReader& tree, const std::string& list,
                                                  const std::string& file);

@@ -12,7 +12,7 @@ namespace {
 
 constexpr char kNewList[] = "Write the file's digest anew: 32 lower-case digits and a line feed.";
 constexpr std::size_t kDigestDigits = 32;
-/// What is shown to be wrong with a list is in its first bytes.
+/// Enough of a list to see what is wrong with it.
 constexpr std::size_t kReadBytes = 4096;
 
 std::string beginning(const std::string& path) {

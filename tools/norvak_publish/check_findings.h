@@ -11,7 +11,7 @@ namespace publish {
 
 using Findings = std::vector<tools::Finding>;
 
-/// What findings of one code have in common. Scripts rely on the codes: none changes its meaning.
+/// What findings of one code have in common. Scripts rely on the codes: a code keeps its meaning.
 struct FindingKind {
   const char* code;
   tools::Severity severity;

@@ -1,5 +1,4 @@
 #include <algorithm>
-#include <cctype>
 #include <iterator>
 
 #include "agent_files.h"
@@ -44,14 +43,14 @@ bool parse_distribution(const std::string& name, Distribution& distribution) {
     const std::string flavour = name == family ? "" : name.substr(dash.size());
     const int code = host_identity::os_code(family);
     distribution = {name, code, flavour};
-    // Any release that names the flavour.
+    // Any release will do that contains the flavour.
     return describe(code, "1.2.3-4-" + flavour).flavour == flavour;
   }
   return false;
 }
 
-/// Whether some host can request the kernel version @a version: one of the releases that are made
-/// of it, with the flavour or without, has this version and this flavour.
+/// Whether some host can request the directory @a version: a kernel release of this text, with or
+/// without the flavour after it, leads to this version and this flavour.
 bool is_requested_version(const Distribution& distribution, const std::string& version) {
   const auto leads_here = [&](const std::string& release) {
     const host_identity::KernelInfo info = describe(distribution.os_code, release);
@@ -60,7 +59,7 @@ bool is_requested_version(const Distribution& distribution, const std::string& v
   return leads_here(version) || leads_here(version + "-" + distribution.flavour);
 }
 
-/// The numbers of the kernel that a distribution began with: "2.6.32" of "2.6.32-431".
+/// The upstream version that a distribution's kernel is based on: "2.6.32" for "2.6.32-431".
 std::string base_version(const std::string& version) {
   int numbers = 1;
   std::size_t end = 0;
@@ -75,7 +74,7 @@ void add_directory(const std::string& path, const std::string& why, Findings& fi
   findings.push_back(make_finding(
       findings::kKernelDirectory, TreeReader::shown(path),
       "No host requests this name: " + why + " Hosts for which it was meant find nothing.",
-      "Publish the modules with norvak_publish kernel, which finds the name, and remove this."));
+      "Publish the modules with norvak_publish kernel, which knows the name, and remove this."));
 }
 
 /// Compares the kernel that a module was built for with the directory that it is in.
@@ -91,8 +90,8 @@ void check_release(const Kernel& kernel, const std::string& file, const std::str
     findings.push_back(make_finding(findings::kModuleBuild, file,
                                     "The module was built for " + release +
                                         ", another build or flavour of this directory's kernel. "
-                                        "Hosts can load it only if their "
-                                        "distribution keeps the interface for modules stable.",
+                                        "Hosts can load it only if their distribution keeps the "
+                                        "interface for modules stable.",
                                     fix));
   } else {
     findings.push_back(make_finding(findings::kModuleKernel, file,
@@ -114,14 +113,14 @@ void check_module_file(const TreeReader& tree, const Kernel& kernel, const std::
   };
   const std::optional<ElfFile> elf = read_elf(tree.on_disk(path));
   if (!elf) {
-    add("This is not a whole ELF file.");
+    add("This is not a complete ELF file.");
     return;
   }
   const Processor wanted = kernel.arch == server_paths::kX64 ? Processor::kX64 : Processor::kX86;
   if (elf->processor != wanted) {
     add("The module was built for another processor than that of the directory.");
   } else if (elf->kernel_release.empty()) {
-    add("The file does not say for which kernel it was built (vermagic), so it is no module.");
+    add("The file does not say for which kernel it was built (vermagic), so it is not a module.");
   } else {
     check_release(kernel, file, elf->kernel_release, findings);
   }
@@ -181,8 +180,7 @@ void add_version_tasks(const TreeReader& tree, const Distribution& distribution,
 }  // namespace
 
 void add_kernel_tasks(const TreeReader& tree, std::vector<CheckTask>& tasks, Findings& findings) {
-  std::string top(server_paths::kKernels);
-  top.pop_back();  // the slash
+  const std::string top = TreeReader::without_slash(server_paths::kKernels);
   if (!tree.exists(top)) return;
   for (const std::string& name : tree.list(top, findings)) {
     const std::string directory = TreeReader::join(top, name);

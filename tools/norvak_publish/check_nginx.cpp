@@ -1,5 +1,3 @@
-#include <sys/stat.h>
-
 #include <map>
 
 #include "check_areas.h"
@@ -13,9 +11,7 @@ namespace publish {
 
 namespace {
 
-/// Of an identification line, hosts compare so many bytes.
-constexpr std::size_t kMostIdentification = 127;
-/// How much of a line is read to see whether it is longer.
+/// How much of an identification line is read to see whether it is too long.
 constexpr int kReadLimit = 1024;
 
 void check_program(const TreeReader& tree, const std::string& arch, const std::string& path,
@@ -27,7 +23,7 @@ void check_program(const TreeReader& tree, const std::string& arch, const std::s
       findings::kBuildElf, TreeReader::shown(path),
       elf ? "The program was built for another processor than that of the directory. Hosts install "
             "it and cannot run it."
-          : "This is not a whole ELF file. Hosts refuse it, or install it and cannot run it.",
+          : "This is not a complete ELF file. Hosts refuse it, or install it and cannot run it.",
       "Publish the program for this processor family: norvak_publish nginx."));
 }
 
@@ -38,10 +34,9 @@ void check_identification(const TreeReader& tree, const std::string& path, Findi
     findings.push_back(make_finding(
         findings::kIdentificationEmpty, TreeReader::shown(path),
         "The identification line is empty. Hosts cannot tell that they have this build, and "
-        "install "
-        "it on each run.",
+        "install it on each run.",
         "Write a line that differs from those of all other builds, such as the program's digest."));
-  } else if (line.size() > kMostIdentification) {
+  } else if (line.size() > published_digest::kMaxLineBytes) {
     findings.push_back(make_finding(findings::kIdentificationLong, TreeReader::shown(path),
                                     "Hosts compare only the first 127 bytes of this line, so that "
                                     "builds which differ in later ones are the same to them.",
@@ -49,7 +44,7 @@ void check_identification(const TreeReader& tree, const std::string& path, Findi
   }
 }
 
-/// A build of which both files are there.
+/// A build with both of its files.
 struct Build {
   std::string identification;
   std::string program;
@@ -101,8 +96,7 @@ void check_builds(const TreeReader& tree, const std::string& arch, const std::st
 }  // namespace
 
 void add_nginx_tasks(const TreeReader& tree, std::vector<CheckTask>& tasks, Findings& findings) {
-  std::string top(server_paths::kNginxBuilds);
-  top.pop_back();  // the slash
+  const std::string top = TreeReader::without_slash(server_paths::kNginxBuilds);
   if (!tree.exists(top)) return;
   for (const std::string& arch : tree.list(top, findings)) {
     const std::string directory = TreeReader::join(top, arch);

@@ -18,7 +18,7 @@ namespace {
 
 constexpr char kMakeReadable[] = "Let everyone read it: chmod -R a+rX on the tree.";
 
-/// Endings of the names that editors, copying programs and this program give to unfinished files.
+/// Suffixes that editors, copying programs and this program give to unfinished files.
 constexpr const char* kTemporaryEndings[] = {kTemporarySuffix, "~",    ".tmp", ".part",
                                              ".swp",           ".bak", ".orig"};
 
@@ -110,7 +110,7 @@ bool TreeReader::require_file(const std::string& path, const std::string& why,
   }
   if (!S_ISREG(status.st_mode)) {
     findings.push_back(make_finding(findings::kUnreadable, shown(path),
-                                    "This is not a file. " + why, "Replace it by the file."));
+                                    "This is not a file. " + why, "Replace it with the file."));
     return false;
   }
   if ((status.st_mode & S_IROTH) == 0) {

@@ -17,13 +17,14 @@ class TreeReader {
   /// Where @a path is on disk.
   [[nodiscard]] std::string on_disk(const std::string& path) const { return root_ + path; }
 
+  /// Whether there is an entry @a path. Symbolic links are not followed.
   [[nodiscard]] bool exists(const std::string& path) const;
 
-  /// The names in the directory @a path in ascending order, without those of
-  /// leftovers. Adds findings about the directory itself and about the names.
+  /// The names in the directory @a path in ascending order, without leftovers. Adds findings about
+  /// the directory itself and about the names.
   [[nodiscard]] std::vector<std::string> list(const std::string& path, Findings& findings) const;
 
-  /// Whether the web server can send the file @a path; adds the finding if not.
+  /// Whether @a path is a file. Adds a finding if it is not, or if the web server may not read it.
   /// @param why  what happens to hosts without it, as a sentence
   bool require_file(const std::string& path, const std::string& why, Findings& findings) const;
 
@@ -32,6 +33,11 @@ class TreeReader {
 
   /// The path of the entry @a name in @a directory.
   [[nodiscard]] static std::string join(const std::string& directory, const std::string& name);
+
+  /// "/kernels" for "/kernels/".
+  [[nodiscard]] static std::string without_slash(const std::string& directory) {
+    return directory.substr(0, directory.size() - 1);
+  }
 
   /// @a path as findings name it.
   [[nodiscard]] static std::string shown(const std::string& path) {

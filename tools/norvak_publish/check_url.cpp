@@ -4,10 +4,8 @@
 #include <fcntl.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <cstdlib>
 #include <filesystem>
-#include <iterator>
 #include <set>
 #include <vector>
 
@@ -27,12 +25,12 @@ namespace fs = std::filesystem;
 
 namespace {
 
-// The updater waits for ever; people do not.
+// The updater has no time limit; a check must end.
 constexpr long kConnectSeconds = 30;
 constexpr long kStallSeconds = 60;
 constexpr long kBytesPerSecond = 1;
 
-constexpr long kFirstRedirect = 300;  // HTTP statuses from here on are no success
+constexpr long kFirstRedirect = 300;  // HTTP statuses from here on mean no success
 constexpr long kFirstError = 400;
 
 class ScratchDirectory {
@@ -59,7 +57,7 @@ class ScratchDirectory {
 struct Area {
   std::string file;  ///< as findings name it
   std::vector<std::string> paths;
-  bool is_optional;  ///< a server without it is in order
+  bool is_optional;  ///< a server need not have it
 };
 
 /// A file that hosts request, and the server's answer.
@@ -117,7 +115,7 @@ std::vector<Area> areas(const CheckOptions& options) {
   return result;
 }
 
-/// What a host makes of an answer that is not the file.
+/// Adds findings about an answer that is not the file, and what hosts make of it.
 void explain_failure(const Request& request, bool is_published, Findings& findings) {
   const std::string file = TreeReader::shown(request.path);
   if (!request.is_answered()) {
@@ -132,8 +130,8 @@ void explain_failure(const Request& request, bool is_published, Findings& findin
     findings.push_back(
         make_finding(findings::kErrorPage, file,
                      "The error page for this file is a single line. Hosts take it for the file: "
-                     "as a version it "
-                     "may abort the updater, and as a digest list it makes hosts remove modules.",
+                     "as a version it may abort the updater, and as a digest list it makes hosts "
+                     "remove modules.",
                      "Let the server answer with a page of several lines."));
   }
   if (is_published) {
@@ -148,7 +146,7 @@ void explain_failure(const Request& request, bool is_published, Findings& findin
 }
 
 /// Moves the files into the tree @a root and explains the other answers.
-/// @return the files that are explained
+/// @return the explained files, as findings name them
 std::set<std::string> sort_out(const std::vector<Area>& areas, const std::vector<Request>& requests,
                                const fs::path& root, Findings& findings) {
   std::set<std::string> explained;

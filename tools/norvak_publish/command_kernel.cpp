@@ -19,7 +19,7 @@ struct Module {
   fs::path source;
   std::string directory;
   std::string name;
-  std::string kernel_release;  ///< the one that it was built for; may be empty
+  std::string kernel_release;  ///< the one it was built for; may be empty
 };
 
 const char* arch_of(const ElfFile& elf, const fs::path& path) {
@@ -33,13 +33,13 @@ const char* arch_of(const ElfFile& elf, const fs::path& path) {
   }
 }
 
-/// The module that the file @a path is called after.
+/// The name of the module in the file @a path, from the file's name.
 std::string module_name(const fs::path& path) {
   std::string name = path.stem();
   const bool known = std::find(std::begin(agent_files::kModules), std::end(agent_files::kModules),
                                name) != std::end(agent_files::kModules);
   if (!known || path.extension() != agent_files::kModuleSuffix) {
-    throw Failure("not called like a kernel module of the agent: " + path.string());
+    throw Failure("not named like a kernel module of the agent: " + path.string());
   }
   return name;
 }
@@ -47,10 +47,10 @@ std::string module_name(const fs::path& path) {
 Module locate(const fs::path& path, const KernelCommand& command) {
   const std::string name = module_name(path);
   const std::optional<ElfFile> elf = read_elf(path);
-  if (!elf) throw Failure("cannot be read or is no whole ELF file: " + path.string());
+  if (!elf) throw Failure("cannot be read, or is not a complete ELF file: " + path.string());
   const std::string release = command.kernel_release.value_or(elf->kernel_release);
   if (release.empty()) {
-    throw Failure("does not say for which kernel it was built (--kernel RELEASE does): " +
+    throw Failure("does not say for which kernel it was built (name it with --kernel RELEASE): " +
                   path.string());
   }
   host_identity::KernelInfo kernel;

@@ -2,6 +2,7 @@
 #include <cctype>
 
 #include "commands.h"
+#include "published_digest.h"
 #include "server_paths.h"
 #include "utility/md5wrapper.h"
 
@@ -9,10 +10,9 @@ namespace publish {
 
 namespace {
 
-constexpr std::size_t kMaxIdentificationBytes = 127;
 constexpr int kWordSize64 = 64;
 
-/// Hosts put the directory into a URL as it stands.
+/// Whether a URL can contain @a name: hosts do not escape it.
 bool fits_a_url(const std::string& name) {
   return !name.empty() && name.find_first_not_of('.') != std::string::npos &&
          std::all_of(name.begin(), name.end(), [](unsigned char c) {
@@ -28,7 +28,7 @@ ExitStatus run_nginx(const PublishOptions& options, const NginxCommand& command)
   }
   const std::string identification =
       command.identification.value_or(utility::md5wrapper().getHashFromFile(command.program));
-  if (identification.empty() || identification.size() > kMaxIdentificationBytes ||
+  if (identification.empty() || identification.size() > published_digest::kMaxLineBytes ||
       identification.find_first_of(std::string("\n\0", 2)) != std::string::npos) {
     throw UsageError("--identification is one line of at most 127 bytes");
   }

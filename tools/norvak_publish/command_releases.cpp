@@ -1,7 +1,6 @@
 #include <array>
 #include <ctime>
 #include <iostream>
-#include <set>
 
 #include "commands.h"
 #include "files.h"

@@ -14,20 +14,20 @@ namespace fs = std::filesystem;
 
 namespace {
 
-/// The part of a tree that one update type uses, and how its hosts follow a rollback.
+/// The part of a tree that one update type uses, and what a rollback means for its hosts.
 struct UpdateType {
   const char* name;
-  const char* directory;  ///< below the root, with a slash at its end
+  const char* directory;  ///< with a slash at both ends
   const char* consequence;
 };
 
 constexpr UpdateType kUpdateTypes[] = {
-    {"agent software", "norvak/",
+    {"agent software", server_paths::kAgent,
      "hosts do not follow: those that have the newer version keep it. Publish the old software "
      "again under a higher version to get it onto them"},
-    {"kernel modules", "kernels/", "hosts follow with their next run"},
-    {"web server", "nginx_new/", "hosts follow with their next run"},
-    {"rules", "tarn_rule/", "hosts follow with their next run"},
+    {"kernel modules", server_paths::kKernels, "hosts follow with their next run"},
+    {"web server", server_paths::kNginxBuilds, "hosts follow with their next run"},
+    {"rules", server_paths::kRulesDirectory, "hosts follow with their next run"},
 };
 
 bool is_below(const std::string& path, const std::string& directory) {
@@ -37,7 +37,7 @@ bool is_below(const std::string& path, const std::string& directory) {
 void say_who_follows(const PublishOptions& options, const std::vector<std::string>& changes) {
   for (const UpdateType& type : kUpdateTypes) {
     const bool changed = std::any_of(changes.begin(), changes.end(), [&](const std::string& path) {
-      return is_below(path, type.directory);
+      return is_below("/" + path, type.directory);
     });
     say(options, std::string("  ") + type.name + ": " + (changed ? type.consequence : "unchanged"));
   }
@@ -56,7 +56,7 @@ int find_target(const ReleaseTree& tree, const RollbackCommand& command) {
   return *target;
 }
 
-/// An unfinished rollback serves a release of its own, which has no manifest.
+/// Whether an unfinished rollback serves a release of make_grace_release, which has no manifest.
 bool serves_grace_release(const ReleaseTree& tree, int current) {
   return tree.linked(ReleaseTree::kRollingBack) && !fs::exists(tree.manifest(current));
 }
@@ -68,7 +68,8 @@ bool version_decreases(const fs::path& current, const fs::path& target) {
   return std::min(from.size(), to.size()) >= version::kPrefixBytes && version::is_newer(from, to);
 }
 
-/// Puts together a release with the packages of @a current and everything else of @a target.
+/// Makes a release with the packages of @a current and everything else of @a target, to be served
+/// during the grace time.
 /// @return its number
 int make_grace_release(ReleaseTree& tree, int current, int target) {
   link_tree(tree.release(target), tree.draft());
@@ -98,7 +99,7 @@ void switch_back(ReleaseTree& tree, int current, int target, std::chrono::second
     tree.set_link(ReleaseTree::kRollingBack, target);
     const int number = make_grace_release(tree, current, target);
     if (in_grace) {
-      tree.set_link(ReleaseTree::kCurrent, number);  // `previous` stays: it is no grace release
+      tree.set_link(ReleaseTree::kCurrent, number);  // `previous` stays: never a grace release
     } else {
       tree.serve(number);
     }
@@ -107,9 +108,9 @@ void switch_back(ReleaseTree& tree, int current, int target, std::chrono::second
     const std::time_t begin = modification_time(tree.root() / ReleaseTree::kRollingBack);
     const std::chrono::seconds left(begin + grace.count() - std::time(nullptr));
     if (left.count() > 0) {
-      say(options, "all but the agent packages is switched; these follow in " +
+      say(options, "everything but the agent packages is switched; these follow in " +
                        std::to_string(left.count()) +
-                       " seconds, when no host downloads the newer package any more (if "
+                       " seconds, when no host is still downloading the newer package (if "
                        "interrupted, run rollback again)");
       std::this_thread::sleep_for(left);
     }

@@ -23,7 +23,7 @@ struct SoftCommand {
 struct KernelCommand {
   std::string distribution;                   ///< a family, such as "centos"
   std::optional<std::string> kernel_release;  ///< instead of what the modules say
-  bool replace = false;                       ///< also modules built for another release
+  bool replace = false;                       ///< replace modules built for another kernel, too
   std::vector<std::filesystem::path> modules;
 };
 /// Publishes kernel modules, each in the directory that hosts with its kernel ask for.

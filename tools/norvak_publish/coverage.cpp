@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <tuple>
 #include <unordered_map>
-#include <utility>
 
 #include "host_identity.h"
 #include "server_paths.h"

@@ -2,7 +2,6 @@
 #pragma once
 
 #include <array>
-#include <cstddef>
 #include <cstdint>
 #include <iterator>
 #include <string>
@@ -18,10 +17,11 @@ struct KernelCoverage {
   std::string directory;  ///< below the tree's root, such as "kernels/centos-xen/x64/2.6.18-164"
   std::uint64_t hosts = 0;
   bool has_directory = false;
-  /// For each of agent_files::kModules: the module and its digest list are there.
+  /// For each of agent_files::kModules: whether the module and its digest list exist.
   std::array<bool, std::size(agent_files::kModules)> has_module = {};
   std::vector<FleetKernel> kernels;  ///< those of the fleet; the most hosts first
 
+  /// Whether all modules exist.
   [[nodiscard]] bool is_complete() const;
 
   /// Whether hosts with different kernels install the same modules.
@@ -30,7 +30,7 @@ struct KernelCoverage {
 
 struct Coverage {
   std::uint64_t hosts = 0;            ///< in the fleet
-  std::uint64_t uncovered_hosts = 0;  ///< that find no complete directory
+  std::uint64_t uncovered_hosts = 0;  ///< that request an incomplete directory
   /// Worst first: incomplete before complete, then the most hosts first.
   std::vector<KernelCoverage> kernels;
 };
@@ -38,6 +38,7 @@ struct Coverage {
 /// Where hosts with @a kernel request the module @a module; begins with "/".
 [[nodiscard]] std::string module_directory(const FleetKernel& kernel, const char* module);
 
+/// Finds out which modules the hosts of @a fleet find.
 /// @param root  a plain tree
 [[nodiscard]] Coverage coverage(const std::string& root, const std::vector<FleetKernel>& fleet);
 

@@ -13,7 +13,7 @@ namespace publish {
 /// @param time  when the tree was read, for people
 [[nodiscard]] std::string coverage_page(const Coverage& coverage, const std::string& time);
 
-/// Writes the page to @a path at once: readers see the old page or the new one.
+/// Writes the page to @a path atomically: readers see the old page or the new one.
 /// @throws Failure
 void write_coverage_page(const Coverage& coverage, const std::filesystem::path& path);
 

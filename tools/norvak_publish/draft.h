@@ -1,4 +1,4 @@
-// The next state of a server tree, while it is put together.
+// The next state of a server tree, while it is being prepared.
 #pragma once
 
 #include <filesystem>
@@ -7,7 +7,7 @@
 
 namespace publish {
 
-/// A directory that begins as a second version of what is published; commands replace files in it.
+/// A directory that starts as a copy of what is published, and in which commands replace files.
 class Draft {
  public:
   /// @param root  the directory
@@ -21,15 +21,15 @@ class Draft {
   /// @throws Failure
   void put_copy(const std::string& server_path, const std::filesystem::path& source);
 
-  /// put_copy of @a text.
+  /// Like put_copy, with @a text as the contents.
   void put_text(const std::string& server_path, const std::string& text);
 
-  /// Where the draft has the file @a server_path, which need not exist.
+  /// The path of the file @a server_path in the draft. It need not exist.
   [[nodiscard]] std::filesystem::path file(const std::string& server_path) const;
 
   [[nodiscard]] const std::filesystem::path& root() const { return root_; }
 
-  /// Paths below root() of what was put and differs, in this order.
+  /// Paths below root() of the files that were changed, in the order of the calls.
   [[nodiscard]] const std::vector<std::string>& changes() const { return changes_; }
 
  private:

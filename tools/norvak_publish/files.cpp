@@ -35,8 +35,8 @@ utility::Descriptor create_temporary(const fs::path& path) {
   return file;
 }
 
-/// @param changed  the copy looks like a published file with this modification time; without it,
-///                 like the source
+/// @param changed  modification time of the copy, which gets the mode of published files; without
+///                 it, the copy has the modification time and the mode of the source
 void copy_contents(const fs::path& source, const fs::path& target,
                    std::optional<std::time_t> changed) {
   const utility::Descriptor in(::open(source.c_str(), O_RDONLY | O_CLOEXEC));
@@ -51,7 +51,7 @@ void copy_contents(const fs::path& source, const fs::path& target,
     out.write(block.data(), static_cast<std::size_t>(size));
   }
   out.set_time(changed ? timespec{*changed, 0} : status.st_mtim);
-  out.name_it(changed ? kFileMode : status.st_mode & kPermissionBits);
+  out.commit(changed ? kFileMode : status.st_mode & kPermissionBits);
 }
 
 }  // namespace
@@ -62,7 +62,7 @@ NewFile::NewFile(fs::path target)
       file_(create_temporary(temporary_)) {}
 
 NewFile::~NewFile() {
-  if (!named_) (void)::unlink(temporary_.c_str());
+  if (!committed_) (void)::unlink(temporary_.c_str());
 }
 
 void NewFile::write(const char* data, std::size_t size) {
@@ -76,12 +76,12 @@ void NewFile::set_time(const struct timespec& changed) {
   if (::futimens(file_.get(), times.data()) != 0) fail_with_errno("cannot change", temporary_);
 }
 
-void NewFile::name_it(mode_t mode) {
+void NewFile::commit(mode_t mode) {
   if (::fchmod(file_.get(), mode) != 0 || ::fsync(file_.get()) != 0) {
     fail_with_errno("cannot write", temporary_);
   }
   rename_path(temporary_, target_);
-  named_ = true;
+  committed_ = true;
 }
 
 void make_directory(const fs::path& path) {
@@ -105,7 +105,7 @@ void install_text(const std::string& text, const fs::path& target, std::time_t c
   NewFile out(target);
   out.write(text.data(), text.size());
   out.set_time({changed, 0});
-  out.name_it(kFileMode);
+  out.commit(kFileMode);
 }
 
 std::time_t modification_time(const fs::path& path) {

@@ -1,4 +1,4 @@
-// Putting files into a server tree so that no reader and no crash meets half of one.
+// Puts files into a server tree atomically: no reader sees a partial file, and no crash leaves one.
 #pragma once
 
 #include <sys/types.h>
@@ -11,18 +11,19 @@
 
 namespace publish {
 
-/// Ending of a file's name until it is complete. check reports what a crash left of them.
+/// Suffix of a file's name until the file is complete. A crash can leave a file under such a name;
+/// check_tree reports it.
 inline constexpr char kTemporarySuffix[] = ".norvak_publish";
 
 /// Creates a directory that everyone may read, whatever the umask; one that exists is left alone.
 /// @throws Failure
 void make_directory(const std::filesystem::path& path);
 
-/// make_directory for @a path and for what is missing above it.
+/// make_directory for @a path and its missing parents.
 void make_directories(const std::filesystem::path& path);
 
-/// A new file that gets its name only when it is complete and on disk; until then it has a
-/// temporary one, under which it vanishes if that does not happen.
+/// A new file. It has a temporary name until commit() gives it its own; without that, the
+/// destructor deletes it.
 class NewFile {
  public:
   /// @throws Failure  the file cannot be created
@@ -31,7 +32,7 @@ class NewFile {
   NewFile(const NewFile&) = delete;
   NewFile& operator=(const NewFile&) = delete;
 
-  /// To write to.
+  /// The descriptor to write to.
   [[nodiscard]] int fd() const { return file_.get(); }
 
   /// @throws Failure
@@ -43,23 +44,23 @@ class NewFile {
 
   /// Sets the permissions, flushes the file to disk and renames it over the target.
   /// @throws Failure  the target is unchanged then
-  void name_it(mode_t mode);
+  void commit(mode_t mode);
 
  private:
   std::filesystem::path target_;
   std::filesystem::path temporary_;
   utility::Descriptor file_;
-  bool named_ = false;
+  bool committed_ = false;
 };
 
-/// Replaces @a target by a copy of @a source: written under a temporary name, flushed to disk and
+/// Replaces @a target with a copy of @a source: written under a temporary name, flushed to disk and
 /// renamed. Everyone may read the new file and nobody write it, because releases share it.
 /// @param changed  its modification time, in seconds since 1970
 /// @throws Failure  @a target is unchanged then
 void install_copy(const std::filesystem::path& source, const std::filesystem::path& target,
                   std::time_t changed);
 
-/// install_copy with @a text as the source.
+/// Like install_copy, with @a text as the contents.
 void install_text(const std::string& text, const std::filesystem::path& target,
                   std::time_t changed);
 
@@ -79,8 +80,7 @@ void install_text(const std::string& text, const std::filesystem::path& target,
 /// @throws Failure
 void link_or_copy(const std::filesystem::path& from, const std::filesystem::path& to);
 
-/// Makes @a to a second version of the directory @a from, which has only directories and regular
-/// files: directories are new, files are shared by link_or_copy.
+/// Copies the published files below @a from (see list_files) to @a to with link_or_copy.
 /// @throws Failure
 void link_tree(const std::filesystem::path& from, const std::filesystem::path& to);
 
@@ -88,6 +88,7 @@ void link_tree(const std::filesystem::path& from, const std::filesystem::path& t
 /// @throws Failure
 void remove_tree(const std::filesystem::path& path);
 
+/// Renames @a from to @a to, which is replaced.
 /// @throws Failure
 void rename_path(const std::filesystem::path& from, const std::filesystem::path& to);
 

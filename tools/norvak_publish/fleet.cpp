@@ -23,12 +23,12 @@ namespace {
 constexpr char kHeader[] = "distribution,machine,release,count";
 constexpr char kByteOrderMark[] = "\xEF\xBB\xBF";
 constexpr std::size_t kFields = 4;
-/// Longer lines are not those of a fleet.
+/// No line of a fleet is longer.
 constexpr std::size_t kMostLineBytes = std::size_t{1} << 20;
 /// The longest text that uname() can report.
 constexpr std::size_t kMostNameBytes = 64;
 
-/// A message about one line; the caller names the file and the line.
+/// A message about one line; the caller adds the names of the file and the line.
 struct BadLine {
   std::string reason;
 };
@@ -86,15 +86,15 @@ FleetKernel parse_json(const std::string& line) {
   const auto text = [&host](const char* name) {
     const auto member = host.find(name);
     if (member == host.end() || !member->is_string()) {
-      throw BadLine{std::string("this is no host: it has no \"") + name + "\""};
+      throw BadLine{std::string("this is not a host: it has no \"") + name + "\""};
     }
     return member->get<std::string>();
   };
-  if (!host.is_object()) throw BadLine{"this is no JSON object"};
+  if (!host.is_object()) throw BadLine{"this is not a JSON object"};
   return {text("family"), text("machine"), text("kernel_release"), 1};
 }
 
-/// What uname() reports has no control characters, and a path made of it leads nowhere else.
+/// Whether uname() can report @a text. A path that contains it then has no other directories.
 bool is_name(const std::string& text) {
   if (text.empty() || text.size() > kMostNameBytes || text == "." || text == "..") return false;
   for (const char c : text) {

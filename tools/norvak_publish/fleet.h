@@ -17,9 +17,9 @@ struct FleetKernel {
 };
 
 /// Reads a fleet: a CSV file with the header "distribution,machine,release,count", or the output of
-/// `norvak_host identify --json`, one host a line. Empty lines are ignored.
+/// `norvak_host identify --json`, one host per line. Empty lines are ignored.
 ///
-/// Memory grows with the number of different kernels, not with that of the lines.
+/// Memory grows with the number of different kernels, not with the number of lines.
 ///
 /// @param name  of the file, for messages
 /// @return each kernel once, in the order in which they first occur

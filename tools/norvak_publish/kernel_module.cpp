@@ -20,7 +20,7 @@ namespace {
 
 constexpr char kModuleInfo[] = ".modinfo";
 constexpr char kVermagic[] = "vermagic=";
-/// Real modules have some hundred bytes of it.
+/// Real modules have a few hundred bytes.
 constexpr std::size_t kMostModuleInfo = std::size_t{1} << 20;
 
 struct ElfEnd {
@@ -40,13 +40,13 @@ bool fits(std::uint64_t offset, std::uint64_t size, std::uint64_t end) {
   return offset <= end && size <= end - offset;
 }
 
-/// Whether everything that the head and the tables name is in the file, which has @a bytes: a
-/// copy that broke off is none.
+/// Whether everything that the ELF header and its tables refer to lies within the first @a bytes of
+/// the file, its size. A truncated copy does not.
 bool is_whole(Elf* elf, const GElf_Ehdr& head, std::uint64_t bytes) {
   std::size_t sections = 0;
   std::size_t segments = 0;
   if (elf_getshdrnum(elf, &sections) != 0 || elf_getphdrnum(elf, &segments) != 0) return false;
-  // libelf counts no sections if their table is not wholly in the file.
+  // libelf reports no sections if their table is not entirely in the file.
   if (head.e_shoff != 0 && sections == 0) return false;
   if (!fits(head.e_shoff, std::uint64_t{head.e_shentsize} * sections, bytes)) return false;
   for (Elf_Scn* section = elf_nextscn(elf, nullptr); section != nullptr;
@@ -100,11 +100,11 @@ std::string kernel_release(std::string_view info) {
 }  // namespace
 
 std::optional<ElfFile> read_elf(const std::string& path) {
-  // libelf must be told once which version of the format its callers were written for.
+  // libelf requires this call before all others: it states the version that the caller expects.
   static const bool is_usable = elf_version(EV_CURRENT) != EV_NONE;
   const utility::Descriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
   if (!file || !is_usable) return std::nullopt;
-  // Read in pieces and not mapped: memory then does not grow with the file.
+  // ELF_C_READ reads pieces, so memory does not grow with the file.
   const ElfPtr elf(elf_begin(file.get(), ELF_C_READ, nullptr));
   GElf_Ehdr head = {};
   if (!elf || elf_kind(elf.get()) != ELF_K_ELF || gelf_getehdr(elf.get(), &head) == nullptr) {

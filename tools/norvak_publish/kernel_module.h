@@ -16,8 +16,8 @@ struct ElfFile {
 };
 
 /// Reads the head of an ELF file and, if there is one, its section `.modinfo`; the rest of the file
-/// is not read. Any number of threads may call it at the same time.
-/// @return nothing if the file cannot be read or is no whole ELF file
+/// is not read. Several threads may call it at the same time.
+/// @return nothing if the file cannot be read or is not a complete ELF file
 [[nodiscard]] std::optional<ElfFile> read_elf(const std::string& path);
 
 }  // namespace publish

@@ -14,7 +14,7 @@ namespace {
 using publish::ExitStatus;
 using publish::PublishOptions;
 
-/// What the command line asks for: run() is set by the callback of the chosen command.
+/// What the command line asks for. The callback of the chosen command sets `run`.
 struct Invocation {
   PublishOptions options;
   publish::SoftCommand soft;
@@ -48,7 +48,7 @@ void add_common_options(CLI::App& app, PublishOptions& options) {
   app.add_flag("--dry-run", options.dry_run, "Put the release together and check it, then stop");
   app.add_option_function<int>(
          "--wait", [&options](int seconds) { options.wait = std::chrono::seconds(seconds); },
-         "Wait so long for another publisher to end (default: 0)")
+         "Wait this long for another publisher to end (default: 0)")
       ->check(CLI::NonNegativeNumber)
       ->type_name("SECONDS");
   app.add_option("--keep", options.keep, "Keep at most N old releases")
@@ -94,7 +94,7 @@ void add_kernel(CLI::App& app, Invocation& invocation) {
       ->type_name("RELEASE");
   command->add_flag("--replace", kernel.replace,
                     "Replace modules that were built for another kernel, too");
-  command->add_option("MODULE", kernel.modules, "Modules, called as on the server")->required();
+  command->add_option("MODULE", kernel.modules, "Modules, named as on the server")->required();
 }
 
 void add_rules(CLI::App& app, Invocation& invocation) {
@@ -168,7 +168,7 @@ void add_coverage(CLI::App& app, Invocation& invocation) {
       ->add_option(
           "--fleet", coverage.fleet,
           "A CSV file with the header distribution,machine,release,count, or the output of "
-          "`norvak_host identify --json`, one host a line")
+          "`norvak_host identify --json`, one host per line")
       ->required()
       ->check(CLI::ExistingFile)
       ->type_name("FILE");
@@ -193,7 +193,7 @@ void add_rollback(CLI::App& app, Invocation& invocation) {
   command
       ->add_option_function<int>(
           "--grace", [&rollback](int seconds) { rollback.grace = std::chrono::seconds(seconds); },
-          "If the agent version decreases, switch the packages so much later (default: 15m)")
+          "If the agent version decreases, switch the packages this much later (default: 15m)")
       ->transform(
           CLI::AsNumberWithUnit(std::map<std::string, int>{{"s", 1}, {"m", 60}, {"h", 3600}}))
       ->type_name("DURATION");
@@ -215,7 +215,7 @@ ExitStatus run(int argc, char** argv) {
   add_releases(app, invocation);
   add_rollback(app, invocation);
   app.require_subcommand(1);
-  app.footer("Exit status: 0 done, 1 errors found, 2 could not do it, 64 usage.");
+  app.footer("Exit status: 0 done, 1 errors found, 2 failed, 64 usage.");
 
   if (const std::optional<int> status = tools::parse_command_line(app, argc, argv)) {
     return static_cast<ExitStatus>(*status);
@@ -233,6 +233,6 @@ int main(int argc, char** argv) {
     return ExitStatus::kUsage;
   } catch (const std::exception& error) {
     (void)std::fprintf(stderr, "norvak_publish: %s\n", error.what());
-    return ExitStatus::kCouldNotDoIt;
+    return ExitStatus::kFailed;
   }
 }

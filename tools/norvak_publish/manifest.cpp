@@ -46,7 +46,7 @@ std::vector<std::string> list_files(const fs::path& root) {
       if (fs::is_directory(status)) continue;
       if (!fs::is_regular_file(status)) {
         throw Failure("neither a directory nor a regular file: " + entry.path().string() +
-                      " (replace a symbolic link by what it names)");
+                      " (replace a symbolic link with what it points to)");
       }
       files.push_back(entry.path().lexically_relative(root).string());
     }

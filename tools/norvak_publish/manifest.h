@@ -1,4 +1,4 @@
-// The digests of a release's files, by which changes made in place are noticed.
+// The digests of a release's files, which reveal changes that were made in place.
 #pragma once
 
 #include <filesystem>
@@ -13,11 +13,11 @@ namespace publish {
 /// Path below the release's root (no leading slash) to SHA-256 digest.
 using Manifest = std::map<std::string, std::string>;
 
-/// Digests all files below @a root.
+/// Computes the digests of all files below @a root.
 /// @throws Failure  something cannot be read, or is neither a directory nor a regular file
 [[nodiscard]] Manifest scan_release(const std::filesystem::path& root, const Progress& progress);
 
-/// Entries at the top of a tree that belong to norvak_publish itself and not to what is published.
+/// Entries at the top of a tree that norvak_publish uses itself and does not publish.
 inline constexpr char kReleasesDirectory[] = "releases";
 inline constexpr char kInPlaceDraft[] = ".norvak_publish";
 

@@ -3,8 +3,8 @@
 
 namespace publish {
 
-/// The text of package_script.sh without its first line. Values are to be assigned before it:
-/// version, need_kib, digests_md5.
+/// The text of package_script.sh without its first line. It needs assignments before it: version,
+/// need_kib, digests_md5.
 extern const char kPackageScriptBody[];
 
 }  // namespace publish

@@ -1,13 +1,13 @@
 #!/bin/sh
-# The installation script of an agent package; norvak_publish puts the package's own values, which
-# are assigned in lower case, in front. It runs as ./update in the unpacked package, which lies two
-# levels below the install directory, with the agent stopped.
+# The installation script of an agent package. norvak_publish prepends assignments of the package's
+# own values. It runs as ./update in the unpacked package, two levels below the install directory,
+# with the agent stopped.
 #
-# The installation is all or nothing: new files are staged beside their targets, old ones are kept as
-# hard links, and a journal in the install directory says how to undo everything. Whatever fails or
-# interrupts this script, it restores the old files; after a SIGKILL or a power cut the next run does,
-# even if that is of another package. So the journal's format must stay as it is.
-# shellcheck disable=SC2154 # the values in front
+# The installation is all or nothing: new files are staged beside their targets, old ones are kept
+# as hard links, and a journal in the install directory says how to undo everything. If anything
+# fails or interrupts this script, it restores the old files. After a SIGKILL or a power cut the
+# next run restores them, even if it installs another package: the journal's format must not change.
+# shellcheck disable=SC2154 # the prepended values
 
 unset LD_LIBRARY_PATH # the agent's own libraries are not for the host's programs
 LC_ALL=C
@@ -80,12 +80,13 @@ verify() {
         if [ -d "$target" ] && [ ! -L "$target" ]; then fail "$target is a directory"; fi
         rm -f "$target$backup" # nobody's: there is no journal now
         ;;
-      dir) if exists "$target" && [ ! -d "$target" ]; then fail "$target is no directory"; fi ;;
+      dir) if exists "$target" && [ ! -d "$target" ]; then fail "$target is not a directory"; fi ;;
     esac
   done <manifest
 }
 
-# Directories come last and each after what it contains, so that they are empty when it is their turn.
+# Directories come last and each after what it contains, so that they are empty when it is their
+# turn.
 write_journal() {
   directories=
   while IFS=$tab read -r type mode owner group path; do
@@ -121,7 +122,7 @@ stage() {
         ;;
       file)
         cp "payload/$path" "$target$staged" || fail "cannot stage $target"
-        # The owner first: a change of the owner takes the set-user-ID bit away.
+        # The owner first: a change of the owner clears the set-user-ID bit.
         chown "$owner:$group" "$target$staged" || fail "cannot stage $target"
         chmod "$mode" "$target$staged" || fail "cannot stage $target"
         ;;

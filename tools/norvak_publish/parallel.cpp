@@ -22,7 +22,7 @@ void in_parallel(std::size_t count, const std::function<void(std::size_t)>& work
     try {
       for (std::size_t i = next++; i < count; i = next++) work(i);
     } catch (...) {
-      next = count;  // the others need not go on
+      next = count;  // ends the other workers early
       throw;
     }
   };

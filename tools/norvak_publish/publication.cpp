@@ -55,8 +55,8 @@ void require_suitable(const ReleaseTree& tree, const PublishOptions& options) {
   }
 }
 
-/// Turns the plain files of the tree into its first release, unchecked: it is what hosts get now,
-/// and what to return to.
+/// Turns the plain files of the tree into its first release. They are not checked: hosts get them
+/// now, and a rollback has to be able to return to them.
 void import_plain_files(ReleaseTree& tree, const PublishOptions& options) {
   make_directory(tree.root() / kReleasesDirectory);
   link_tree(tree.root(), tree.draft());
@@ -85,8 +85,8 @@ void list_changes(const PublishOptions& options, const Draft& draft) {
   for (const std::string& path : draft.changes()) say(options, "  " + path);
 }
 
-/// Moves the changed files into the served directory one by one, in the order in which hosts can
-/// use them.
+/// Moves the changed files into the served directory one by one. Their order in the draft is one in
+/// which hosts can use them.
 void publish_in_place(const ReleaseTree& tree, const Draft& draft) {
   for (const std::string& path : draft.changes()) {
     const fs::path target = tree.root() / path;

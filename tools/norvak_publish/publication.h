@@ -34,20 +34,21 @@ void say(const PublishOptions& options, const std::string& line);
 /// @return whether an error is among them
 bool report(const PublishOptions& options, const std::vector<tools::Finding>& findings);
 
-/// The tree of @a options, locked and without remains of killed publishers.
+/// Opens and locks the tree of @a options, and removes what killed publishers left in it.
 /// @throws Failure
 [[nodiscard]] ReleaseTree open_locked(const PublishOptions& options);
 
 /// Warnings for the files in which a release differs from its manifest.
-/// @param published  the manifest; @param found  scan_release of the release
+/// @param published  the manifest
+/// @param found  the result of scan_release for the release
 [[nodiscard]] std::vector<tools::Finding> edited_in_place(const Manifest& published,
                                                           const Manifest& found);
 
 /// The agent version that the version file below @a root names; empty if there is none.
 [[nodiscard]] std::string published_version(const std::filesystem::path& root);
 
-/// Publishes what @a fill puts into a draft, which begins as what the tree serves now. The result
-/// is checked first; an error among the findings leaves the tree as it was.
+/// Publishes what @a fill puts into a draft, which starts as a copy of what the tree serves now.
+/// The result is checked first: if an error is found, the tree stays as it was.
 /// @throws Failure, UsageError
 [[nodiscard]] ExitStatus publish_changes(const PublishOptions& options,
                                          const std::function<void(Draft&)>& fill);

@@ -9,7 +9,6 @@
 #include <cerrno>
 #include <system_error>
 #include <thread>
-#include <utility>
 
 #include "failure.h"
 #include "files.h"
@@ -25,7 +24,7 @@ constexpr char kManifestSuffix[] = ".sha256";
 constexpr std::size_t kMaxDigits = 9;  // of a release number
 constexpr std::chrono::milliseconds kLockInterval(100);
 
-/// The number of the release called @a name; nothing if it is no such name.
+/// The number of the release that is called @a name; nothing for other names.
 std::optional<int> release_number(const std::string& name) {
   const bool digits =
       std::all_of(name.begin(), name.end(), [](unsigned char c) { return std::isdigit(c) != 0; });

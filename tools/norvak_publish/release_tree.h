@@ -2,7 +2,7 @@
 //
 //     TREE/releases/3/            a complete release, never changed
 //     TREE/releases/3.sha256      its manifest; written once the release was served
-//     TREE/releases/draft/        a release that is being put together
+//     TREE/releases/draft/        a release that is being prepared
 //     TREE/current                link to the release that is served: the document root
 //     TREE/previous               link to the one that was served before
 //     TREE/rolling-back           link to the target of a rollback that is not finished
@@ -20,6 +20,7 @@
 
 namespace publish {
 
+/// A server tree. Links that name releases are relative symbolic links at its top.
 class ReleaseTree {
  public:
   enum class Kind {
@@ -34,29 +35,31 @@ class ReleaseTree {
   [[nodiscard]] Kind kind() const;
   [[nodiscard]] const std::filesystem::path& root() const { return root_; }
 
-  /// Keeps other publishers out while this object lives, then removes what a killed one left.
+  /// Locks out other publishers as long as this object lives, and removes what killed ones left.
   /// @param wait  how long to wait for another publisher to end
-  /// @throws Failure  it did not end, or the tree cannot be written
+  /// @throws Failure  another publisher did not end, or the tree cannot be written
   void lock(std::chrono::seconds wait);
 
   /// Numbers of the complete releases in ascending order.
   [[nodiscard]] std::vector<int> releases() const;
 
-  /// The release that the link @a name names; nothing if there is no such link.
+  /// The release that the link @a name points to; nothing if there is no such link.
   /// @throws Failure  the link leads elsewhere
   [[nodiscard]] std::optional<int> linked(const char* name) const;
 
+  /// The release that is served; nothing before the first one.
   [[nodiscard]] std::optional<int> current() const { return linked(kCurrent); }
 
   /// The directory that the web server serves now: a release, or the root of a plain tree.
   [[nodiscard]] std::filesystem::path served() const;
 
+  /// Paths of a release and of its manifest, which need not exist.
   [[nodiscard]] std::filesystem::path release(int number) const;
   [[nodiscard]] std::filesystem::path manifest(int number) const;
 
   // What follows requires the lock.
 
-  /// Where a new release is put together; nothing is there after lock().
+  /// The directory for a new release. It does not exist after lock().
   [[nodiscard]] std::filesystem::path draft() const;
 
   /// Turns the draft into a release that is not served yet, and waits until all of it is on disk.
@@ -67,17 +70,19 @@ class ReleaseTree {
   /// Serves the release @a number from now on. `previous` then names what was served before.
   void serve(int number);
 
-  /// Points the link @a name to a release: one rename.
+  /// Points the link @a name to a release, atomically.
   void set_link(const char* name, int number);
+
+  /// Removes the link @a name if it exists.
   void remove_link(const char* name);
 
   /// Removes the oldest releases until at most @a keep besides the current one are left. A release
-  /// that a symbolic link in the tree names is kept.
+  /// to which a symbolic link at the tree's top points is kept.
   /// @return what was removed
   std::vector<int> remove_old_releases(int keep);
 
-  /// Removes what a killed publisher left, and releases without a manifest: those were never served
-  /// or are not to be kept. A release that a symbolic link in the tree names stays.
+  /// Removes what a killed publisher left, and releases without a manifest: they were never served
+  /// or are not to be kept. A release to which a symbolic link at the tree's top points stays.
   void clean_up();
 
   static constexpr char kCurrent[] = "current";

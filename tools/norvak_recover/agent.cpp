@@ -18,10 +18,11 @@ namespace recover {
 
 namespace {
 
-constexpr useconds_t kBetweenLooksMicroseconds = 200'000;
+constexpr useconds_t kRecheckMicroseconds = 200'000;
 constexpr char kLibraryPath[] = "LD_LIBRARY_PATH";
 
-/// What the agent inherits: no standard streams, and no lock that would last as long as it runs.
+/// Closes what the agent must not inherit: the standard streams, and the lock, which it would hold
+/// as long as it runs.
 void detach_descriptors() {
   constexpr int kMoreThanAreOpen = 64;
   for (int fd = 0; fd < kMoreThanAreOpen; ++fd) (void)::close(fd);
@@ -44,7 +45,7 @@ void detach_descriptors() {
 bool agent_is_up(const std::string& install_dir) {
   const std::vector<pid_t> before = find_processes(install_dir).agents;
   if (before.empty()) return false;
-  (void)::usleep(kBetweenLooksMicroseconds);
+  (void)::usleep(kRecheckMicroseconds);
   const std::vector<pid_t> after = find_processes(install_dir).agents;
   return std::find_first_of(before.begin(), before.end(), after.begin(), after.end()) !=
          before.end();
@@ -61,9 +62,9 @@ void start_agent(const std::string& install_dir) {
     (void)opener.close();
     run_startup_script(install_dir, gate.get());
   }
-  // In its scope before it does anything, it cannot start a process that is left outside.
+  // The child waits until it is in the scope, so that every process it starts is there, too.
   if (systemd_runs() && !move_to_scope({child})) {
-    std::fputs("norvak_recover: the agent gets no scope of its own; is there a D-Bus?\n", stderr);
+    std::fputs("norvak_recover: the agent gets no scope of its own; is D-Bus running?\n", stderr);
   }
   (void)opener.close();
 }

@@ -5,8 +5,8 @@
 
 namespace recover {
 
-/// Whether the agent runs: one of its processes is there at two moments a fifth of a second apart.
-/// A process that is being killed can still be there at the first one.
+/// Whether the agent runs: one of its processes exists at two moments 0.2 seconds apart. A process
+/// that is being killed can still exist at the first one.
 [[nodiscard]] bool agent_is_up(const std::string& install_dir);
 
 /// Starts the agent as the updater does, with LD_LIBRARY_PATH set to the install directory, in a

@@ -24,7 +24,7 @@ namespace {
 constexpr std::string_view kDeleted = " (deleted)";
 
 /// Programs that run scripts, without the version that may follow the name. A script is looked for
-/// in the arguments of these only: the argument of an editor or of `tail` is no script.
+/// in the arguments of these only: the argument of an editor or of `tail` is not run.
 constexpr std::string_view kShells[] = {"sh", "ash", "bash", "dash", "ksh", "mksh", "zsh"};
 constexpr std::string_view kInterpreters[] = {"lua", "node", "perl", "php", "python", "ruby"};
 constexpr std::string_view kBusybox = "busybox";
@@ -32,8 +32,6 @@ constexpr std::string_view kBusybox = "busybox";
 /// The programs of this package, wherever they are installed.
 constexpr std::string_view kOwnPrograms[] = {"norvak_update", "norvak_host", "norvak_recover"};
 
-constexpr const char* kWorkDirs[] = {agent_files::kSoftWorkDir, agent_files::kKernelWorkDir,
-                                     agent_files::kNginxWorkDir, agent_files::kRuleWorkDir};
 /// Other programs that the agent ships.
 constexpr const char* kOtherDirs[] = {"/nginx", "/tool"};
 
@@ -42,7 +40,7 @@ bool contains(const Range& range, const Value& value) {
   return std::find(std::begin(range), std::end(range), value) != std::end(range);
 }
 
-/// @a path where the file still was when it was removed.
+/// @a path without the kernel's mark that the file was removed.
 std::string without_deleted(std::string path) {
   const std::size_t end = path.size() < kDeleted.size() ? 0 : path.size() - kDeleted.size();
   if (path.compare(end, std::string::npos, kDeleted) == 0) path.resize(end);
@@ -100,8 +98,8 @@ bool is_below(std::string_view path, std::string_view directory) {
          path[directory.size()] == '/';
 }
 
-/// The install directory under its two names: as version_control has it, and as the kernel names
-/// it.
+/// The install directory under its two paths: the configured one, and the one without symbolic
+/// links, which the kernel reports.
 class InstallDir {
  public:
   explicit InstallDir(const std::string& path) : given_(normalized(path)), real_(given_) {
@@ -121,8 +119,8 @@ class InstallDir {
     return std::nullopt;
   }
 
-  /// Whether the process sees this very directory under its name: not so in a container that has
-  /// an agent of its own.
+  /// Whether the process sees this very directory under its path. In a container that has an agent
+  /// of its own, it sees another one.
   [[nodiscard]] bool is_seen_by(pid_t pid) const {
     struct stat other = {};
     return known_ && ::stat((process_path(pid, "root") + real_).c_str(), &other) == 0 &&
@@ -137,6 +135,7 @@ class InstallDir {
 };
 
 bool is_in_work_dir(const std::optional<std::string>& relative) {
+  using agent_files::kWorkDirs;
   return relative && std::any_of(std::begin(kWorkDirs), std::end(kWorkDirs), [&](const char* dir) {
            return *relative == dir || is_below(*relative, dir);
          });
@@ -153,7 +152,7 @@ bool is_agent_file(const std::string& relative) {
 struct Process {
   pid_t pid;
   std::string executable;
-  std::string directory;  ///< the working directory, with the kernel's note if it was removed
+  std::string directory;  ///< the working directory, with the kernel's mark if it was removed
   std::vector<std::string> arguments;
 
   explicit Process(pid_t id)
@@ -228,7 +227,8 @@ InstallDirProcesses find_processes(const std::string& install_dir) {
   const InstallDir directory(install_dir);
   for (const pid_t pid : all_processes()) {
     const Process process(pid);
-    const bool has_ended = process.executable.empty() || is_being_killed(pid);  // or never ran
+    // A process without an executable has ended, or is a kernel thread.
+    const bool has_ended = process.executable.empty() || is_being_killed(pid);
     if (pid == ::getpid() || has_ended || !directory.is_seen_by(pid)) continue;
     classify(process, directory, found);
   }

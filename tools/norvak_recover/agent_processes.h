@@ -8,7 +8,7 @@
 
 namespace recover {
 
-/// What the processes of this host do in an install directory, at one moment.
+/// The processes that use an install directory, at one moment.
 struct InstallDirProcesses {
   /// The agent: live processes whose executable or script, deleted or not, lies in the install
   /// directory outside `nginx/`, `tool/` and the work directories of the updater. startup.sh and
@@ -22,8 +22,8 @@ struct InstallDirProcesses {
   std::vector<pid_t> workers;
 };
 
-/// Looks at all processes but this one, those of containers with other files excepted. Needs root
-/// to see the processes of other users.
+/// Examines all processes except this one and those that see another directory under this path, as
+/// in a container. Only root can examine the processes of other users.
 [[nodiscard]] InstallDirProcesses find_processes(const std::string& install_dir);
 
 /// Whether a process can be the agent in the widest sense: its executable, its working directory or

@@ -1,4 +1,4 @@
-// The lock under which all runs of this package's units and cron jobs take place.
+// The lock that this package's units and cron jobs hold during each run.
 #pragma once
 
 #include "utility/file.h"
@@ -6,7 +6,7 @@
 namespace recover {
 
 /// Waits for the host lock, at most 20 minutes. It is held until the descriptor is closed.
-/// @return no descriptor if it cannot be had
+/// @return an empty descriptor if the lock stays taken or its file cannot be opened
 [[nodiscard]] utility::Descriptor take_host_lock();
 
 }  // namespace recover

@@ -45,7 +45,7 @@ int run(int argc, const char* const* argv) {
       "norvak_recover");
   CommandLine line;
   tools::add_version_option(app);
-  app.add_flag("--boot", line.at_boot, "First give the agent's own service 60 seconds");
+  app.add_flag("--boot", line.at_boot, "First wait up to 60 seconds for the agent's own service");
   app.add_flag("--locked", line.locked, "The caller holds the host lock");
   app.require_subcommand(0, 1);
   CLI::App* const begin = app.add_subcommand("begin", "Record that a run begins, for the units");

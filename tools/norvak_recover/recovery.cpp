@@ -8,7 +8,6 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <iterator>
 #include <optional>
 #include <string>
 #include <vector>
@@ -43,12 +42,9 @@ constexpr int kPidFileSeconds = 5;        // for startup.sh to write norvak.pid
 constexpr mode_t kNewProgramMode = 0755;  // of a web server program that did not exist before
 constexpr mode_t kPermissionBits = 07777;
 
-constexpr const char* kWorkDirs[] = {agent_files::kSoftWorkDir, agent_files::kKernelWorkDir,
-                                     agent_files::kNginxWorkDir, agent_files::kRuleWorkDir};
-
 void report(const std::string& text) { std::fprintf(stderr, "norvak_recover: %s\n", text.c_str()); }
 
-/// Whether the updater can have an agent in this directory: an empty path means the root directory.
+/// Whether an agent can be installed in this directory. The empty path would be the root directory.
 bool is_usable(const std::string& install_dir) {
   return install_dir.size() > 1 && install_dir[0] == '/' &&
          install_dir.find_first_not_of('/') != std::string::npos;
@@ -66,7 +62,7 @@ bool log_is_unfinished(const std::string& install_dir) {
 
 std::vector<std::string> left_behind(const std::string& install_dir) {
   std::vector<std::string> paths;
-  for (const char* const dir : kWorkDirs) {
+  for (const char* const dir : agent_files::kWorkDirs) {
     if (utility::exists(install_dir + dir)) paths.push_back(install_dir + dir);
   }
   return paths;
@@ -89,8 +85,8 @@ void remove_settled_settings(const std::string& install_dir) {
   }
 }
 
-/// Notes the settings of an interrupted agent update, if config.xml does not have them. An older
-/// note stays until it is settled: what it says was so before that update.
+/// Keeps the settings of an interrupted agent update, if config.xml does not have them. Those of an
+/// earlier update stay until they are restored: they are the original ones.
 void keep_settings(const RunRecord& record, const std::string& install_dir) {
   remove_settled_settings(install_dir);
   if (record.type != UpdateType::kSoft || tools::read_kept_settings()) return;
@@ -107,9 +103,9 @@ void keep_settings(const RunRecord& record, const std::string& install_dir) {
   if (!tools::write_kept_settings(kept)) report("the settings before the update cannot be saved");
 }
 
-/// Through norvak.pid the updater kills what it names, and with 0 or a negative number far more.
-/// Nothing is known here about an interrupted run, so the process is spared as soon as anything
-/// speaks for the agent.
+/// The updater kills what norvak.pid names; with 0 or a negative number that is far more than one
+/// process. Nothing points to an interrupted run here, so the file stays if the process may be the
+/// agent.
 void remove_dangerous_pid_file(const std::string& install_dir) {
   const std::string path = install_dir + agent_files::kPid;
   const std::optional<pid_t> pid = CHelper::read_pid(path);
@@ -126,7 +122,7 @@ bool pid_file_is_right(const std::string& install_dir) {
   return *pid > 0 && std::find(agents.begin(), agents.end(), *pid) != agents.end();
 }
 
-/// A startup.sh that is at work may be about to replace the file.
+/// Waits first if there is a startup.sh or an agent, which may be about to replace the file.
 void repair_pid_file(const std::string& install_dir) {
   const InstallDirProcesses found = find_processes(install_dir);
   const bool may_change = !found.agents.empty() || !found.startup_scripts.empty();
@@ -146,8 +142,8 @@ bool wait_until_quiet(const std::string& install_dir) {
 /// @return false if there is still no agent
 bool restore_agent(const std::string& install_dir) {
   const auto is_up = [&] { return agent_is_up(install_dir); };
-  // A startup.sh that is at work starts the agent itself, and another one would start a second. One
-  // that has been there for long may be all that is left of an earlier agent.
+  // A running startup.sh may be about to start the agent, and another one would start a second. One
+  // that does not may be what is left of an earlier agent.
   const bool is_starting = !find_processes(install_dir).startup_scripts.empty();
   if (wait_until(is_starting ? kStartSeconds : 0, is_up)) return true;
   report("starting the agent");
@@ -194,7 +190,8 @@ std::optional<RunRecord> find_interrupted_run(const std::string& install_dir) {
   const bool evidence = has_marker(install_dir) || !left_behind(install_dir).empty() ||
                         log_is_unfinished(install_dir);
   if (!record && evidence) {
-    // Started by hand. Before the marker there was nothing that could have stopped the agent.
+    // A run that was started by hand. Without the marker, it did not get as far as the agent's
+    // stop.
     record = RunRecord();
     record->agent_ran = has_marker(install_dir);
     record->boot_time = boot_time();
@@ -236,14 +233,14 @@ Result end_run(UpdateType type) {
   const std::optional<RunRecord> record = read_run_record();
   if (!record) return Result::kDone;
   if (type == UpdateType::kSoft && is_in_own_unit() && !move_to_scope(find_unit_companions())) {
-    report("the agent has no scope of its own and will be started again; is there a D-Bus?");
+    report("the agent gets no scope of its own and will be started again; is D-Bus running?");
     return Result::kFailed;
   }
   if (type == UpdateType::kNginx) restore_nginx(*record, install_dir);
   if (record->agent_ran && !wait_until(kReturnSeconds, [&] { return agent_is_up(install_dir); })) {
     return Result::kRecoveryNeeded;
   }
-  ::sync();  // a power cut from now on finds no record
+  ::sync();  // before the record is removed: after a power cut nothing else leads to a repair
   remove_run_record();
   return Result::kDone;
 }
@@ -253,13 +250,13 @@ Result recover(bool at_boot) {
   if (!is_usable(install_dir)) return Result::kDone;
   if (!find_interrupted_run(install_dir)) return Result::kDone;
   if (!wait_until_quiet(install_dir)) {
-    report("an update is still at work in " + install_dir);
+    report("an update is still running in " + install_dir);
     return Result::kFailed;
   }
-  // An updater that was at work until now has cleaned up itself.
+  // An updater that ended meanwhile has cleaned up itself.
   const std::optional<RunRecord> run = find_interrupted_run(install_dir);
   if (!run) return Result::kDone;
-  if (!write_run_record(*run)) {  // before the marker goes: this may be interrupted, too
+  if (!write_run_record(*run)) {  // before the marker is removed: this may be interrupted, too
     report(std::string("cannot write to ") + tools::kStateDir);
     return Result::kFailed;
   }

@@ -1,6 +1,6 @@
-// What has to be done around a run of the updater so that nothing that ends it leaves a host that
-// waits for a person. All steps expect that the caller holds the host lock. They print what they
-// change to standard error.
+// Steps before and after a run of the updater, so that a host recovers without a person however the
+// run ends. Except for rotatable_log, the caller must hold the host lock. The steps print to
+// standard error what they change.
 #pragma once
 
 #include <string>
@@ -12,7 +12,7 @@ namespace recover {
 enum class Result {
   kDone = 0,
   kFailed = 1,          ///< the reason has been printed
-  kRecoveryNeeded = 2,  ///< recover() has to be called first
+  kRecoveryNeeded = 2,  ///< call recover() first
   kNoAgent = 3,         ///< there is no agent on this host, so there is nothing to do
 };
 
@@ -35,12 +35,14 @@ enum class Result {
 /// the end of updaters and of what they started, at most 10 minutes.
 ///
 /// Removes work directories, the marker, and a norvak.pid that does not name the agent. Starts the
-/// agent if it ran before and does not run now: at boot, or if the run was interrupted before this
-/// boot, not before its own service had 60 seconds for that.
+/// agent if it ran before and does not run now. If the host was rebooted since, the agent's own
+/// service first gets 60 seconds to start it.
+///
+/// @param at_boot  the host is booting; otherwise the run's record shows whether it was rebooted
 [[nodiscard]] Result recover(bool at_boot);
 
-/// The path of the update log; empty if there is none, or if logrotate would take its path for a
-/// pattern or for something else than a path.
+/// The path of the update log; empty if there is no log, or if logrotate would not take its path
+/// literally.
 [[nodiscard]] std::string rotatable_log();
 
 }  // namespace recover

@@ -1,5 +1,5 @@
-// The record of a run that has begun and not ended. It exists on disk before the updater starts, so
-// that whatever ends the run leaves it as evidence.
+// The record of a run that has begun and not ended. It is on disk before the updater starts, so it
+// remains as evidence however the run ends.
 #pragma once
 
 #include <sys/types.h>
@@ -12,11 +12,11 @@
 
 namespace recover {
 
-/// What was so before the run.
+/// The state of the host before the run.
 struct RunRecord {
   host::UpdateType type = host::UpdateType::kSoft;
   bool agent_ran = false;      ///< the agent ran, and is to run afterwards
-  std::time_t boot_time = 0;   ///< when the host had been booted, as boot_time() gives it
+  std::time_t boot_time = 0;   ///< the result of boot_time() at the beginning
   std::string version;         ///< settings of config.xml
   std::string update_type;     ///< likewise
   std::optional<mode_t> mode;  ///< permission bits of the web server program, if it existed
@@ -28,7 +28,7 @@ struct RunRecord {
 /// @return false if the record cannot be written
 [[nodiscard]] bool write_run_record(const RunRecord& record);
 
-/// The run has ended, or its effects have been repaired.
+/// Removes the record, once the run has ended or its effects have been repaired.
 void remove_run_record();
 
 /// When this host was booted, in seconds since the epoch; moves when the clock is set. 0 if it

@@ -120,7 +120,7 @@ bool move_to_scope(const std::vector<pid_t>& pids) {
                                       std::to_string(pids.size())};
   for (const pid_t pid : pids) command.push_back(std::to_string(pid));
   command.emplace_back("0");
-  // The call only queues the move. A unit that ended before it would end the processes too.
+  // The call only queues the move. If the unit ended before, systemd would kill the processes.
   return run(command) && wait_until(kMoveSeconds, [&] {
            return std::all_of(pids.begin(), pids.end(),
                               [&](pid_t pid) { return is_in_group_named(pid, name); });

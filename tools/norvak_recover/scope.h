@@ -7,18 +7,19 @@
 
 namespace recover {
 
-/// Whether this host is run by systemd.
+/// Whether systemd is the init system of this host.
 [[nodiscard]] bool systemd_runs();
 
-/// Whether this process belongs to a unit of this package, whose end ends all its processes.
+/// Whether this process belongs to a unit of this package. When the unit ends, systemd kills all
+/// processes in it.
 [[nodiscard]] bool is_in_own_unit();
 
 /// The processes in the control group of this process, without itself and its ancestors.
 [[nodiscard]] std::vector<pid_t> find_unit_companions();
 
 /// Moves processes into a new scope of systemd and waits until they are there, at most 10 seconds.
-/// From then on the end of a unit does not end them.
-/// @return false if a live process is still elsewhere, for example because there is no D-Bus
+/// They then survive the end of the unit that started them.
+/// @return false if a live process is still elsewhere, for example because D-Bus is not running
 [[nodiscard]] bool move_to_scope(const std::vector<pid_t>& pids);
 
 }  // namespace recover

@@ -144,9 +144,9 @@ TEST_F(PackageWriterTest, FindsAnEntryOfAnotherType) {
   contents.entries[0].type = "link";
   contents.entries[1].type = "file";
   contents.entries[2].type = "file";
-  EXPECT_EQ(complaints(),
-            (Complaints{"bin/agent is no symbolic link", "bin is no regular file",
-                        "run is no regular file", "bin/agent needs a line for the directory bin"}));
+  EXPECT_EQ(complaints(), (Complaints{"bin/agent is not a symbolic link",
+                                      "bin is not a regular file", "run is not a regular file",
+                                      "bin/agent needs a line for the directory bin"}));
 }
 
 TEST_F(PackageWriterTest, FindsAPathThatIsListedTwiceOrInstalledAndRemoved) {

@@ -110,13 +110,13 @@ TEST(Fleet, RefusesCountsThatDoNotAddUp) {
 }
 
 TEST(Fleet, RefusesLinesThatAreNoHosts) {
-  EXPECT_EQ(failure("{"), "fleet, line 1: this is no JSON object");
-  EXPECT_EQ(failure("{}\n[]\n"), "fleet, line 1: this is no host: it has no \"family\"");
+  EXPECT_EQ(failure("{"), "fleet, line 1: this is not a JSON object");
+  EXPECT_EQ(failure("{}\n[]\n"), "fleet, line 1: this is not a host: it has no \"family\"");
   EXPECT_EQ(failure(R"({"family":"centos","machine":7,"kernel_release":"a"})"),
-            "fleet, line 1: this is no host: it has no \"machine\"");
+            "fleet, line 1: this is not a host: it has no \"machine\"");
   EXPECT_EQ(failure(R"({"family":"centos","machine":"x86_64","kernel_release":"a"})"
                     "\n[1]\n"),
-            "fleet, line 2: this is no JSON object");
+            "fleet, line 2: this is not a JSON object");
 }
 
 TEST(Fleet, RefusesALineWithoutEnd) {

@@ -17,10 +17,10 @@ namespace recover {
 /// The id of the parent; 0 if the process has none or has ended.
 [[nodiscard]] pid_t parent_of(pid_t pid);
 
-/// Whether a SIGKILL is on its way to the process: it is as good as dead.
+/// Whether a SIGKILL is pending for the process, so that it is about to end.
 [[nodiscard]] bool is_being_killed(pid_t pid);
 
-/// The arguments, beginning with the name; empty if they cannot be read.
+/// The arguments, of which the first is the program's name; empty if they cannot be read.
 [[nodiscard]] std::vector<std::string> arguments_of(pid_t pid);
 
 /// The target of a link in /proc; empty if it cannot be read. If the file was removed, the kernel

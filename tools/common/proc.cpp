@@ -38,7 +38,7 @@ std::vector<pid_t> all_processes() {
   const utility::DirPtr directory(::opendir("/proc"));
   if (!directory) return pids;
   while (const dirent* const entry = ::readdir(directory.get())) {
-    const pid_t pid = utility::CStr::to_int(entry->d_name);  // 0 for all that is no process
+    const pid_t pid = utility::CStr::to_int(entry->d_name);  // 0 for other entries
     if (pid > 0) pids.push_back(pid);
   }
   return pids;

@@ -1,4 +1,4 @@
-#include "proc.h"
+#include "common/proc.h"
 
 #include <dirent.h>
 #include <signal.h>
@@ -12,9 +12,12 @@
 #include "utility/cstr.h"
 #include "utility/file.h"
 
-namespace recover {
+namespace tools {
 
 namespace {
+
+/// The kernel appends this to the path of a file that was replaced or removed.
+constexpr std::string_view kDeleted = " (deleted)";
 
 /// The value of a line of /proc/PID/status; empty if there is no such line or process.
 std::string status_value(pid_t pid, std::string_view name) {
@@ -69,6 +72,7 @@ std::vector<std::string> arguments_of(pid_t pid) {
       argument.clear();
     }
   }
+  if (!argument.empty()) arguments.push_back(argument);  // a process can overwrite the last NUL
   return arguments;
 }
 
@@ -79,4 +83,10 @@ std::string read_proc_link(const std::string& link) {
   return path;
 }
 
-}  // namespace recover
+std::string without_deleted(std::string path) {
+  const std::size_t end = path.size() < kDeleted.size() ? 0 : path.size() - kDeleted.size();
+  if (path.compare(end, std::string::npos, kDeleted) == 0) path.resize(end);
+  return path;
+}
+
+}  // namespace tools

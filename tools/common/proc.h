@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-namespace recover {
+namespace tools {
 
 /// The path of @a name in the directory of a process.
 [[nodiscard]] std::string process_path(pid_t pid, const std::string& name);
@@ -23,8 +23,11 @@ namespace recover {
 /// The arguments, of which the first is the program's name; empty if they cannot be read.
 [[nodiscard]] std::vector<std::string> arguments_of(pid_t pid);
 
-/// The target of a link in /proc; empty if it cannot be read. If the file was removed, the kernel
-/// appends " (deleted)" to its path.
+/// The target of a link in /proc; empty, with errno set, if it cannot be read. If the file was
+/// removed, the kernel appends " (deleted)" to its path.
 [[nodiscard]] std::string read_proc_link(const std::string& link);
 
-}  // namespace recover
+/// @a path, a result of read_proc_link, without " (deleted)".
+[[nodiscard]] std::string without_deleted(std::string path);
+
+}  // namespace tools

@@ -2,15 +2,14 @@
 
 #include <signal.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
-#include <sstream>
-#include <string_view>
 
 #include "agent_files.h"
+#include "common/proc.h"
 #include "help.h"
 #include "utility/cstr.h"
 #include "utility/file.h"
@@ -18,47 +17,33 @@
 
 namespace host {
 
+using tools::process_path;
+
 namespace {
 
 constexpr char kUpdater[] = "norvak_update";
 
-/// The kernel appends this to the path of an executable that was replaced or removed.
-constexpr std::string_view kDeleted = " (deleted)";
-
-constexpr std::size_t kMaxCommandBytes = 4096;
-
-std::string process_path(pid_t pid, const char* name) {
-  return "/proc/" + std::to_string(pid) + "/" + name;
-}
-
-/// The beginning of a file of /proc; empty if it cannot be read.
+/// The beginning of a file in /proc; empty if it cannot be read.
 std::string read_proc(pid_t pid, const char* name) {
+  constexpr std::size_t kMaxBytes = 1024;
   const utility::FilePtr file(std::fopen(process_path(pid, name).c_str(), "re"));
   if (!file) return "";
-  std::string text(kMaxCommandBytes, '\0');
+  std::string text(kMaxBytes, '\0');
   text.resize(std::fread(text.data(), 1, text.size(), file.get()));
   return text;
 }
 
-/// Where a link of /proc leads, such as "exe"; nothing if it cannot be read, with errno set.
-std::optional<std::string> read_link(pid_t pid, const char* name) {
-  std::string path(kMaxCommandBytes, '\0');
-  const ssize_t length = ::readlink(process_path(pid, name).c_str(), path.data(), path.size());
-  if (length < 0) return std::nullopt;
-  path.resize(static_cast<std::size_t>(length));
-  if (path.size() > kDeleted.size() &&
-      path.compare(path.size() - kDeleted.size(), kDeleted.size(), kDeleted) == 0) {
-    path.resize(path.size() - kDeleted.size());
-  }
-  return path;
+/// The target of a link in /proc, such as "exe", also if it was removed; empty, with errno set, if
+/// it cannot be read.
+std::string read_link(pid_t pid, const char* name) {
+  return tools::without_deleted(tools::read_proc_link(process_path(pid, name)));
 }
 
 /// The update type that the process was started with; nothing for an unknown one.
 std::optional<UpdateType> type_of(pid_t pid) {
-  const std::string command = read_proc(pid, "cmdline");  // arguments, each followed by a NUL
-  const std::size_t first = command.find('\0');
-  if (first == std::string::npos || first + 1 >= command.size()) return std::nullopt;
-  const int number = utility::CStr::to_int(command.c_str() + first + 1);
+  const std::vector<std::string> arguments = tools::arguments_of(pid);
+  if (arguments.size() < 2) return std::nullopt;
+  const int number = utility::CStr::to_int(arguments[1].c_str());
   for (const UpdateType type : kUpdateTypes) {
     if (number == static_cast<int>(type)) return type;
   }
@@ -78,11 +63,11 @@ bool same_install_dir(pid_t pid, const struct stat& own) {
 
 /// The process as an updater; nothing if it is none.
 std::optional<RunningUpdater> as_updater(pid_t pid, const struct stat& install_dir) {
-  const std::optional<std::string> path = read_link(pid, "exe");
-  const bool hidden = !path && (errno == EACCES || errno == EPERM);
-  if (!path && !hidden) return std::nullopt;  // ended, or a kernel thread
-  const bool named = path ? path->substr(path->rfind('/') + 1) == kUpdater
-                          : read_proc(pid, "comm") == std::string(kUpdater) + "\n";
+  const std::string path = read_link(pid, "exe");
+  const bool hidden = path.empty() && (errno == EACCES || errno == EPERM);
+  if (path.empty() && !hidden) return std::nullopt;  // ended, or a kernel thread
+  const bool named = hidden ? read_proc(pid, "comm") == std::string(kUpdater) + "\n"
+                            : path.substr(path.rfind('/') + 1) == kUpdater;
   if (!named) return std::nullopt;
   const std::optional<UpdateType> type = type_of(pid);
   if (!type || !is_alive(pid) || (!hidden && !same_install_dir(pid, install_dir))) {
@@ -96,11 +81,8 @@ std::optional<RunningUpdater> as_updater(pid_t pid, const struct stat& install_d
 std::vector<RunningUpdater> find_updaters(const std::string& install_dir) {
   std::vector<RunningUpdater> updaters;
   struct stat own = {};
-  const utility::DirPtr processes(::opendir("/proc"));
-  if (!processes || ::stat(install_dir.c_str(), &own) != 0) return updaters;
-  while (const dirent* const entry = ::readdir(processes.get())) {
-    const pid_t pid = utility::CStr::to_int(entry->d_name);  // 0 for other entries
-    if (pid <= 0) continue;
+  if (::stat(install_dir.c_str(), &own) != 0) return updaters;
+  for (const pid_t pid : tools::all_processes()) {
     const std::optional<RunningUpdater> updater = as_updater(pid, own);
     if (updater) updaters.push_back(*updater);
   }
@@ -114,12 +96,12 @@ bool is_running(const std::vector<RunningUpdater>& updaters, UpdateType type) {
 }
 
 std::optional<std::vector<std::string>> process_paths(pid_t pid) {
-  const std::optional<std::string> executable = read_link(pid, "exe");
-  const std::optional<std::string> directory = read_link(pid, "cwd");
-  if (!executable || !directory) return std::nullopt;
-  std::vector<std::string> paths = {*executable, *directory};
-  std::istringstream arguments(read_proc(pid, "cmdline"));
-  for (std::string argument; std::getline(arguments, argument, '\0');) paths.push_back(argument);
+  const std::string executable = read_link(pid, "exe");
+  const std::string directory = read_link(pid, "cwd");
+  if (executable.empty() || directory.empty()) return std::nullopt;
+  std::vector<std::string> paths = tools::arguments_of(pid);
+  paths.push_back(executable);
+  paths.push_back(directory);
   return paths;
 }
 

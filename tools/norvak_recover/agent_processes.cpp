@@ -12,16 +12,16 @@
 #include <string_view>
 
 #include "agent_files.h"
-#include "proc.h"
+#include "common/proc.h"
 #include "utility/cstr.h"
 #include "utility/file.h"
 
 namespace recover {
 
-namespace {
+using tools::process_path;
+using tools::read_proc_link;
 
-/// The kernel appends it to the path of a file that has been removed.
-constexpr std::string_view kDeleted = " (deleted)";
+namespace {
 
 /// Programs that run scripts, without the version that may follow the name. A script is looked for
 /// in the arguments of these only: the argument of an editor or of `tail` is not run.
@@ -38,13 +38,6 @@ constexpr const char* kOtherDirs[] = {"/nginx", "/tool"};
 template <typename Range, typename Value>
 bool contains(const Range& range, const Value& value) {
   return std::find(std::begin(range), std::end(range), value) != std::end(range);
-}
-
-/// @a path without the kernel's mark that the file was removed.
-std::string without_deleted(std::string path) {
-  const std::size_t end = path.size() < kDeleted.size() ? 0 : path.size() - kDeleted.size();
-  if (path.compare(end, std::string::npos, kDeleted) == 0) path.resize(end);
-  return path;
 }
 
 std::string_view base_name(std::string_view path) { return path.substr(path.rfind('/') + 1); }
@@ -157,9 +150,9 @@ struct Process {
 
   explicit Process(pid_t id)
       : pid(id),
-        executable(without_deleted(read_proc_link(process_path(id, "exe")))),
+        executable(tools::without_deleted(read_proc_link(process_path(id, "exe")))),
         directory(read_proc_link(process_path(id, "cwd"))),
-        arguments(arguments_of(id)) {}
+        arguments(tools::arguments_of(id)) {}
 
   /// An argument as a path that begins at the root.
   [[nodiscard]] std::string absolute(const std::string& argument) const {
@@ -203,7 +196,7 @@ void classify(const Process& process, const InstallDir& install_dir, InstallDirP
 
 /// Whether one of @a ancestors started the process, directly or through others.
 bool descends_from(pid_t pid, const std::vector<pid_t>& ancestors) {
-  for (pid_t parent = pid; parent > 1; parent = parent_of(parent)) {
+  for (pid_t parent = pid; parent > 1; parent = tools::parent_of(parent)) {
     if (contains(ancestors, parent)) return true;
   }
   return false;
@@ -225,10 +218,10 @@ void leave_out_agents(InstallDirProcesses& found) {
 InstallDirProcesses find_processes(const std::string& install_dir) {
   InstallDirProcesses found;
   const InstallDir directory(install_dir);
-  for (const pid_t pid : all_processes()) {
+  for (const pid_t pid : tools::all_processes()) {
     const Process process(pid);
     // A process without an executable has ended, or is a kernel thread.
-    const bool has_ended = process.executable.empty() || is_being_killed(pid);
+    const bool has_ended = process.executable.empty() || tools::is_being_killed(pid);
     if (pid == ::getpid() || has_ended || !directory.is_seen_by(pid)) continue;
     classify(process, directory, found);
   }

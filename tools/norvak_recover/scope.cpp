@@ -10,7 +10,7 @@
 #include <string>
 #include <string_view>
 
-#include "proc.h"
+#include "common/proc.h"
 #include "utility/file.h"
 #include "wait.h"
 
@@ -28,7 +28,7 @@ constexpr int kCannotRun = 127;  // exit status, as of a shell
 std::string control_group(pid_t pid) {
   constexpr std::string_view kNamed = ":name=systemd:";  // beside other hierarchies
   constexpr std::string_view kUnified = "0::";
-  utility::LineReader lines(process_path(pid, "cgroup"), kMaxLineBytes);
+  utility::LineReader lines(tools::process_path(pid, "cgroup"), kMaxLineBytes);
   std::string line;
   std::string unified;
   while (lines && lines.next(line)) {
@@ -46,7 +46,7 @@ bool is_in_group_named(pid_t pid, const std::string& name) {
 
 std::vector<pid_t> ancestors_of(pid_t pid) {
   std::vector<pid_t> ancestors;
-  for (pid_t parent = parent_of(pid); parent > 0; parent = parent_of(parent)) {
+  for (pid_t parent = tools::parent_of(pid); parent > 0; parent = tools::parent_of(parent)) {
     ancestors.push_back(parent);
   }
   return ancestors;
@@ -89,7 +89,7 @@ std::vector<pid_t> find_unit_companions() {
   const std::string own = control_group(::getpid());
   const std::vector<pid_t> ancestors = ancestors_of(::getpid());
   std::vector<pid_t> companions;
-  for (const pid_t pid : all_processes()) {
+  for (const pid_t pid : tools::all_processes()) {
     const bool in_family =
         pid == ::getpid() || std::find(ancestors.begin(), ancestors.end(), pid) != ancestors.end();
     if (!in_family && control_group(pid) == own) companions.push_back(pid);

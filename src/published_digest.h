@@ -38,8 +38,8 @@ enum class ModuleState {
 /// Whether the list announces rules other than @a current: it has exactly one line, which differs.
 [[nodiscard]] bool announces_new_rules(const std::string& list_path, const std::string& current);
 
-/// Whether the first line of the list, at most 127 bytes of it, is exactly the digest of the rules:
-/// with white space or capital letters it is not.
+/// Whether the first line of the list, at most 127 bytes of it, is exactly the digest of the rules.
+/// White space or capital letters make it differ.
 [[nodiscard]] bool verify_rules(const std::string& list_path, const std::string& rules_path);
 
 /// What identifies a build of the web server program: the first line of the file @a path, at most

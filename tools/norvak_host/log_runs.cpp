@@ -250,8 +250,8 @@ void RunFinder::add(std::string_view text, std::time_t written) {
   if (!line->type) keep_unowned(*line);
 }
 
-/// A failed transfer belongs to the run that cannot be without it, or else to the run that wrote
-/// the next line.
+/// A failed transfer belongs to the run that must have had one, or else to the run that wrote the
+/// next line.
 void RunFinder::add_transfer(const LogLine& line) {
   if (next_format_ == kNoInterest) return;  // of no interest either
   using Fit = RunCollector::Fit;

@@ -206,18 +206,22 @@ class Previewer {
     preview.parts.push_back(part);
   }
 
+  /// Whether @a digest, from @a list, has the form of a digest. Without it, @a files are refused.
+  [[nodiscard]] bool check_digest(const Reply& list, const std::string& digest,
+                                  const std::string& files) {
+    if (is_digest(digest)) return true;
+    findings_.error("digest-unusable", list.url,
+                    "the digest list has no digest in lower-case hexadecimal digits, so " + files +
+                        " would be refused" + described(list),
+                    "publish the digest as md5sum prints it, without the file name");
+    return false;
+  }
+
   /// Whether a module that is downloaded for @a part would be installed.
   [[nodiscard]] bool can_verify(const Reply& list, const Part& part, const std::string& url) {
     std::string digest = part.offered;
     utility::CStr::trim(digest);
-    if (!is_digest(digest)) {
-      findings_.error("digest-unusable", list.url,
-                      "the digest list has no digest in lower-case hexadecimal digits, so the "
-                      "module would be refused" +
-                          described(list),
-                      "publish the digest as md5sum prints it, without the file name");
-      return false;
-    }
+    if (!check_digest(list, digest, "the module")) return false;
     if (digest != part.offered) {
       findings_.warning("digest-with-blanks", list.url,
                         "white space around the digest: the module is downloaded by every run",
@@ -262,13 +266,7 @@ class Previewer {
                         const std::string& url) {
     conditions_.check_target(agent_files::kInstalledRules, "template-missing",
                              "template-not-writable");
-    if (!is_digest(part.offered)) {
-      findings_.error(
-          "digest-unusable", list.url,
-          "the digest list has no digest in lower-case hexadecimal digits, so the rules "
-          "would be refused" +
-              described(list),
-          "publish the digest as md5sum prints it, without the file name");
+    if (!check_digest(list, part.offered, "the rules")) {
       return set(preview, Outcome::kFailed, "the published digest is unusable");
     }
     if (!check_offer(url, "verify")) {

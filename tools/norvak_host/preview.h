@@ -18,7 +18,7 @@ struct Part {
   std::string name;
   std::string installed;  ///< version, digest or identification; empty if there is none
   std::string offered;    ///< likewise; empty if it could not be downloaded
-  Outcome outcome;        ///< kUnknown as well if the run would end before
+  Outcome outcome;        ///< kUnknown also if the run would end before it
 };
 
 /// What the server answered to one request.

@@ -19,8 +19,8 @@ struct Reply {
   bool too_large = false;  ///< the body is longer than the limit
   utility::FilePtr body;   ///< unnamed temporary file; null if no byte arrived
 
-  /// A path under which the body can be opened. It is empty if the body is: the updater, too, has
-  /// no file then.
+  /// A path under which the body can be opened; empty if no byte arrived, as the updater has no
+  /// file then.
   [[nodiscard]] std::string path() const;
 };
 

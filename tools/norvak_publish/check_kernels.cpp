@@ -43,7 +43,7 @@ bool parse_distribution(const std::string& name, Distribution& distribution) {
     const std::string flavour = name == family ? "" : name.substr(dash.size());
     const int code = host_identity::os_code(family);
     distribution = {name, code, flavour};
-    // Any release will do that contains the flavour.
+    // Any release that contains the flavour will do.
     return describe(code, "1.2.3-4-" + flavour).flavour == flavour;
   }
   return false;

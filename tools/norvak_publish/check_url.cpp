@@ -115,7 +115,7 @@ std::vector<Area> areas(const CheckOptions& options) {
   return result;
 }
 
-/// Adds findings about an answer that is not the file, and what hosts make of it.
+/// Adds the findings about an answer that is not the requested file.
 void explain_failure(const Request& request, bool is_published, Findings& findings) {
   const std::string file = TreeReader::shown(request.path);
   if (!request.is_answered()) {

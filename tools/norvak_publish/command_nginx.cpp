@@ -12,7 +12,7 @@ namespace {
 
 constexpr int kWordSize64 = 64;
 
-/// Whether a URL can contain @a name: hosts do not escape it.
+/// Whether @a name can be part of a URL as it is: hosts do not escape it.
 bool fits_a_url(const std::string& name) {
   return !name.empty() && name.find_first_not_of('.') != std::string::npos &&
          std::all_of(name.begin(), name.end(), [](unsigned char c) {

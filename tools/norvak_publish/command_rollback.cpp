@@ -56,7 +56,7 @@ int find_target(const ReleaseTree& tree, const RollbackCommand& command) {
   return *target;
 }
 
-/// Whether an unfinished rollback serves a release of make_grace_release, which has no manifest.
+/// Whether an unfinished rollback serves a grace release: see make_grace_release. It has no manifest.
 bool serves_grace_release(const ReleaseTree& tree, int current) {
   return tree.linked(ReleaseTree::kRollingBack) && !fs::exists(tree.manifest(current));
 }
@@ -99,7 +99,7 @@ void switch_back(ReleaseTree& tree, int current, int target, std::chrono::second
     tree.set_link(ReleaseTree::kRollingBack, target);
     const int number = make_grace_release(tree, current, target);
     if (in_grace) {
-      tree.set_link(ReleaseTree::kCurrent, number);  // `previous` stays: never a grace release
+      tree.set_link(ReleaseTree::kCurrent, number);  // `previous` never names a grace release
     } else {
       tree.serve(number);
     }

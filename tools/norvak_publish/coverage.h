@@ -38,7 +38,7 @@ struct Coverage {
 /// Where hosts with @a kernel request the module @a module; begins with "/".
 [[nodiscard]] std::string module_directory(const FleetKernel& kernel, const char* module);
 
-/// Finds out which modules the hosts of @a fleet find.
+/// Determines for which kernels of @a fleet the tree has modules.
 /// @param root  a plain tree
 [[nodiscard]] Coverage coverage(const std::string& root, const std::vector<FleetKernel>& fleet);
 

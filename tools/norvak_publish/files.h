@@ -1,4 +1,4 @@
-// Puts files into a server tree atomically: no reader sees a partial file, and no crash leaves one.
+// Puts files into a server tree atomically: a file has its final name only when it is complete.
 #pragma once
 
 #include <sys/types.h>

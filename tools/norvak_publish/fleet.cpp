@@ -94,7 +94,7 @@ FleetKernel parse_json(const std::string& line) {
   return {text("family"), text("machine"), text("kernel_release"), 1};
 }
 
-/// Whether uname() can report @a text. A path that contains it then has no other directories.
+/// Whether @a text can be a name that uname() reports. It is then safe as one part of a path.
 bool is_name(const std::string& text) {
   if (text.empty() || text.size() > kMostNameBytes || text == "." || text == "..") return false;
   for (const char c : text) {

@@ -40,8 +40,8 @@ bool fits(std::uint64_t offset, std::uint64_t size, std::uint64_t end) {
   return offset <= end && size <= end - offset;
 }
 
-/// Whether everything that the ELF header and its tables refer to lies within the first @a bytes of
-/// the file, its size. A truncated copy does not.
+/// Whether everything that the ELF header and its tables refer to lies within the file, which has
+/// @a bytes bytes. That is not so in a truncated copy.
 bool is_whole(Elf* elf, const GElf_Ehdr& head, std::uint64_t bytes) {
   std::size_t sections = 0;
   std::size_t segments = 0;

@@ -190,8 +190,7 @@ std::optional<RunRecord> find_interrupted_run(const std::string& install_dir) {
   const bool evidence = has_marker(install_dir) || !left_behind(install_dir).empty() ||
                         log_is_unfinished(install_dir);
   if (!record && evidence) {
-    // A run that was started by hand. Without the marker, it did not get as far as the agent's
-    // stop.
+    // The run was started by hand. Without the marker, it ended before it could stop the agent.
     record = RunRecord();
     record->agent_ran = has_marker(install_dir);
     record->boot_time = boot_time();
@@ -253,7 +252,7 @@ Result recover(bool at_boot) {
     report("an update is still running in " + install_dir);
     return Result::kFailed;
   }
-  // An updater that ended meanwhile has cleaned up itself.
+  // An updater that ended meanwhile has cleaned up after itself.
   const std::optional<RunRecord> run = find_interrupted_run(install_dir);
   if (!run) return Result::kDone;
   if (!write_run_record(*run)) {  // before the marker is removed: this may be interrupted, too

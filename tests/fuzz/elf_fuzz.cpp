@@ -1,6 +1,6 @@
 // The reader of kernel modules and programs, with files that may be anything.
 // Input: the file
-#include "kernel_module.h"
+#include "elf_file.h"
 #include "support.h"
 
 namespace {

@@ -3,8 +3,8 @@
 
 #include "agent_files.h"
 #include "check_areas.h"
+#include "elf_file.h"
 #include "host_identity.h"
-#include "kernel_module.h"
 #include "published_digest.h"
 #include "server_paths.h"
 

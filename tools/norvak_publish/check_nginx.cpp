@@ -1,7 +1,7 @@
 #include <map>
 
 #include "check_areas.h"
-#include "kernel_module.h"
+#include "elf_file.h"
 #include "published_digest.h"
 #include "server_paths.h"
 #include "utility/file.h"

@@ -3,8 +3,8 @@
 
 #include "agent_files.h"
 #include "commands.h"
+#include "elf_file.h"
 #include "host_identity.h"
-#include "kernel_module.h"
 #include "server_paths.h"
 #include "utility/md5wrapper.h"
 

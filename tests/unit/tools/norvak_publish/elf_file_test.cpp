@@ -1,4 +1,4 @@
-#include "kernel_module.h"
+#include "elf_file.h"
 
 #include <elf.h>
 #include <gtest/gtest.h>

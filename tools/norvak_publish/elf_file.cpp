@@ -1,4 +1,4 @@
-#include "kernel_module.h"
+#include "elf_file.h"
 
 #include <fcntl.h>
 #include <gelf.h>

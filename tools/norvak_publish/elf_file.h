@@ -1,4 +1,4 @@
-// What an ELF file says about where it runs: kernel modules and programs.
+// What an ELF file, a kernel module or a program, says about where it runs.
 #pragma once
 
 #include <optional>

@@ -22,8 +22,8 @@ class CHelper {
   static constexpr int kPidLimit = 32;
 
   /// The process id in a pid file: the first line, at most 31 characters of it, converted
-  /// as by `strtol`. A file without a number gives 0, which `kill` takes for the caller's own
-  /// process group; -1 stands for every process.
+  /// as by `strtol`. A file without a number gives 0, which makes `kill` signal the caller's own
+  /// process group; -1 makes it signal every process.
   /// @return nothing if the file cannot be read
   [[nodiscard]] static std::optional<pid_t> read_pid(const std::string& pid_path);
 

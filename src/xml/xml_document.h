@@ -113,7 +113,7 @@ class XmlDocument {
 
   std::unique_ptr<pugi::xml_document> tree_;
   std::string text_;   ///< the bytes of the file; UTF-8 if it is UTF-16 or UTF-32
-  std::string start_;  ///< the first bytes of the file, which tell its encoding
+  std::string start_;  ///< the first bytes of the file, which show its encoding
   /// How many bytes were added to each start tag that was changed, by the offset of its name in the
   /// text as it was loaded.
   std::map<std::ptrdiff_t, std::ptrdiff_t> added_bytes_;

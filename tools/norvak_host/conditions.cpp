@@ -31,6 +31,9 @@ constexpr long long kMaxPid = 4194304;
 /// What the shell would interpret in an install path.
 constexpr char kShellCharacters[] = " \t\r\n\"'`$&|;<>()*?[]{}\\!#~";
 
+/// The fix for a pid file with a dangerous number.
+constexpr char kWritePidFileAtomically[] = "make startup.sh write the file atomically";
+
 bool is_directory(const std::string& path) {
   struct stat status = {};
   return ::stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
@@ -172,7 +175,7 @@ Conditions::Victim Conditions::check_pid_file() const {
     findings_.error("pid-file-zero", file,
                     "the pid file is empty, not a number, or 0: a run that stops the agent kills "
                     "itself and its process group instead",
-                    "let startup.sh write the file whole or not at all");
+                    kWritePidFileAtomically);
     return Victim::kRun;
   }
   if (*pid < 0) {
@@ -180,7 +183,7 @@ Conditions::Victim Conditions::check_pid_file() const {
                     "the pid file names " + std::to_string(*pid) +
                         (*pid == -1 ? ": a run that stops the agent kills every process of the host"
                                     : ": a run that stops the agent kills a process group"),
-                    "let startup.sh write the file whole or not at all");
+                    kWritePidFileAtomically);
     return Victim::kOthers;
   }
   check_pid(*pid, file);
@@ -196,7 +199,7 @@ void Conditions::check_pid(pid_t pid, const std::string& file) const {
         "the number in the pid file is too large for a process id: a run that stops the "
         "agent signals process " +
             std::to_string(pid),
-        "let startup.sh write the file whole or not at all");
+        kWritePidFileAtomically);
     return;
   }
   if (!is_alive(pid)) {
@@ -261,8 +264,7 @@ void Conditions::check_target(const char* suffix, const char* missing,
                               const char* not_writable) const {
   const std::string file = below(suffix);
   const std::string directory = file.substr(0, file.rfind('/'));
-  const std::string consequence =
-      "a run removes or loses the new file and reports success all the same";
+  const std::string consequence = "a run removes or loses the new file and still reports success";
   if (!is_directory(directory)) {
     findings_.error(missing, directory, "the directory does not exist: " + consequence,
                     "create it");
@@ -294,7 +296,7 @@ bool Conditions::check_space(const std::string& url, std::optional<std::size_t> 
   if (free / 2 >= *bytes) return true;
   findings_.error("no-space", facts_.install_dir,
                   "the file of " + shown(*bytes) + " at " + url +
-                      " needs twice its size for a moment, and " +
+                      " temporarily needs twice its size, but only " +
                       shown(static_cast<std::size_t>(free)) + " are free",
                   "make room");
   return *bytes <= free;

@@ -16,7 +16,7 @@ namespace publish {
 
 namespace {
 
-/// The paths that hosts request whatever their kernel, and all directories above.
+/// The paths that hosts request regardless of their kernel, and all directories above these.
 std::set<std::string> fixed_paths() {
   std::set<std::string> paths;
   for (const std::string& file :

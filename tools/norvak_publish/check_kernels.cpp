@@ -106,10 +106,10 @@ void check_module_file(const TreeReader& tree, const Kernel& kernel, const std::
                        Findings& findings) {
   const std::string file = TreeReader::shown(path);
   const auto add = [&](const std::string& what) {
-    findings.push_back(make_finding(
-        findings::kModuleElf, file,
-        what + " Hosts install it in the place of a module that works, and cannot load it.",
-        "Publish the module as it was built, not compressed: norvak_publish kernel."));
+    findings.push_back(
+        make_finding(findings::kModuleElf, file,
+                     what + " Hosts install it in place of a working module, and cannot load it.",
+                     "Publish the module as it was built, not compressed: norvak_publish kernel."));
   };
   const std::optional<ElfFile> elf = read_elf(tree.on_disk(path));
   if (!elf) {

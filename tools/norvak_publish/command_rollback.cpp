@@ -56,7 +56,8 @@ int find_target(const ReleaseTree& tree, const RollbackCommand& command) {
   return *target;
 }
 
-/// Whether an unfinished rollback serves a grace release: see make_grace_release. It has no manifest.
+/// Whether an unfinished rollback serves a grace release: see make_grace_release. It has no
+/// manifest.
 bool serves_grace_release(const ReleaseTree& tree, int current) {
   return tree.linked(ReleaseTree::kRollingBack) && !fs::exists(tree.manifest(current));
 }
@@ -83,8 +84,8 @@ int make_grace_release(ReleaseTree& tree, int current, int target) {
   return tree.complete_draft(std::nullopt);
 }
 
-/// Switches to @a target. If the agent version decreases, the version file goes first and the
-/// packages follow after the grace time: a host that just saw the newer version would otherwise
+/// Switches to @a target. If the agent version decreases, the version file is switched first, and
+/// the packages after the grace time: a host that just saw the newer version would otherwise
 /// install the older package, record the newer version and never update again.
 void switch_back(ReleaseTree& tree, int current, int target, std::chrono::seconds grace,
                  const PublishOptions& options) {

@@ -141,7 +141,7 @@ bool is_agent_file(const std::string& relative) {
          relative != agent_files::kStartupScript && !contains(kOwnPrograms, base_name(relative));
 }
 
-/// A process and the files that tell what it is.
+/// A process and the paths that identify it.
 struct Process {
   pid_t pid;
   std::string executable;

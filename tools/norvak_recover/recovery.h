@@ -1,6 +1,6 @@
 // Steps before and after a run of the updater, so that a host recovers without help however the run
-// ends. Except for rotatable_log, the caller must hold the host lock. What a step changes is printed
-// to standard error.
+// ends. Except for rotatable_log, the caller must hold the host lock. What a step changes is
+// printed to standard error.
 #pragma once
 
 #include <string>

@@ -30,7 +30,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr unsigned kLongestChildSeconds = 20;
+constexpr unsigned kLongestChildSeconds = 45;
 constexpr int kNotSetUp = 100;  // exit code of a child whose namespace was not set up
 
 bool private_namespace = false;
@@ -149,7 +149,7 @@ IdleProcess::~IdleProcess() {
 int IdleProcess::wait_for_signal() {
   using std::chrono::milliseconds;
   int status = 0;
-  for (milliseconds waited(0); waited < milliseconds(5000); waited += milliseconds(1)) {
+  for (milliseconds waited(0); waited < milliseconds(20000); waited += milliseconds(1)) {
     if (::waitpid(pid_, &status, WNOHANG) == pid_) {
       pid_ = 0;
       return WIFSIGNALED(status) ? WTERMSIG(status) : 0;

@@ -22,7 +22,7 @@ bool enter_private_namespace();
 /// Whether enter_private_namespace was called and succeeded.
 bool in_private_namespace();
 
-/// Runs @a body in a child process, which is killed after 20 seconds. Failed expectations are
+/// Runs @a body in a child process, which is killed after 45 seconds. Failed expectations are
 /// printed and make its exit code 1.
 /// @return the wait status of the child: 0 if all expectations held
 int run_in_child(const std::function<void()>& body);
@@ -44,7 +44,7 @@ class IdleProcess {
 
   [[nodiscard]] pid_t pid() const { return pid_; }
 
-  /// Waits at most 5 seconds for the end of the process.
+  /// Waits at most 20 seconds for the end of the process.
   /// @return the signal that ended it; 0 if none did
   int wait_for_signal();
 
@@ -190,5 +190,10 @@ class AgentTest : public testing::Test {
 void write_install_path(const std::string& text);
 
 inline constexpr char kInstallPathFile[] = "/var/log/version_control";
+
+/// Names the cases of a table by their member `name`.
+inline constexpr auto case_name = [](const auto& table_case) {
+  return std::string(table_case.param.name);
+};
 
 }  // namespace test_support

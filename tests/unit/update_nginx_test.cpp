@@ -3,7 +3,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <optional>
 #include <string>
 #include <vector>
 
@@ -16,15 +15,14 @@ using test_support::exists;
 using test_support::gets;
 using test_support::kCutShort;
 using test_support::make_full_directory;
-using test_support::make_unopenable;
 using test_support::mode_of;
 using test_support::names_in;
 using test_support::read_file;
 using test_support::ScopedUmask;
 using test_support::UpdaterTest;
 using test_support::write_file;
+using testing::TestWithParam;
 using testing::Values;
-using testing::ValuesIn;
 using testing::WithParamInterface;
 using Lines = std::vector<std::string>;
 
@@ -77,16 +75,10 @@ struct WordSizeCase {
   const char* arch;
 };
 
-class UpdateNginxWordSize : public UpdateNginx, public WithParamInterface<WordSizeCase> {};
+class UpdateNginxWordSize : public TestWithParam<WordSizeCase> {};
 
 TEST_P(UpdateNginxWordSize, ChoosesTheDirectory) {
   EXPECT_EQ(CUpdateNginxImpl::get_nginx_arch(GetParam().word_size), GetParam().arch);
-}
-
-TEST_P(UpdateNginxWordSize, ChoosesWhatIsDownloaded) {
-  (void)updater_.download_nginx("1.22", GetParam().word_size);
-  const std::string build = std::string("/nginx_new/") + GetParam().arch + "/1.22";
-  EXPECT_EQ(server_.requests(), gets({build + "/md5", build + "/nginx"}));
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -96,7 +88,12 @@ INSTANTIATE_TEST_SUITE_P(
            WordSizeCase{"NoHyphen", "64bit", "x86"}, WordSizeCase{"X86_64", "x86_64", "x86"},
            WordSizeCase{"Empty", "", "x86"}, WordSizeCase{"BlankBefore", " 64-bit", "x86"},
            WordSizeCase{"Longer", "64-bits", "x86"}, WordSizeCase{"Shorter", "64-bi", "x86"}),
-    case_name<WordSizeCase>);
+    case_name);
+
+TEST_F(UpdateNginx, TheWordSizeChoosesWhatIsDownloaded) {
+  (void)updater_.download_nginx("1.22", "32-bit");
+  EXPECT_EQ(server_.requests(), gets({"/nginx_new/x86/1.22/md5", "/nginx_new/x86/1.22/nginx"}));
+}
 
 // Programs
 
@@ -113,17 +110,6 @@ TEST_P(UpdateNginxProgram, IsRecognisedByItsSecondToFourthByte) {
   EXPECT_EQ(CUpdateNginxImpl::is_elf(agent("file").c_str()), GetParam().is_elf);
 }
 
-TEST_P(UpdateNginxProgram, IsInstalledIfItIsOne) {
-  server_.reply(kServerProgram, GetParam().contents);
-  EXPECT_EQ(download(), GetParam().is_elf ? 0 : -1);
-  EXPECT_EQ(log_messages(), Lines({kNew}));
-  if (GetParam().is_elf) {
-    expect_installed(GetParam().contents, kLine);
-  } else {
-    expect_installed(kOldProgram, kOldLine);
-  }
-}
-
 INSTANTIATE_TEST_SUITE_P(
     Programs, UpdateNginxProgram,
     Values(ProgramCase{"Elf", "\177ELF\002\001", true}, ProgramCase{"FourBytes", "\177ELF", true},
@@ -136,7 +122,7 @@ INSTANTIATE_TEST_SUITE_P(
            ProgramCase{"ThreeBytes", "\177EL", false}, ProgramCase{"Empty", "", false},
            ProgramCase{"ZeroAmongThem", std::string("\177E\0LF", 5), false},
            ProgramCase{"ErrorPage", "<html><h1>404</h1></html>\n", false}),
-    case_name<ProgramCase>);
+    case_name);
 
 TEST_F(UpdateNginx, AMissingFileIsNotAProgram) {
   EXPECT_FALSE(CUpdateNginxImpl::is_elf(agent("missing").c_str()));
@@ -144,60 +130,6 @@ TEST_F(UpdateNginx, AMissingFileIsNotAProgram) {
 
 TEST_F(UpdateNginx, ADirectoryIsNotAProgram) {
   EXPECT_FALSE(CUpdateNginxImpl::is_elf(install_path().c_str()));
-}
-
-// The identification lines
-
-struct LineCase {
-  const char* name;
-  std::optional<std::string> installed;
-  std::optional<std::string> downloaded;
-  bool equal;
-};
-
-class UpdateNginxLine : public UpdateNginx, public WithParamInterface<LineCase> {};
-
-TEST_P(UpdateNginxLine, IsComparedAsAWholeText) {
-  ASSERT_EQ(::unlink(line().c_str()), 0);
-  if (GetParam().installed) write_file(line(), *GetParam().installed);
-  if (GetParam().downloaded) write_file(downloaded_line(), *GetParam().downloaded);
-  EXPECT_EQ(updater_.check_file_md5(), GetParam().equal);
-}
-
-const std::string kLongLine(126, 'x');
-
-const LineCase kLines[] = {
-    {"Equal", "build 7\n", "build 7\n", true},
-    {"Different", "build 7\n", "build 8\n", false},
-    {"EqualWithoutLineFeeds", "build 7", "build 7", true},
-    {"LineFeedOnlyDownloaded", "build 7", "build 7\n", false},
-    {"LineFeedOnlyInstalled", "build 7\n", "build 7", false},
-    {"CarriageReturn", "build 7\n", "build 7\r\n", false},
-    {"BlankAfter", "build 7\n", "build 7 \n", false},
-    {"LetterCase", "build a\n", "build A\n", false},
-    {"LongerText", "build 7", "build 77", false},
-    {"LaterLinesAreIgnored", "build 7\none\n", "build 7\ntwo\n", true},
-    {"SecondLineInsteadOfTheFirst", "\nbuild 7\n", "build 7\n", false},
-    {"NothingInstalled", std::nullopt, "build 7\n", false},
-    {"NothingAtAll", std::nullopt, std::nullopt, false},
-    {"NothingInstalledButEmptyDownloaded", std::nullopt, "", false},
-    {"NothingDownloadedIsAnEmptyText", "", std::nullopt, true},
-    {"NothingDownloaded", "build 7\n", std::nullopt, false},
-    {"EmptyAndALineFeed", "", "\n", false},
-    {"DifferentAfter127Characters", kLongLine + "aone", kLongLine + "atwo", true},
-    {"DifferentAsThe127thCharacter", kLongLine + "a", kLongLine + "b", false},
-    {"LineFeedAfter127Characters", kLongLine + "a\n", kLongLine + "a", true},
-};
-
-INSTANTIATE_TEST_SUITE_P(Lines, UpdateNginxLine, ValuesIn(kLines), case_name<LineCase>);
-
-TEST_F(UpdateNginx, AnInstalledLineThatCannotBeOpenedIsAnEmptyText) {
-  ASSERT_EQ(::unlink(line().c_str()), 0);
-  make_unopenable(line());
-  write_file(downloaded_line(), "");
-  EXPECT_TRUE(updater_.check_file_md5());
-  write_file(downloaded_line(), "build 7\n");
-  EXPECT_FALSE(updater_.check_file_md5());
 }
 
 // The configuration

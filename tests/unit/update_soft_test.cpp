@@ -7,7 +7,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <climits>
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
@@ -38,7 +37,6 @@ using test_support::ScopedUmask;
 using test_support::UpdaterTest;
 using test_support::write_file;
 using test_support::write_script;
-using testing::TestWithParam;
 using testing::Values;
 using testing::ValuesIn;
 using testing::WithParamInterface;
@@ -61,9 +59,6 @@ constexpr char kUpdateFailed[] = "[SOFT] call run_update_norvak_agent->update_no
 constexpr char kConfigFailed[] = "[SOFT] call run_update_norvak_agent->update_config failed";
 constexpr char kUnpackFailed[] = "call decompress_package failed";
 constexpr char kScriptFailed[] = "call exec_script failed";
-
-/// If false, strtol() itself limits numbers to 32 bits.
-constexpr bool kWideLong = sizeof(long) > sizeof(int);
 
 /// A host with an old agent, which gets its updates from the server of the test.
 class UpdateSoft : public UpdaterTest {
@@ -153,17 +148,11 @@ TEST_P(UpdateSoftMethod, IsReadAsANumber) {
   EXPECT_EQ(log_messages(), Lines());
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Settings, UpdateSoftMethod,
-    Values(MethodCase{"Automatic", "0", 0}, MethodCase{"Manual", "1", 1},
-           MethodCase{"LeadingBlankAndTrailingLetter", " 1x", 1}, MethodCase{"Empty", "", 0},
-           MethodCase{"NoDigits", "manual", 0}, MethodCase{"Negative", "-1", -1},
-           MethodCase{"PlusSign", "+2", 2}, MethodCase{"Octal", "010", 10},
-           MethodCase{"Hexadecimal", "0x1", 0},
-           MethodCase{"Above32Bits", "4294967297", kWideLong ? 1 : INT_MAX},
-           MethodCase{"Above31Bits", "2147483648", kWideLong ? INT_MIN : INT_MAX},
-           MethodCase{"Above64Bits", "99999999999999999999", kWideLong ? -1 : INT_MAX}),
-    case_name<MethodCase>);
+INSTANTIATE_TEST_SUITE_P(Settings, UpdateSoftMethod,
+                         Values(MethodCase{"Automatic", "0", 0}, MethodCase{"Manual", "1", 1},
+                                MethodCase{"LeadingBlankAndTrailingLetter", " 1x", 1},
+                                MethodCase{"Empty", "", 0}, MethodCase{"NoDigits", "manual", 0}),
+                         case_name);
 
 TEST_F(UpdateSoft, AMissingUpdateMethodKeepsTheNumber) {
   write_config({{"version", kOldVersion}});
@@ -192,58 +181,13 @@ TEST_F(UpdateSoft, TheUpdateMethodOfAConfigurationThatCannotBeLoadedIsAnError) {
 
 // The version file
 
-struct VersionFileCase {
-  const char* name;
-  std::string contents;
-  bool accepted;
-  std::string version;  ///< as read from the file
-};
-
-class UpdateSoftVersionFile : public UpdateSoft, public WithParamInterface<VersionFileCase> {};
-
-TEST_P(UpdateSoftVersionFile, HasOneLineThatIsNotEmpty) {
-  server_.reply(kServerVersion, GetParam().contents);
-  EXPECT_EQ(updater_.download_norvak_version_file(), GetParam().accepted ? 0 : -1);
-  EXPECT_EQ(read_file(version_file()), GetParam().contents);
+TEST_F(UpdateSoft, AVersionFileIsDownloadedUnchanged) {
+  server_.reply(kServerVersion, "agent_3.1.10\r\n\n");
+  EXPECT_EQ(updater_.download_norvak_version_file(), 0);
+  EXPECT_EQ(read_file(version_file()), "agent_3.1.10\r\n\n");
   EXPECT_EQ(server_.requests(), gets({kServerVersion}));
   EXPECT_EQ(log_messages(), Lines());
 }
-
-TEST_P(UpdateSoftVersionFile, GivesItsFirstLine) {
-  write_file(version_file(), GetParam().contents);
-  EXPECT_EQ(updater_.get_norvak_new_version(), GetParam().version);
-}
-
-const std::string kLine62(62, 'x');
-const std::string kLine1022(1022, 'x');
-const std::string kCut(63, 'x');
-
-const VersionFileCase kVersionFiles[] = {
-    {"OneLine", "agent_3.1.10\n", true, "agent_3.1.10"},
-    {"NoLineFeed", "agent_3.1.10", true, "agent_3.1.10"},
-    {"TrailingEmptyLine", "agent_3.1.10\n\n", true, "agent_3.1.10"},
-    {"ManyEmptyLines", "agent_3.1.10\n\n\n\n", true, "agent_3.1.10"},
-    {"EmptyFirstLine", "\nagent_3.1.10\n", true, ""},
-    {"TwoLines", "agent_3.1.10\nagent_3.1.11\n", false, "agent_3.1.10"},
-    {"TwoLinesApart", "agent_3.1.10\n\nx", false, "agent_3.1.10"},
-    {"EmptyLinesOnly", "\n\n", false, ""},
-    {"CarriageReturnStays", "agent_3.1.10\r\n", true, "agent_3.1.10\r"},
-    {"BlanksStay", " agent_3.1.10 \n", true, " agent_3.1.10 "},
-    {"LineOfACarriageReturnCounts", "agent_3.1.10\n\r\n", false, "agent_3.1.10"},
-    {"LineOfABlankCounts", "agent_3.1.10\n \n", false, "agent_3.1.10"},
-    {"LineThatBeginsWithZeroDoesNot", std::string("agent_3.1.10\n\0x\n", 16), true, "agent_3.1.10"},
-    {"OnlyALineThatBeginsWithZero", std::string("\0x\n", 3), false, ""},
-    {"LineOf62Characters", kLine62 + "\n", true, kLine62},
-    {"LineOf63Characters", kLine62 + "x\n", true, kCut},
-    {"LineOf64Characters", kLine62 + "xy\n", true, kCut},
-    {"LineOf70Characters", kLine62 + "xabcdefg\n", true, kCut},
-    {"PieceOf1023Characters", kLine1022 + "x", true, kCut},
-    {"LineFeedAsASecondPiece", kLine1022 + "x\n", true, kCut},
-    {"TwoPiecesOfOneLine", kLine1022 + "xx\n", false, kCut},
-};
-
-INSTANTIATE_TEST_SUITE_P(Files, UpdateSoftVersionFile, ValuesIn(kVersionFiles),
-                         case_name<VersionFileCase>);
 
 TEST_F(UpdateSoft, AnEmptyReplyIsNoVersionFile) {
   write_file(version_file(), "agent_9\n");  // left by an earlier run
@@ -295,40 +239,11 @@ TEST_F(UpdateSoft, AnEmptyNewVersionIsReadAgain) {
   EXPECT_EQ(updater_.get_norvak_new_version(), kNewVersion);
 }
 
-// The fields of a version
-
-struct FieldsCase {
-  const char* name;
-  const char* version;
-  const char* separators;
-  Lines fields;
-};
-
-class UpdateSoftFields : public TestWithParam<FieldsCase> {};
-
-TEST_P(UpdateSoftFields, AreAppended) {
-  string_list parts;
-  CUpdateSoftImpl::parse_version(GetParam().version, GetParam().separators, parts);
-  EXPECT_EQ(parts, GetParam().fields);
-
-  Lines expected = {"before"};
-  expected.insert(expected.end(), GetParam().fields.begin(), GetParam().fields.end());
-  parts = {"before"};
-  CUpdateSoftImpl::parse_version(GetParam().version, GetParam().separators, parts);
-  EXPECT_EQ(parts, expected);
+TEST_F(UpdateSoft, TheFieldsOfAVersionAreAppended) {
+  string_list parts = {"before"};
+  CUpdateSoftImpl::parse_version("3.1-10", ".-", parts);
+  EXPECT_EQ(parts, Lines({"before", "3", "1", "10"}));
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Versions, UpdateSoftFields,
-    Values(FieldsCase{"Three", "3.1.10", ".", {"3", "1", "10"}},
-           FieldsCase{"AdjacentSeparators", "3..1", ".", {"3", "1"}},
-           FieldsCase{"SeparatorsAtBothEnds", "..3.1.", ".", {"3", "1"}},
-           FieldsCase{"OneField", "31", ".", {"31"}}, FieldsCase{"SeparatorsOnly", "...", ".", {}},
-           FieldsCase{"Empty", "", ".", {}},
-           FieldsCase{"SeveralSeparators", "3.1-10_2.-", ".-", {"3", "1", "10_2"}},
-           FieldsCase{"NoSeparators", "3.1", "", {"3.1"}},
-           FieldsCase{"OtherCharactersStay", " 3a. 1\r", ".", {" 3a", " 1\r"}}),
-    case_name<FieldsCase>);
 
 // The comparison
 
@@ -341,7 +256,7 @@ struct VersionsCase {
 
 class UpdateSoftVersions : public UpdateSoft, public WithParamInterface<VersionsCase> {};
 
-TEST_P(UpdateSoftVersions, AreComparedFieldByField) {
+TEST_P(UpdateSoftVersions, AreThoseOfConfigurationAndServer) {
   write_config({{"update_host", server_address()}, {"version", GetParam().installed}});
   server_.reply(kServerVersion, GetParam().offered + std::string("\n"));
   std::string old_version = "what was there";
@@ -352,39 +267,10 @@ TEST_P(UpdateSoftVersions, AreComparedFieldByField) {
   EXPECT_EQ(log_messages(), Lines());
 }
 
-constexpr VersionsCase kVersions[] = {
-    {"NumbersNotTexts", "abcdef3.1.9", "abcdef3.1.10", true},
-    {"OlderInTheSecondField", "abcdef3.2.0", "abcdef3.1.99", false},
-    {"NewerInTheSecondField", "abcdef3.1.99", "abcdef3.2.0", true},
-    {"NewerInTheFirstField", "abcdef3.9.9", "abcdef4.0.0", true},
-    {"Equal", "abcdef3.1.10", "abcdef3.1.10", false},
-    {"PrefixIsSkipped", "abcdef3.1.10", "zzzzzz3.1.10", false},
-    {"DigitsInThePrefixAreSkipped", "000000.3.1", "999999.3.1", false},
-    {"DotsInThePrefixAreSkipped", "1.2.3.3.1", "9.9.9.3.2", true},
-    {"MoreFieldsOffered", "abcdef3.1", "abcdef3.1.1", false},
-    {"MoreFieldsInstalled", "abcdef3.1.2", "abcdef3.1", false},
-    {"NewerInTheLastCommonField", "abcdef3.1.9", "abcdef3.2", true},
-    {"EmptyFieldsDoNotCount", "abcdef3.0", "abcdef3..1", true},
-    {"DotsAtTheEnds", "abcdef3.1", "abcdef.3.2.", true},
-    {"LeadingZeros", "abcdef3.1", "abcdef3.01", false},
-    {"NoNumberIsZero", "abcdef3.0", "abcdef3.x", false},
-    {"NoNumberIsLessThanOne", "abcdef3.x", "abcdef3.1", true},
-    {"LeadingDigitsOfAField", "abcdef3.1", "abcdef3.2beta", true},
-    {"TextAfterTheDigitsDoesNotCount", "abcdef3.2", "abcdef3.2beta", false},
-    {"NegativeNumbers", "abcdef3.-2", "abcdef3.-1", true},
-    {"BlankBefore", "abcdef3. 1", "abcdef3.  2", true},
-    {"PlusSign", "abcdef3.1", "abcdef3.+2", true},
-    {"OnlyDotsSeparate", "abcdef3,1", "abcdef3,2", false},
-    {"CarriageReturn", "abcdef3.1", "abcdef3.1\r", false},
-    {"NarrowedTo32Bits", "abcdef2", "abcdef4294967297", !kWideLong},
-    {"NarrowedToANegativeNumber", "abcdef1", "abcdef2147483648", !kWideLong},
-    {"InstalledPrefixOnly", "abcdef", "abcdef9.9.9", false},
-    {"OfferedPrefixOnly", "abcdef0", "abcdef", false},
-    {"DotsOnlyInstalled", "abcdef...", "abcdef9", false},
-    {"DotsOnlyOffered", "abcdef3.1", "abcdef...", false},
-};
-
-INSTANTIATE_TEST_SUITE_P(Pairs, UpdateSoftVersions, ValuesIn(kVersions), case_name<VersionsCase>);
+INSTANTIATE_TEST_SUITE_P(Pairs, UpdateSoftVersions,
+                         Values(VersionsCase{"Newer", "abcdef3.1.9", "abcdef3.1.10", true},
+                                VersionsCase{"Older", "abcdef3.2.0", "abcdef3.1.99", false}),
+                         case_name);
 
 TEST_F(UpdateSoft, WithoutAVersionFileThereIsNoNewVersion) {
   server_.reply(kServerVersion, "two\nlines\n");
@@ -414,70 +300,29 @@ TEST_F(UpdateSoft, AfterAFailedDownloadThereIsNoNewVersion) {
   EXPECT_EQ(messages[2], kVersionUnknown);
 }
 
-struct ShortVersionCase {
-  const char* name;
-  const char* installed;
-  const char* version_file;
-  const char* size;  ///< of the version that is too short
-};
-
-class UpdateSoftShortVersion : public UpdateSoft, public WithParamInterface<ShortVersionCase> {};
-
-TEST_P(UpdateSoftShortVersion, IsAnOutOfRangeError) {
-  write_config({{"update_host", server_address()}, {"version", GetParam().installed}});
-  server_.reply(kServerVersion, GetParam().version_file);
+TEST_F(UpdateSoft, AVersionThatIsTooShortIsAnOutOfRangeError) {
+  write_config({{"update_host", server_address()}, {"version", "abcde"}});
+  server_.reply(kServerVersion, "abcdef3.1\n");
   std::string old_version;
   std::string new_version;
-  try {
-    (void)updater_.check_norvak_new_version_exist(old_version, new_version);
-    FAIL() << "no error";
-  } catch (const std::out_of_range& error) {
-    const std::string text = error.what();
-    EXPECT_EQ(text.rfind("basic_string::substr", 0), 0U) << text;
-    EXPECT_NE(text.find(GetParam().size), std::string::npos) << text;
-  }
-  EXPECT_EQ(old_version, GetParam().installed);
-  EXPECT_EQ(read_file(version_file()), GetParam().version_file);
+  EXPECT_THROW((void)updater_.check_norvak_new_version_exist(old_version, new_version),
+               std::out_of_range);
+  EXPECT_EQ(old_version, "abcde");
+  EXPECT_EQ(new_version, "abcdef3.1");
+  EXPECT_EQ(read_file(version_file()), "abcdef3.1\n");
   EXPECT_EQ(log_messages(), Lines());
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Short, UpdateSoftShortVersion,
-    Values(ShortVersionCase{"Installed", "abcde", "abcdef3.1\n", "(which is 5)"},
-           ShortVersionCase{"NothingInstalled", "", "abcdef3.1\n", "(which is 0)"},
-           ShortVersionCase{"Offered", "abcdef3.1", "abc\n", "(which is 3)"},
-           ShortVersionCase{"OfferedFirst", "abcde", "abc\n", "(which is 3)"},
-           ShortVersionCase{"EmptyFirstLine", "abcdef3.1", "\nabcdef3.2\n", "(which is 0)"}),
-    case_name<ShortVersionCase>);
-
 // The package
 
-struct MachineCase {
-  const char* name;
-  const char* machine;
-  const char* package;
-};
-
-class UpdateSoftMachine : public UpdateSoft, public WithParamInterface<MachineCase> {};
-
-TEST_P(UpdateSoftMachine, ChoosesThePackage) {
-  const FakeUname host(GetParam().machine, "");
-  server_.reply(GetParam().package, "package");
+TEST_F(UpdateSoft, TheMachineNameChoosesThePackage) {
+  server_.reply(kServerPackage, "package");
   EXPECT_EQ(updater_.download_norvak_update_package(), 0);
-  EXPECT_EQ(server_.requests(), gets({GetParam().package}));
   EXPECT_EQ(read_file(package()), "package");
+  const FakeUname host("i686", "");
+  EXPECT_EQ(updater_.download_norvak_update_package(), 0);
+  EXPECT_EQ(server_.requests(), gets({kServerPackage, "/norvak/x86/nvupdate.tar"}));
 }
-
-INSTANTIATE_TEST_SUITE_P(Machines, UpdateSoftMachine,
-                         Values(MachineCase{"X86_64", "x86_64", "/norvak/x64/nvupdate.tar"},
-                                MachineCase{"Capitals", "X86_64", "/norvak/x64/nvupdate.tar"},
-                                MachineCase{"I386", "i386", "/norvak/x86/nvupdate.tar"},
-                                MachineCase{"I686", "i686", "/norvak/x86/nvupdate.tar"},
-                                MachineCase{"Aarch64", "aarch64", "/norvak/x86/nvupdate.tar"},
-                                MachineCase{"Amd64", "amd64", "/norvak/x86/nvupdate.tar"},
-                                MachineCase{"Longer", "x86_64h", "/norvak/x86/nvupdate.tar"},
-                                MachineCase{"Empty", "", "/norvak/x86/nvupdate.tar"}),
-                         case_name<MachineCase>);
 
 TEST_F(UpdateSoft, WithoutUnameTheHostGetsThe32BitPackage) {
   const FakeUname host = FakeUname::failing();
@@ -529,7 +374,7 @@ INSTANTIATE_TEST_SUITE_P(
            CommandCase{"Exit128", "exit 128", -1}, CommandCase{"Exit255", "exit 255", -1},
            CommandCase{"Killed", kGetKilled, -1}, CommandCase{"Terminated", "kill -15 $$", -1},
            CommandCase{"Exit127", "exec /nowhere", -1}),
-    case_name<CommandCase>);
+    case_name);
 
 TEST_F(UpdateSoft, AMissingTarProgramIsAFailure) { EXPECT_EQ(updater_.decompress_package(), -1); }
 
@@ -942,7 +787,7 @@ const CarryOverCase kCarryOvers[] = {
 };
 
 INSTANTIATE_TEST_SUITE_P(Configurations, UpdateSoftCarryOverTable, ValuesIn(kCarryOvers),
-                         case_name<CarryOverCase>);
+                         case_name);
 
 TEST_F(UpdateSoftCarryOver, OfAMissingUpdateMethodEmptiesTheNewOne) {
   write_file(version_file(), "agent_3.1.10\n");

@@ -60,10 +60,4 @@ void make_full_directory(const std::string& path);
 /// The requests for these paths, as HttpServer records them.
 std::vector<std::string> gets(const std::vector<std::string>& paths);
 
-/// Names the cases of a table by their member `name`.
-template <typename Case>
-std::string case_name(const testing::TestParamInfo<Case>& table_case) {
-  return table_case.param.name;
-}
-
 }  // namespace test_support

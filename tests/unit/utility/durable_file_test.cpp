@@ -618,7 +618,7 @@ TEST_P(DurableFileFallback, ReplacesTheFileAllTheSame) {
 INSTANTIATE_TEST_SUITE_P(NoUnnamedFiles, DurableFileFallback,
                          testing::Values(without_unnamed_files("FileSystem", EOPNOTSUPP),
                                          without_unnamed_files("OldKernel", EISDIR)),
-                         [](const auto& fault) { return fault.param.name; });
+                         test_support::case_name);
 
 TEST_F(DurableFile, TheNamedFileIsNeverOpenToOthersThanTheOldVersion) {
   ASSERT_EQ(::chmod(config_.c_str(), 0600), 0);
@@ -718,7 +718,7 @@ INSTANTIATE_TEST_SUITE_P(
                            pausing(SYS_openat).where_any_of(kOpenFlags, O_EXCL),
                            1,
                            {kNoUnnamedFiles}}),
-    [](const auto& naming) { return naming.param.name; });
+    test_support::case_name);
 
 // ---- Writing in place ----
 
@@ -747,7 +747,7 @@ INSTANTIATE_TEST_SUITE_P(
     testing::Values(kNoNewFile, failing("Owner", kChown, EPERM), failing("Mode", SYS_fchmod, EPERM),
                     kNoNaming, kNoRename,
                     failing("Directory", SYS_openat, EACCES).where_any_of(kOpenFlags, O_DIRECTORY)),
-    [](const auto& fault) { return fault.param.name; });
+    test_support::case_name);
 
 TEST_F(DurableFile, IsWrittenInPlaceWithoutTheRightToGiveFilesAway) {
   if (::chown(config_.c_str(), kUser, kGroup) != 0) GTEST_SKIP() << "only root gives files away";

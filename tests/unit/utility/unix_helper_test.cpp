@@ -29,14 +29,12 @@ using test_support::ScopedFault;
 using test_support::ScopedUmask;
 using test_support::ScopedVariable;
 using test_support::ScratchDirectory;
-using test_support::SmallDisk;
 using test_support::write_file;
 using test_support::write_install_path;
 using test_support::write_script;
 using utility::CUnixHelper;
 
 constexpr char kNoNamespaces[] = "this host does not allow private mount namespaces";
-constexpr std::size_t kDiskBytes = 65536;
 constexpr int kCannotExecute = 127;
 
 int exit_code(int wait_status) { return WIFEXITED(wait_status) ? WEXITSTATUS(wait_status) : -1; }
@@ -531,15 +529,6 @@ TEST_P(Copy, ReplacesAnExistingTargetCompletely) {
   expect_names({"target"});
 }
 
-TEST_P(Copy, CopiesFilesOfAnySize) {
-  for (const std::size_t size : {0U, 1U, 1023U, 1024U, 1025U, 300000U}) {
-    const std::string contents(size, 'a');
-    write_file(dir_ / "source", contents);
-    EXPECT_EQ(copy("source", "target"), 1);
-    EXPECT_TRUE(read_file(dir_ / "target") == contents) << size;
-  }
-}
-
 TEST_P(Copy, GivesThePermissionsOfANewFile) {
   write_script(dir_ / "source", "");
   const ScopedUmask umask(007);
@@ -551,12 +540,6 @@ TEST_P(Copy, LosesTheTargetIfTheSourceIsMissing) {
   write_file(dir_ / "target", "old");
   EXPECT_EQ(copy("missing", "target"), 0);
   EXPECT_EQ(names_in(dir_.path()), string_list());
-}
-
-TEST_P(Copy, FailsWithoutTheTargetsDirectoryAndKeepsTheSource) {
-  write_file(dir_ / "source", "new");
-  EXPECT_EQ(copy("source", "missing/target"), 0);
-  EXPECT_EQ(names_in(dir_.path()), (string_list{"source"}));
 }
 
 TEST_P(Copy, FailsIfTheTargetCannotBeDeletedAndKeepsTheSource) {
@@ -583,39 +566,10 @@ TEST_P(Copy, CopiesADirectoryAsAnEmptyFile) {
   EXPECT_EQ(names_in(dir_.path()), (string_list{"directory", "target"}));
 }
 
-TEST_P(Copy, CrossesFileSystems) {
-  ASSERT_EQ(::mkdir((dir_ / "target").c_str(), 0755), 0);
-  const SmallDisk disk(dir_ / "target", kDiskBytes);
-  if (!disk.mounted()) GTEST_SKIP() << kNoNamespaces;
-  write_file(dir_ / "source", "new");
-  EXPECT_EQ(copy("source", "target/file"), 1);
-  EXPECT_EQ(read_file(dir_ / "target/file"), "new");
-  expect_names({"target"});
-}
-
-TEST_P(Copy, FailsOnAFullDiskAndKeepsOnlyTheSource) {
-  ASSERT_EQ(::mkdir((dir_ / "disk").c_str(), 0755), 0);
-  const SmallDisk disk(dir_ / "disk", kDiskBytes);
-  if (!disk.mounted()) GTEST_SKIP() << kNoNamespaces;
-  const std::string contents(kDiskBytes + 1, 'a');
-  write_file(dir_ / "source", contents);
-  write_file(dir_ / "disk/target", "old");
-  EXPECT_EQ(copy("source", "disk/target"), 0);
-  EXPECT_EQ(names_in(dir_ / "disk"), string_list());
-  EXPECT_TRUE(read_file(dir_ / "source") == contents);
-}
-
-TEST_P(Copy, FailsIfCloseReportsAnErrorAndKeepsOnlyTheSource) {
-  write_file(dir_ / "source", "new");
-  const ScopedFault fault(Fault::kCloseFails);
-  EXPECT_EQ(copy("source", "target"), 0);
-  EXPECT_EQ(names_in(dir_.path()), (string_list{"source"}));
-}
-
 INSTANTIATE_TEST_SUITE_P(File, Copy,
                          testing::Values(NamedCopier{"cp_file", CUnixHelper::cp_file, false},
                                          NamedCopier{"replace_file", CUnixHelper::replace_file,
                                                      true}),
-                         [](const auto& tested) { return tested.param.name; });
+                         test_support::case_name);
 
 }  // namespace

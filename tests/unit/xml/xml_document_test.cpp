@@ -303,7 +303,7 @@ TEST_P(AwkwardXml, SeveralElementsChangeInAnyOrder) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Documents, AwkwardXml, testing::ValuesIn(kAwkward),
-                         [](const auto& document) { return std::string(document.param.name); });
+                         test_support::case_name);
 
 // ---- What a save changes in a wide document ----
 
@@ -337,7 +337,7 @@ INSTANTIATE_TEST_SUITE_P(
                               "<?xml version=\"1.0\" standalone=\"no\"?><a/>"},
                     Respelled{"Doctype", "<!DOCTYPE  a SYSTEM 'b.dtd' ><a/>",
                               "<!DOCTYPE a SYSTEM 'b.dtd' ><a/>"}),
-    [](const auto& document) { return std::string(document.param.name); });
+    test_support::case_name);
 
 // ---- Setting attributes ----
 
@@ -372,7 +372,7 @@ INSTANTIATE_TEST_SUITE_P(
                "<var value=\" a&#9;&#10;&#13; b \"/>"},
         Change{"OtherBytes", "<var value=\"\"/>", "\x7F\x80\xFF\xC3\xA9",
                "<var value=\"\x7F\x80\xFF\xC3\xA9\"/>"}),
-    [](const auto& change) { return change.param.name; });
+    test_support::case_name);
 
 INSTANTIATE_TEST_SUITE_P(
     Replaced, XmlChange,
@@ -389,7 +389,7 @@ INSTANTIATE_TEST_SUITE_P(
         Change{"CarriageReturnAfterEqualSign", "<var value=\r'0'/>", "1", "<var value=\r'1'/>"},
         Change{"CarriageReturnAfterValue", "<var a='b'\rvalue='0'\r/>", "1",
                "<var a='b'\rvalue='1'\r/>"}),
-    [](const auto& change) { return change.param.name; });
+    test_support::case_name);
 
 INSTANTIATE_TEST_SUITE_P(
     Added, XmlChange,
@@ -410,7 +410,7 @@ INSTANTIATE_TEST_SUITE_P(
         Change{"NameInAValue", "<var a=' value=\"1\" '/>", "2",
                "<var a=' value=\"1\" ' value=\"2\"/>"},
         Change{"ByteOrderMark", "\xEF\xBB\xBF<var/>", "1", "\xEF\xBB\xBF<var value=\"1\"/>"}),
-    [](const auto& change) { return change.param.name; });
+    test_support::case_name);
 
 TEST_F(Xml, ControlCharactersBecomeQuestionMarks) {
   std::string controls;
@@ -655,7 +655,7 @@ INSTANTIATE_TEST_SUITE_P(
         Malformed{"NulAfter", "<a/>\0"s}, Malformed{"NulBeforeASecondRoot", "<a/>\0<b/>"s},
         Malformed{"NulInside", "<a>\0</a>"s}, Malformed{"NulInAValue", "<a b='\0'/>"s},
         Malformed{"NulFirst", "\0"s}, Malformed{"NulsOnly", std::string(4096, '\0')}),
-    [](const auto& document) { return std::string(document.param.name); });
+    test_support::case_name);
 
 INSTANTIATE_TEST_SUITE_P(
     RejectedWide, MalformedXml,
@@ -679,7 +679,7 @@ INSTANTIATE_TEST_SUITE_P(
         Malformed{"TwoMarks16", "\xFF\xFE\xFF\xFE" + utf16le("<a/>")},
         Malformed{"TwoMarks32", "\0\0\xFE\xFF\0\0\xFE\xFF"s + utf32be("<a/>")},
         Malformed{"ForeignMark", "\xEF\xBB\xBF" + utf16le("<a/>")}),
-    [](const auto& document) { return std::string(document.param.name); });
+    test_support::case_name);
 
 TEST_F(Xml, FilesThatCannotBeReadAreNotLoaded) {
   EXPECT_EQ(document_->load((scratch_ / "missing.xml").c_str()), 0);

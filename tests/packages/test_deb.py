@@ -3,11 +3,10 @@
 import fcntl
 import pathlib
 import subprocess
-import time
 
 import pytest
 from conftest import RELEASES
-from harness import OK, http_reply, rules, updates
+from harness import OK, http_reply, rules, updates, wait_until
 from test_updates import assert_updates
 
 LOCK = "/var/lib/norvak-update/lock"
@@ -49,10 +48,7 @@ def assert_waits_for_the_lock(root, *removal_command):
         fcntl.flock(lock, fcntl.LOCK_EX)
         removal = subprocess.Popen(root.command(*removal_command), stdin=subprocess.DEVNULL)
         try:
-            deadline = time.monotonic() + 20
-            while not waits_for_the_lock():
-                assert time.monotonic() < deadline and removal.poll() is None
-                time.sleep(0.02)
+            wait_until(lambda: waits_for_the_lock() or removal.poll() is not None, "the lock")
             assert root.file(UPDATER).exists()
             fcntl.flock(lock, fcntl.LOCK_UN)
             assert removal.wait(20) == 0

@@ -5,15 +5,15 @@ import contextlib
 import re
 import signal
 import threading
-import time
 
 import pytest
 
-from harness import FAILED, OK, Reply, http_reply, kernel, package, rules, web_server
+from harness import FAILED, OK, Reply, http_reply, kernel, package, rules, wait_until, web_server
 from harness.kernel import FIRST, TESSEL, UNAME
 from harness.software import PACKAGE_PATH_64 as PACKAGE_PATH  # kernel.UNAME names such a machine
 from harness.software import GET_VERSION, NOT_NEEDED, UPDATED, VERSION_PATH, settings
 from harness.transfers import PARTIAL_FILE, transfer_failed
+from harness.waiting import SECONDS
 
 SOFT_ARGUMENTS = ["0", "0"]
 WEB_SERVER_ARGUMENTS = ["2", web_server.VERSION_DIR, "64-bit"]
@@ -47,7 +47,7 @@ def start_all_at_once(host, server, replies):
     """Starts all four updates. Their first requests are answered when all four have arrived."""
     together = threading.Barrier(len(FIRST_PATHS))
     for path in FIRST_PATHS:
-        server.reply(path, Reply([lambda: together.wait(10), *replies[path].steps]))
+        server.reply(path, Reply([lambda: together.wait(SECONDS), *replies[path].steps]))
     return [host.start(*arguments, uname=UNAME) for arguments in ALL_ARGUMENTS]
 
 
@@ -142,20 +142,18 @@ def test_a_module_is_not_replaced_by_another_that_a_second_run_fetches(host, scr
     prepare(host, scripted_server)
 
     def wait_until_fetched(name):
-        deadline = time.monotonic() + 10
-        while not host.exists(kernel.DOWNLOAD) or host.read(kernel.DOWNLOAD) != kernel.new(name):
-            assert time.monotonic() < deadline, f"{name} was not fetched"
-            time.sleep(0.005)
+        wait_until(lambda: host.exists(kernel.DOWNLOAD) and
+                   host.read(kernel.DOWNLOAD) == kernel.new(name), f"the download of {name}")
 
     def hold_up_first_run():
-        second_run_has_another.wait(10)
+        second_run_has_another.wait(SECONDS)
         first_run_goes_on.set()
 
     def hold_up_second_run():
         if not first_run_goes_on.is_set():
             wait_until_fetched(TESSEL)
             second_run_has_another.set()
-            first_run_has_ended.wait(10)
+            first_run_has_ended.wait(SECONDS)
 
     # Without a length the body ends with the connection, so it is on disk before the transfer ends.
     for name, hold_up in [(FIRST, hold_up_first_run), (TESSEL, hold_up_second_run)]:

@@ -5,7 +5,7 @@ import re
 import pytest
 
 from harness import (DATA_DIR, FAILED, KILLED, OK, TAR, VERSION_FILE, WORK_DIR, Step, http_reply,
-                     namespace, package, unused_address)
+                     namespace, package, unused_address, wait_until)
 from harness.software import (GET_PACKAGE, GET_VERSION, NEW_VERSION, NO_PACKAGE, NO_VERSION,
                               NOT_UNPACKED, PACKAGE_PATH, UPDATED, VERSION_LINE, VERSION_PATH,
                               publish_update, settings)
@@ -310,10 +310,12 @@ def test_a_stalled_version_file_blocks_the_run(host, serve, reply):
     server = serve(reply)
     run = host.start("0", "0")
     server.wait_for_requests(1)
+    has_body = len(reply.steps) > 1
+    if has_body:
+        wait_until(lambda: host.exists(VERSION_FILE), "the first bytes")
     assert_blocks(run)
     assert host.log_texts() == []
-    assert host.changes() == [f"+{WORK_DIR}", f"+{DATA_DIR}"] + (
-        [f"+{VERSION_FILE}"] if len(reply.steps) > 1 else [])
+    assert host.changes() == [f"+{WORK_DIR}", f"+{DATA_DIR}"] + has_body * [f"+{VERSION_FILE}"]
     assert host.agent.is_alive()
 
 
@@ -321,6 +323,7 @@ def test_a_stalled_package_blocks_the_run_before_the_agent_is_stopped(host, serv
     server = serve(package_reply=http_reply(b"abc", length=100, end="stall"))
     run = host.start("0", "0")
     server.wait_for_requests(2)
+    wait_until(lambda: host.exists(TAR), "the first bytes")
     assert_blocks(run)
     assert host.log_texts() == []
     assert host.trace() == []
@@ -332,7 +335,9 @@ def test_a_stalled_package_blocks_the_run_before_the_agent_is_stopped(host, serv
 def test_the_agent_runs_until_the_package_is_complete(host, serve):
     body = package()
     serve(package_reply=http_reply(length=len(body), pieces=[
-        lambda: host.note("reply"), body[:-1], 0.1, lambda: host.note("last byte"), body[-1:]]))
+        lambda: host.note("reply"), body[:-1],
+        lambda: wait_until(lambda: host.exists(TAR), "the download"),
+        lambda: host.note("last byte"), body[-1:]]))
     assert host.update("0", "0") == OK
     work = [f"+{WORK_DIR}", f"+{DATA_DIR}", f"+{VERSION_FILE}"]
     assert host.trace()[:3] == [

@@ -10,7 +10,7 @@ import urllib.request
 import pytest
 
 from harness import (KILLED, AgentHost, Run, ScriptedServer, Step, count_saves, http_reply,
-                     log_lines, package)
+                     log_lines, package, wait_until)
 
 
 @pytest.fixture
@@ -97,8 +97,7 @@ def test_a_killed_agent_is_distinguished_from_a_live_one(make_host_with):
 def test_an_agent_ended_by_another_signal_does_not_count_as_killed(make_host_with):
     host = make_host_with('read -r pid <"$(cat /var/log/version_control)/norvak.pid"; kill "$pid"')
     host.update()
-    while host.agent.is_alive():
-        time.sleep(0.01)
+    wait_until(lambda: not host.agent.is_alive(), "the agent's end")
     assert not host.agent.was_killed()
 
 

@@ -11,7 +11,7 @@ import time
 import pytest
 
 import test_host_status as paths
-from harness import kernel, software
+from harness import kernel, software, wait_until
 from harness.status import CRITICAL, OK, UNKNOWN, WARNING, read_json
 
 PRINTABLE = re.compile(r"[ -~\n]*")
@@ -225,7 +225,7 @@ def test_it_changes_nothing(host, scripted_server, tmp_path, arguments):
 # As an ordinary user.
 
 
-def test_an_ordinary_user_is_told_what_cannot_be_read(host, scripted_server):
+def test_an_ordinary_user_learns_what_cannot_be_read(host, scripted_server):
     if os.getuid() != 0:
         pytest.skip("needs root to become an ordinary user")
     run_path(host, scripted_server, "nginx", "new build")
@@ -264,8 +264,8 @@ def test_the_agent_is_down_without_a_live_process(host):
             host.write("norvak.pid", content)
         assert read_json(host.inspect("status", "--json"))["agent"] == "down"
     zombie = subprocess.Popen(["true"])
-    while "\nState:\tZ" not in pathlib.Path(f"/proc/{zombie.pid}/status").read_text():
-        time.sleep(0.01)
+    status = pathlib.Path(f"/proc/{zombie.pid}/status")
+    wait_until(lambda: "\nState:\tZ" in status.read_text(), "a zombie")
     host.write("norvak.pid", f"{zombie.pid}\n")
     assert read_json(host.inspect("status", "--json"))["agent"] == "down"
     zombie.wait()

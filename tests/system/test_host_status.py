@@ -17,6 +17,7 @@ from harness.package import package
 from harness.software import PACKAGE_PATH_64 as PACKAGE_PATH  # kernel.UNAME names such a machine
 from harness.status import CRITICAL, LEVELS, UNKNOWN, WARNING, outcome, read_json, status
 from harness.transfers import transfer_failed
+from harness.waiting import SECONDS
 
 # A reply that ends early, and libcurl's result for it.
 BROKEN = http_reply(b"cut", length=100)
@@ -39,7 +40,7 @@ class Path:
     replies: Dict[str, Reply] = dataclasses.field(default_factory=dict)
     prepare: Callable = lambda host, server: None
     exit_status: int = 255
-    level: Optional[int] = None  # that of the outcome, unless told otherwise
+    level: Optional[int] = None  # the exit status, if not that in LEVELS
 
 
 SOFT = {"update_host": "{url}", "update_type": "0", "version": software.INSTALLED_VERSION}
@@ -270,7 +271,7 @@ def path_named(name, text):
     return next(path for path in NAMES[name] if path.name == text)
 
 
-# Runs that do not come to their end.
+# Runs that do not end.
 
 
 def started_run(host, server, path, stalled_request):
@@ -279,7 +280,7 @@ def started_run(host, server, path, stalled_request):
     arrived = threading.Event()
     server.reply(stalled_request, Reply([arrived.set], "stall"))
     run = host.start(*path.arguments, uname=kernel.UNAME)
-    assert arrived.wait(10)
+    assert arrived.wait(SECONDS)
     return run
 
 
@@ -327,7 +328,7 @@ def test_a_run_on_another_install_directory_is_not_this_hosts(make_host, scripte
 
 def test_a_silent_end_after_a_good_run_is_noticed(host, scripted_server):
     run_path(host, scripted_server, path_named("kernel", "all new"))
-    time.sleep(2.1)  # a run that ends has two seconds to remove its directory
+    age_log(host, 3)  # a run that ends has two seconds to remove its directory
     run = started_run(host, scripted_server, path_named("kernel", "all current"),
                       kernel.list_path(FIRST))
     run.kill()
@@ -338,7 +339,7 @@ def test_a_silent_end_after_a_good_run_is_noticed(host, scripted_server):
 
 def test_an_abort_after_a_good_run_is_noticed(host, scripted_server):
     run_path(host, scripted_server, path_named("soft", "current version"))
-    time.sleep(2.1)
+    age_log(host, 3)
     run_path(host, scripted_server, path_named("soft", "installed version is too short"))
     assert outcome(host, "soft")[1].outcome == "unfinished"
 
@@ -494,7 +495,7 @@ def test_a_run_that_a_rotation_cut_in_two_is_whole(host, scripted_server):
     assert (entry.outcome, entry.texts()) == ("updated", kernel.were_updated(*MODULES))
 
 
-def test_the_search_ends_after_4_mib_unless_told_otherwise(host, scripted_server):
+def test_the_search_ends_after_4_mib_without_the_option_all(host, scripted_server):
     run_path(host, scripted_server, path_named("kernel", "all new"))
     host.write("runlog/update.log", host.log() + b"some other line\n" * (5 << 16))
     level, entry = outcome(host, "kernel")
@@ -503,7 +504,7 @@ def test_the_search_ends_after_4_mib_unless_told_otherwise(host, scripted_server
     assert outcome(host, "kernel", "--all")[1].outcome == "updated"
 
 
-# What must not confuse it.
+# Log contents that must not change the result.
 
 
 @pytest.mark.parametrize("noise", [

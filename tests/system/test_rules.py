@@ -2,7 +2,8 @@
 
 import pytest
 
-from harness import FAILED, KILLED, OK, Run, Step, http_reply, namespace, unused_address
+from harness import (FAILED, KILLED, OK, Run, Step, http_reply, namespace, unused_address,
+                     wait_until)
 from harness.kernel import QUORIN, TESSEL, installed
 from harness.rules import (CURRENT, DOWNLOAD, GET_LIST, GET_RULES, LIST, LIST_PATH, NEW_RULES,
                            NOTHING_TO_DO, OLD_RULES, REFUSED, RULES, RULES_PATH, UPDATED, WORK_DIR,
@@ -107,7 +108,8 @@ def test_until_the_agent_records_the_new_rules_they_are_installed_again(configur
 
 def test_the_agent_runs_until_the_rules_are_complete(host, serve):
     serve({RULES_PATH: http_reply(length=len(NEW_RULES), pieces=[
-        lambda: host.note("reply"), NEW_RULES[:-1], 0.1,
+        lambda: host.note("reply"), NEW_RULES[:-1],
+        lambda: wait_until(lambda: host.exists(DOWNLOAD), "the download"),
         lambda: host.note("last byte"), NEW_RULES[-1:]])})
     assert host.update("3") == OK
     work = [f"+{WORK_DIR}", f"+{LIST}"]

@@ -16,7 +16,7 @@ namespace test_support {
 namespace {
 
 constexpr int kForever = -1;
-constexpr int kPatienceMilliseconds = 5000;
+constexpr int kPatienceMilliseconds = 20000;
 constexpr std::chrono::milliseconds kPatience(kPatienceMilliseconds);
 constexpr int kBacklog = 16;
 constexpr char kEndOfHeaders[] = "\r\n\r\n";

@@ -53,7 +53,7 @@ class HttpServer {
   [[nodiscard]] std::vector<std::string> raw_requests() const;
 
   /// Waits for @a count requests.
-  /// @return false if there were fewer after 5 seconds
+  /// @return false if there were fewer after 20 seconds
   [[nodiscard]] bool wait_for_requests(std::size_t count) const;
 
  private:

@@ -199,6 +199,8 @@ TEST_F(UpdateLog, NoFileStaysOpen) {
 
 // Several processes.
 
+constexpr int kPatienceMilliseconds = 20000;
+
 /// A writer in a child process, which closes a pipe when it is done.
 class Writer {
  public:
@@ -209,7 +211,7 @@ class Writer {
     done_ = ends[0];
     child_ = ::fork();
     if (child_ == 0) {
-      (void)::alarm(20);
+      (void)::alarm(45);
       body();
       ::_exit(0);
     }
@@ -281,13 +283,13 @@ TEST_F(UpdateLog, OnlyTheSeparatorWaitsForAnExclusiveLock) {
   const utility::Descriptor file(::open(log_path().c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644));
   ASSERT_EQ(::flock(file.get(), LOCK_SH), 0);
   const Writer message([] { CUpdateLog::write_log("message"); });
-  EXPECT_TRUE(message.is_done_within(5000));
+  EXPECT_TRUE(message.is_done_within(kPatienceMilliseconds));
 
   const Writer separator([] { CUpdateLog::write_space(); });
   EXPECT_FALSE(separator.is_done_within(100));
   EXPECT_EQ(log_messages(), (string_list{"message"}));
   ASSERT_EQ(::flock(file.get(), LOCK_UN), 0);
-  EXPECT_TRUE(separator.is_done_within(5000));
+  EXPECT_TRUE(separator.is_done_within(kPatienceMilliseconds));
   EXPECT_EQ(log_messages(), (string_list{"message", ""}));
 }
 
@@ -301,7 +303,7 @@ TEST_F(UpdateLog, AnInterruptedSeparatorKeepsWaiting) {
   EXPECT_FALSE(separator.is_done_within(100));
   EXPECT_EQ(log_messages(), string_list());
   ASSERT_EQ(::flock(file.get(), LOCK_UN), 0);
-  EXPECT_TRUE(separator.is_done_within(5000));
+  EXPECT_TRUE(separator.is_done_within(kPatienceMilliseconds));
   EXPECT_EQ(log_messages(), (string_list{""}));
 }
 

@@ -13,6 +13,7 @@ transfers.py  tables of good and bad replies
 updates.py    each update and its requests
 saves.py      counts how often a file is saved
 skips.py      reports a module whose tests were all skipped to ctest
+waiting.py    waits for a condition
 
 Names, set-up and log lines of one update each: software.py, kernel.py, rules.py, web_server.py.
 """
@@ -26,10 +27,11 @@ from .publisher import Publisher
 from .saves import count_saves
 from .scripted import Reply, ScriptedServer, http_reply, unused_address
 from .trace import Step
+from .waiting import wait_until
 
 __all__ = [
     "ABORTED", "DATA_DIR", "DEFAULT_UPDATE_SCRIPT", "FAILED", "KILLED", "OK", "START", "TAR",
     "VERSION_FILE", "WORK_DIR", "AgentHost", "Nginx", "Publisher", "Reply", "Run", "ScriptedServer",
     "Step", "config_values", "config_xml", "count_saves", "http_reply", "log_lines", "package",
-    "running_nginx", "unused_address",
+    "running_nginx", "unused_address", "wait_until",
 ]

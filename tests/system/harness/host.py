@@ -14,11 +14,11 @@ import stat
 import subprocess
 import tempfile
 import threading
-import time
 
 import pytest
 
 from . import log, namespace, package, trace
+from .waiting import wait_until
 
 _PATH = "/usr/sbin:/usr/bin:/sbin:/bin"
 _RUN_SECONDS = 30
@@ -229,7 +229,7 @@ class AgentHost:
             target.unlink()
 
     def start_agent(self, directory=None):
-        """Starts a dummy agent, by default in the install directory; writes its id to norvak.pid."""
+        """Starts a dummy agent, by default in the install directory, and writes norvak.pid."""
         agent = Agent(directory or self.root)
         self._agents.append(agent)
         self._agent_pid_file.write_text(f"{agent.pid}\n")
@@ -351,7 +351,7 @@ class AgentHost:
             self._variables(uname, environment)).finish()
 
     def check_status(self):
-        """The outcome that norvak_host reports for the last run of each type fits its exit status."""
+        """Asserts that norvak_host reports outcomes that fit the exit status of the last runs."""
         for argument, status in self._last_runs.items():
             name = _TYPE_NAMES.get(argument)
             if not name or not self._norvak_host or not self.root.exists():
@@ -375,10 +375,7 @@ class AgentHost:
 
     def wait_for_log_lines(self, count):
         """Waits until the log has @a count lines."""
-        deadline = time.monotonic() + _RUN_SECONDS
-        while self.log().count(b"\n") < count:
-            assert time.monotonic() < deadline, self.log()
-            time.sleep(0.01)
+        wait_until(lambda: self.log().count(b"\n") >= count, f"{count} log lines")
 
     @contextlib.contextmanager
     def locked(self, name):

@@ -8,13 +8,11 @@ import shutil
 import socket
 import subprocess
 import tempfile
-import time
 
 from . import namespace
+from .waiting import SECONDS, wait_until
 
 _SEARCH_PATH = os.pathsep.join([os.environ.get("PATH", os.defpath), "/usr/sbin", "/usr/local/sbin"])
-
-_START_SECONDS = 10
 
 _CONFIG = pathlib.Path(__file__).with_name("nginx.conf")
 # For hosts whose server setting ends in /broken or /moved.
@@ -65,11 +63,9 @@ class Nginx:
         self._flushes += 1
         self._get(f"/flush/{self._flushes}")
         log = self._prefix / "access.log"
-        deadline = time.monotonic() + _START_SECONDS
-        while f"GET /flush/{self._flushes}\n" not in (text := log.read_text()):
-            assert time.monotonic() < deadline, "nginx does not write its access log"
-            time.sleep(0.005)
-        lines = text[self._log_offset:].splitlines()
+        last = f"GET /flush/{self._flushes}\n"
+        wait_until(lambda: last in log.read_text(), f"nginx logs {last}")
+        lines = log.read_text()[self._log_offset:].splitlines()
         return [line for line in lines if not line.startswith("GET /flush/")]
 
     def reset(self):
@@ -83,7 +79,7 @@ class Nginx:
         """Stops nginx and waits for its end."""
         self._process.terminate()
         try:
-            self._process.wait(_START_SECONDS)
+            self._process.wait(SECONDS)
         except subprocess.TimeoutExpired:
             self._process.kill()
             self._process.wait()
@@ -118,18 +114,17 @@ class Nginx:
                 raise AssertionError((self._prefix / "output").read_text()) from error
 
     def _wait_until_ready(self):
-        deadline = time.monotonic() + _START_SECONDS
-        while True:
+        def answers():
             try:
-                assert self._get("/ready") == 204
-                return
+                return self._get("/ready") == 204
             except ConnectionRefusedError:
-                if self._process.poll() is not None or time.monotonic() > deadline:
-                    raise
-                time.sleep(0.01)
+                assert self._process.poll() is None, "nginx has ended"
+                return False
+
+        wait_until(answers, "an answer of nginx")
 
     def _get(self, path):
-        connection = http.client.HTTPConnection("127.0.0.1", self.port, timeout=_START_SECONDS)
+        connection = http.client.HTTPConnection("127.0.0.1", self.port, timeout=SECONDS)
         try:
             connection.request("GET", path)
             return connection.getresponse().status

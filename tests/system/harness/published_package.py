@@ -99,7 +99,7 @@ class Steps:
         directory.mkdir()
         (directory / "bin").mkdir()
         for program in PROGRAMS:
-            # The disks of the machine may be busy, and no power cut comes.
+            # Without a power cut sync changes nothing, and it would wait for busy disks.
             real = shutil.which("true" if program == "sync" else program, path="/usr/bin:/bin")
             stand_in = directory / "bin" / program
             stand_in.write_text(f"#!/bin/sh\nreal={real}\n. {directory}/stand-in\n")

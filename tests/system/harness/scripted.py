@@ -7,7 +7,9 @@ import threading
 import time
 import typing
 
-_CONNECTION_SECONDS = 20  # the longest life of a connection
+from .waiting import SECONDS
+
+_CONNECTION_SECONDS = 60  # the longest life of a connection
 _MAX_REQUEST_BYTES = 1 << 16
 
 _NO_LINGER = struct.pack("ii", 1, 0)  # closing with it sends a reset
@@ -89,7 +91,7 @@ class ScriptedServer:
     def wait_for_requests(self, count):
         """Waits for @a count requests."""
         with self._changed:
-            arrived = self._changed.wait_for(lambda: len(self._heads) >= count, 10)
+            arrived = self._changed.wait_for(lambda: len(self._heads) >= count, SECONDS)
         assert arrived, f"{count} requests expected, seen: {self.requests()}"
 
     def close(self):

@@ -1,4 +1,4 @@
-"""A server tree as hosts expect it. It knows nothing of the programs that make or check one."""
+"""A server tree as hosts expect it, made without the programs under test."""
 
 import dataclasses
 import hashlib
@@ -17,13 +17,13 @@ RULES_LIST = rules.LIST_PATH[1:]
 RULES = rules.RULES_PATH[1:]
 
 VERSION = software.NEW_VERSION
-# Says the version as the packages of norvak_publish do.
+# Records the version in the same way as the packages of norvak_publish.
 SCRIPT = f"#!/bin/sh\n# norvak-package-version: {VERSION}\nexit 0\n"
 RULES_TEXT = b"<?xml version=\"1.0\"?>\n<rules>\n  <rule name=\"a\"/>\n</rules>\n"
 
 _CACHE = pathlib.Path(os.environ.get("XDG_CACHE_HOME") or pathlib.Path.home() / ".cache")
 _KERNEL_MODULES = _CACHE / "norvak-tests/kernel-modules"
-# The modules of the agent, by the real ones that stand in for them.
+# Each module of the agent, and the real module that stands in for it.
 _STAND_INS = {FIRST: "dummy.ko", TESSEL: "loop.ko", QUORIN: "tun.ko"}
 
 
@@ -48,7 +48,7 @@ class Kernel:
 
     @property
     def version(self):
-        """The release up to its fourth character that is no digit."""
+        """The release up to its fourth character that is not a digit."""
         return re.match(r"(?:[0-9]*[^0-9]){0,3}[0-9]*", self.release)[0].upper()
 
     @property
@@ -113,7 +113,7 @@ class ServerTree:
         self.files[self.build(version_dir, "md5")] = (line or f"{digest(program)}\n").encode()
 
     def write(self, root):
-        """Makes @a root this tree."""
+        """Replaces the directory @a root with this tree."""
         shutil.rmtree(root, ignore_errors=True)
         for path, content in self.files.items():
             file = root / path

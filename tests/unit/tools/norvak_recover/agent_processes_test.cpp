@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <spawn.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -16,14 +15,28 @@
 
 namespace {
 
-constexpr int kWaitMilliseconds = 5000;
+constexpr int kAttempts = 20000;
 
-/// A process of which a test knows that it runs its program; killed at the end.
+/// Waits for @a condition, a millisecond between two attempts.
+/// @return false if it did not become true
+template <typename Condition>
+bool comes_true(Condition condition) {
+  for (int attempt = 0; attempt < kAttempts; ++attempt) {
+    if (condition()) return true;
+    (void)::usleep(1000);
+  }
+  return false;
+}
+
+/// A process that runs its program from the construction on; killed at the end.
 class Child {
  public:
   Child(std::vector<std::string> command, const std::string& directory) {
     pid_ = ::fork();
-    if (pid_ != 0) return;
+    if (pid_ != 0) {
+      EXPECT_TRUE(runs_its_program()) << command[0];
+      return;
+    }
     (void)::setpgid(0, 0);
     if (::chdir(directory.c_str()) != 0) ::_exit(1);
     std::vector<char*> arguments;
@@ -43,6 +56,16 @@ class Child {
   [[nodiscard]] pid_t pid() const { return pid_; }
 
  private:
+  /// Waits for execv(), which replaces the arguments last.
+  [[nodiscard]] bool runs_its_program() const {
+    const std::string own = test_support::read_file("/proc/self/cmdline");
+    return comes_true([&] {
+      const std::string shown =
+          test_support::read_file("/proc/" + std::to_string(pid_) + "/cmdline");
+      return !shown.empty() && shown != own;
+    });
+  }
+
   pid_t pid_;
 };
 
@@ -74,26 +97,17 @@ class AgentProcesses : public testing::Test {
 
   recover::InstallDirProcesses find() { return recover::find_processes(dir_.path()); }
 
-  /// Waits until the process is what @a list names, or some other time has passed.
-  bool comes_to_be(std::vector<pid_t> recover::InstallDirProcesses::*list, pid_t pid) {
-    for (int waited = 0; waited < kWaitMilliseconds; ++waited) {
-      if (has(find().*list, pid)) return true;
-      (void)::usleep(1000);
-    }
-    return false;
-  }
-
   test_support::ScratchDirectory dir_;
 };
 
 TEST_F(AgentProcesses, AProgramOfTheInstallDirectoryIsTheAgent) {
   const Child agent({program("norvak_agent"), "100"}, "/");
-  EXPECT_TRUE(comes_to_be(&recover::InstallDirProcesses::agents, agent.pid()));
+  EXPECT_TRUE(has(find().agents, agent.pid()));
 }
 
 TEST_F(AgentProcesses, ADeletedProgramIsStillTheAgent) {
   const Child agent({program("norvak_agent"), "100"}, "/");
-  ASSERT_TRUE(comes_to_be(&recover::InstallDirProcesses::agents, agent.pid()));
+  EXPECT_TRUE(has(find().agents, agent.pid()));
   ASSERT_EQ(::unlink((dir_ / "norvak_agent").c_str()), 0);
   EXPECT_TRUE(has(find().agents, agent.pid()));
 }
@@ -101,8 +115,8 @@ TEST_F(AgentProcesses, ADeletedProgramIsStillTheAgent) {
 TEST_F(AgentProcesses, AScriptOfTheInstallDirectoryIsTheAgent) {
   const Child by_path({"/bin/sh", "-e", script("agent.sh")}, "/");
   const Child by_name({"/bin/sh", "./agent.sh"}, dir_.path());
-  EXPECT_TRUE(comes_to_be(&recover::InstallDirProcesses::agents, by_path.pid()));
-  EXPECT_TRUE(comes_to_be(&recover::InstallDirProcesses::agents, by_name.pid()));
+  EXPECT_TRUE(has(find().agents, by_path.pid()));
+  EXPECT_TRUE(has(find().agents, by_name.pid()));
 }
 
 TEST_F(AgentProcesses, OtherProgramsAreNotTheAgent) {
@@ -114,8 +128,8 @@ TEST_F(AgentProcesses, OtherProgramsAreNotTheAgent) {
   const Child command({"/bin/sh", "-c", dir_ / "missing 2>&-; sleep 100"}, "/");
   const Child startup({"/bin/sh", script("startup.sh")}, "/");
   const Child agent({program("norvak_agent"), "100"}, "/");
-  ASSERT_TRUE(comes_to_be(&recover::InstallDirProcesses::agents, agent.pid()));
-  EXPECT_TRUE(comes_to_be(&recover::InstallDirProcesses::startup_scripts, startup.pid()));
+  EXPECT_TRUE(has(find().agents, agent.pid()));
+  EXPECT_TRUE(has(find().startup_scripts, startup.pid()));
   EXPECT_EQ(find().agents, std::vector<pid_t>{agent.pid()});
 }
 
@@ -125,7 +139,6 @@ TEST_F(AgentProcesses, AnotherDirectoryWithTheSameBeginningIsAnother) {
   ASSERT_EQ(::rename(program("norvak_agent").c_str(), (other + "/norvak_agent").c_str()), 0);
   {
     const Child agent({other + "/norvak_agent", "100"}, "/");
-    (void)::usleep(100'000);
     EXPECT_TRUE(find().agents.empty());
   }
   (void)::unlink((other + "/norvak_agent").c_str());
@@ -138,7 +151,7 @@ TEST_F(AgentProcesses, ALinkToTheInstallDirectoryLeadsToTheSameAgent) {
   (void)program("norvak_agent");
   {
     const Child agent({link + "/norvak_agent", "100"}, "/");
-    ASSERT_TRUE(comes_to_be(&recover::InstallDirProcesses::agents, agent.pid()));
+    EXPECT_TRUE(has(find().agents, agent.pid()));
     EXPECT_TRUE(has(recover::find_processes(link).agents, agent.pid()));
   }
   (void)::unlink(link.c_str());
@@ -151,7 +164,7 @@ TEST_F(AgentProcesses, WhatIsBusyInAWorkDirectoryIsAWorker) {
   const Child script_there({"/bin/sh", script("update_norvak_soft/install.sh")}, "/");
   const Child reader({"/usr/bin/tail", "-f", script("update_norvak_soft/package")}, "/");
   for (const pid_t pid : {inside.pid(), program_there.pid(), script_there.pid(), reader.pid()}) {
-    EXPECT_TRUE(comes_to_be(&recover::InstallDirProcesses::workers, pid));
+    EXPECT_TRUE(comes_true([&] { return has(find().workers, pid); }));
   }
   EXPECT_TRUE(find().agents.empty());
 }
@@ -159,7 +172,7 @@ TEST_F(AgentProcesses, WhatIsBusyInAWorkDirectoryIsAWorker) {
 TEST_F(AgentProcesses, AnAgentThatWasStartedInAWorkDirectoryIsNoWorker) {
   const std::string work_dir = dir_ / "update_norvak_soft";
   const Child agent({program("norvak_agent"), "100"}, work_dir);
-  ASSERT_TRUE(comes_to_be(&recover::InstallDirProcesses::agents, agent.pid()));
+  EXPECT_TRUE(has(find().agents, agent.pid()));
   EXPECT_FALSE(has(find().workers, agent.pid()));
 }
 
@@ -167,7 +180,6 @@ TEST_F(AgentProcesses, AProcessMayBeTheAgentIfAnythingSpeaksForIt) {
   const Child stranger({"/bin/sleep", "100"}, "/");
   const Child inside({"/bin/sleep", "100"}, dir_.path());
   const Child named({"/usr/bin/tail", "-f", script("log")}, "/");
-  (void)::usleep(100'000);
   EXPECT_FALSE(recover::may_be_agent(stranger.pid(), dir_.path()));
   EXPECT_TRUE(recover::may_be_agent(inside.pid(), dir_.path()));
   EXPECT_TRUE(recover::may_be_agent(named.pid(), dir_.path()));

@@ -89,5 +89,5 @@ def _compile(directory, size):
 
 
 def _grow(path, size):
-    """Lengthens a file; what is added takes no memory."""
+    """Lengthens a file by a hole, which takes no memory."""
     os.truncate(path, max(size, pathlib.Path(path).stat().st_size))

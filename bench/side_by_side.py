@@ -218,7 +218,7 @@ class Bench:
                   "xmlstarlet", wall=0.3, cpu=0.3)
 
     def _status(self):
-        """A log without a run of the web server program, which is searched to the limit."""
+        """Logs without a run of type 2: the search for one reads up to its limit."""
         log = self._host.path / "runlog/update.log"
         subjects, peaks = {}, {}
         for size in (_MB, _GB):
@@ -359,7 +359,7 @@ def _point(link, target):
 
 
 def _write_log(path, size):
-    """Runs of the types 0 and 1 that had nothing to do or installed modules."""
+    """A log of type 0 runs with nothing to do and type 1 runs that install all modules."""
     stamp = "[2026-01-31 23:59:59]\t\t"
     modules = ("norvak_ipfilter", "tessel_linux", "quorin_linux")
     lines = ["[SOFT] norvak is not need to update, or check new version fail"]

@@ -81,7 +81,7 @@ class Host:
     def __init__(self, path, server):
         self.path = path
         self._server = server
-        self._agents = []  # the last one belongs to the host, if it runs one
+        self._agents = []  # the last one is that of the host, if the host runs one
         self._runs_agent = False
         for directory in ("runlog", "template", "tool", "nginx/bin"):
             (path / directory).mkdir(parents=True)
@@ -90,7 +90,7 @@ class Host:
         (path / "startup.sh").chmod(0o755)
 
     def outdate(self):
-        """Restores the old files; no agent runs."""
+        """Restores the old files. Afterwards no agent runs."""
         url = self._server.url
         self._write("config.xml", config_xml({
             "update_host": url, "kernel_update_host": url, "nginx_update_host": url,

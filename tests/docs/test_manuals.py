@@ -20,7 +20,7 @@ def items(manual, macro):
 
 @pytest.mark.parametrize("command", [
     pytest.param(["mandoc", "-Tlint"], id="mandoc"),
-    # The formatted page is nothing that a test reads.
+    # Only the warnings matter, not the formatted page.
     pytest.param(["sh", "-c", 'man --warnings -E UTF-8 -Tutf8 -Z -l "$0" >/dev/null'], id="man"),
 ])
 @pytest.mark.parametrize("manual", MANUALS, ids=lambda manual: manual.name)

@@ -1,4 +1,4 @@
-// The reader of kernel modules and programs, with files that may be anything.
+// The reader of kernel modules and programs, with arbitrary files.
 // Input: the file
 #include "elf_file.h"
 #include "support.h"

@@ -38,7 +38,7 @@ string_list lines_of(const std::string& bytes) {
   return lines;
 }
 
-/// What holds for every run, whatever the log says.
+/// Checks what holds for every run, whatever the log says.
 void check_run(const host::LoggedRun& run, host::UpdateType type, const string_list& lines) {
   auto place = lines.begin();
   for (const host::LogLine& line : run.lines) {

@@ -1,4 +1,4 @@
-// The reader of agent packages, with files that may be anything.
+// The reader of agent packages, with arbitrary files.
 // Input: the file
 #include <algorithm>
 

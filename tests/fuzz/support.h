@@ -24,8 +24,8 @@ void check_equal(std::string_view actual, std::string_view expected, const char*
 void check_equal(const string_list& actual, const string_list& expected, const char* property);
 void check_equal(long long actual, long long expected, const char* property);
 
-/// The fields of an input, separated by '|', which has no meaning for the code under test. They can
-/// have all other bytes.
+/// The fields of an input, separated by '|', which has no meaning for the code under test. A field
+/// can contain any other byte.
 class Fields {
  public:
   Fields(const std::uint8_t* data, std::size_t size)
@@ -51,8 +51,8 @@ inline constexpr char kDirectory[] = "/var/log";
 inline constexpr char kInstallPathFile[] = "/var/log/version_control";
 inline constexpr char kInstallPath[] = "/var/log/agent";
 
-/// Creates these. Ends the process with kCannotRun, which counts as skipped, if the host does not
-/// allow private mount namespaces. To be called by LLVMFuzzerInitialize.
+/// Mounts the directory and creates both. If the host does not allow private mount namespaces, ends
+/// the process with kCannotRun, which counts as skipped. To be called by LLVMFuzzerInitialize.
 void enter_private_directory();
 
 inline constexpr int kCannotRun = 4;

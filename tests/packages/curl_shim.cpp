@@ -1,5 +1,5 @@
-// A libcurl.so.4 that forwards to the machine's own. The linker script of a test decides which symbol
-// versions it has, so that it can pass for the libcurl of another distribution.
+// A libcurl.so.4 that forwards to the machine's own. The linker script of a test gives it symbol
+// versions, so that it can pass for the libcurl of another distribution.
 #include <dlfcn.h>
 
 #include <cstdlib>

@@ -1,4 +1,4 @@
-"""The packaged updater with the libcurl of other distributions, imitated by a forwarding library."""
+"""The packaged updater with the libcurl of other distributions, imitated by a shim."""
 
 import subprocess
 

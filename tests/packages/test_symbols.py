@@ -7,7 +7,7 @@ import subprocess
 import pytest
 from conftest import ARCHITECTURES, FULL, PROJECT, RELEASES
 
-# A part of glibc on every supported host, apart from libcurl.
+# Every supported host has these: libraries of glibc, and libcurl.
 LIBRARIES = {"libc.so.6", "libm.so.6", "libpthread.so.0", "ld-linux-x86-64.so.2", "ld-linux.so.2",
              "libcurl.so.4"}
 

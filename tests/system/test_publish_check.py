@@ -1,4 +1,4 @@
-"""norvak_publish check: a clean tree serves every type of update, and what it reports does harm."""
+"""norvak_publish check: a clean tree serves every type of update; a reported error harms a host."""
 
 import dataclasses
 import json
@@ -95,7 +95,7 @@ def test_a_clean_tree_has_no_findings(check, tree):
     assert check.findings(tree, "--strict") == []
 
 
-def test_a_clean_tree_is_one_for_a_host_too(check, tree, server):
+def test_a_clean_tree_on_a_web_server_has_no_findings(check, tree, server):
     tree.write(server.published)
     found = check.findings(None, target=server.url)
     assert codes(found) == [("builds-not-checked", "nginx_new")]
@@ -179,8 +179,8 @@ def run_nginx(host, server, tree, status, log, version_dir=BUILD):
     return _logged(host, host.update("2", version_dir, word_size), status, log)
 
 
-# What a failed update of a module leaves: the modules that were current before, but the module that
-# failed is not installed, and neither is the other engine module.
+# A failed update leaves the modules that were current before it. The module that failed is not
+# installed; if it is an engine module, neither is the other one.
 
 
 def module_refused(name):
@@ -292,10 +292,10 @@ def installs_build_for_ever(host, server, tree, real):
 class Case:
     """A way to break a clean tree.
 
-    @param code         of the findings, which are about the file @a file and nothing else
+    @param code         the code of the only findings, which are about the file @a file
     @param harm         shows what it does to a host, called with host, server, tree and kernel; None
-                        for what is no error, or what the tests' tar copes with
-    @param options      of the check
+                        if it is no error, or if the tests' tar accepts the package
+    @param options      the options of the check
     """
 
     name: str
@@ -608,7 +608,7 @@ def test_a_broken_tree_is_reported_and_does_harm(check, make_host, server, tree,
     case.harm(host, server, tree, real)
 
 
-# What a table of files cannot say.
+# Cases that need more than changed files.
 
 
 def write_fleet(directory, kernels, *more):
@@ -818,7 +818,7 @@ def test_warnings_change_the_exit_status_only_if_asked_to(check, tree):
     assert check.run("--strict").returncode == 1
 
 
-def test_what_is_served_of_a_tree_with_releases_is_checked(publisher):
+def test_in_a_tree_with_releases_the_served_one_is_checked(publisher):
     publisher.rules()
     (publisher.tree / "current/tarn_rule/md5").unlink()
     run = publisher.run("check")
@@ -828,7 +828,7 @@ def test_what_is_served_of_a_tree_with_releases_is_checked(publisher):
 
 @pytest.mark.parametrize("arguments, status", [
     ([], 64), (["nowhere"], 2), ([".", "--fleet", "nowhere"], 64), ([".", "--unknown"], 64)])
-def test_what_cannot_be_done_is_said(publisher, arguments, status):
+def test_a_check_that_is_impossible_says_why(publisher, arguments, status):
     run = publisher.run_plain("check", *arguments, cwd=publisher.tree)
     assert (run.returncode, run.stdout) == (status, "") and run.stderr
 

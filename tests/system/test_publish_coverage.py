@@ -283,7 +283,7 @@ def test_the_page_works_with_the_keyboard(browser):
 
 
 def test_colours_can_be_told_from_the_paper(browser):
-    """Contrast of at least 4.5:1, on light and on dark paper."""
+    """Contrast of at least 4.5:1, on a light and on a dark background."""
     script = """
         const value = c => { c /= 255; return c <= 0.03928 ? c / 12.92 : ((c + 0.055) / 1.055) ** 2.4 };
         const light = text => { const [r, g, b] = text.match(/[0-9.]+/g).map(Number);

@@ -12,7 +12,7 @@ import pytest
 from harness import Publisher, kernel
 from harness.publisher import contents
 
-# Killed on entering a call: before it, and so also after the one before it.
+# Killed on entering a call: this one has no effect, all earlier ones have.
 CALLS = ("open", "openat", "write", "link", "symlink", "rename", "unlink", "unlinkat", "rmdir",
          "mkdir", "chmod", "fchmod", "utimensat", "fsync", "syncfs", "flock")
 
@@ -103,7 +103,7 @@ def test_hosts_get_a_complete_release(publisher, strace, tmp_path, prepare):
             assert killed.returncode in (-9, 137, 0), (where, killed)
             assert served(publisher) in complete, where
             seen.add(complete.index(served(publisher)))
-            # What failed works again, and cleans up.
+            # The same command then succeeds and cleans up.
             again = publisher.run(*command)
             assert again.returncode == 0, (where, again)
             assert served(publisher) == new, where
@@ -118,7 +118,7 @@ def test_hosts_get_a_complete_release(publisher, strace, tmp_path, prepare):
 
 
 def test_a_plain_tree_is_repaired_by_the_next_run(publisher, strace, tmp_path):
-    """In place there are mixtures for a moment; whatever is there is whole."""
+    """For a moment old and new files are mixed, but each of them is complete."""
     publisher.rules("<one/>\n")
     os.rename(publisher.tree / "releases/1/tarn_rule", publisher.tree / "tarn_rule")
     (publisher.tree / "current").unlink()

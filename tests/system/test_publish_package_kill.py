@@ -5,7 +5,7 @@ from harness.published_package import Snapshot, build, new_tree, publish, tree
 
 
 def test_each_step_may_be_the_last(publisher, server, ready, steps, shell, tmp_path):
-    """Killed together with the updater; then a package that fails runs, then one that works."""
+    """Kills package and updater, then installs a package that fails, then one that works."""
     old = tree(ready)
     new = new_tree(old)
     good = build(publisher)

@@ -14,7 +14,7 @@ PROJECT = pathlib.Path(__file__).resolve().parents[2]
 PAGE = PROJECT / "docs/publishing.md"
 CONFIGURATION = PROJECT / "deploy/nginx/norvak.conf"
 
-# The page works with directories of the machine; these stand in for them.
+# The commands of the page use these directories of the machine: each gets a private disk.
 PRIVATE_DIRECTORIES = ["/srv", "/run", "/etc/nginx/conf.d", "/var/log/nginx", "/var/lib/nginx"]
 DISK_BYTES = 64 * 1024 * 1024
 

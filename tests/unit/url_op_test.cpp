@@ -197,7 +197,7 @@ TEST_F(Download, AConnectionWithoutAReplyFails) {
   server_.reply_raw("/file", "");
   EXPECT_EQ(download(), -1);
   EXPECT_EQ(log_messages(), failure_with(CURLE_GOT_NOTHING));
-  EXPECT_FALSE(exists(target())) << "the old file goes first";
+  EXPECT_FALSE(exists(target())) << "the old file is deleted first";
 }
 
 TEST_F(Download, AResetConnectionFails) {
@@ -245,7 +245,7 @@ TEST_F(Download, AnOldTargetThatCannotBeDeletedIsNotAnErrorByItself) {
   const FileMount mount(target(), target());
   ASSERT_TRUE(mount.mounted());
   EXPECT_EQ(download(), 0);
-  EXPECT_EQ(read_file(target()), "old\nnew\n") << "what stayed is appended to";
+  EXPECT_EQ(read_file(target()), "old\nnew\n") << "the download is appended to the old file";
 }
 
 TEST_F(Download, AFullDiskFailsWithCode23AndLeavesThePartThatFits) {
@@ -334,7 +334,7 @@ TEST_F(Download, WithoutAHandleTheDownloadFails) {
             }),
             0);
   EXPECT_EQ(log_messages(), (string_list{"CUrlOp::url_down_file: init easy_handle failed"}));
-  EXPECT_FALSE(exists(target())) << "the old file goes first";
+  EXPECT_FALSE(exists(target())) << "the old file is deleted first";
   EXPECT_EQ(server_.requests(), string_list());
 }
 

@@ -33,7 +33,7 @@ Parsed parse(std::vector<const char*> arguments) {
   return result;
 }
 
-TEST(CommandLine, GoodOptionsLetTheProgramGoOn) {
+TEST(CommandLine, AfterValidOptionsTheProgramContinues) {
   const Parsed parsed = parse({"--color", "always"});
   EXPECT_EQ(parsed.status, std::nullopt);
   EXPECT_EQ(parsed.color, ColorMode::kAlways);
@@ -51,7 +51,7 @@ TEST(CommandLine, HelpAndVersionGoToStdout) {
   EXPECT_EQ(help.err + version.err, "");
 }
 
-TEST(CommandLine, ErrorsGoToStderrAndEndWithTheStatusForThem) {
+TEST(CommandLine, ErrorsGoToStderrAndExitWith64) {
   for (const auto& arguments : std::vector<std::vector<const char*>>{
            {"--color", "sometimes"}, {"--color"}, {"--unknown"}, {"surplus"}}) {
     const Parsed parsed = parse(arguments);

@@ -58,7 +58,7 @@ TEST_F(KeptSettingsTest, AVersionThatIsTooShortIsLost) {
   EXPECT_EQ(lost("", "0"), Names({"version=abcdef3.1.10 not "}));
 }
 
-TEST_F(KeptSettingsTest, AnUnreadableConfigurationTellsNothing) {
+TEST_F(KeptSettingsTest, AnUnreadableConfigurationGivesNoAnswer) {
   EXPECT_TRUE(tools::lost_settings(kKept, dir_ / "missing").empty());
 }
 

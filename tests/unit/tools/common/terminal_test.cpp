@@ -32,7 +32,7 @@ TEST(Printable, EverythingElseIsEscaped) {
   EXPECT_EQ(printable("\xc3\xa9"), "\\xc3\\xa9");
 }
 
-TEST(Printable, NoByteThatATerminalObeysRemains) {
+TEST(Printable, NoControlByteRemains) {
   for (int byte = 0; byte < 256; ++byte) {
     for (const char c : printable(std::string(1, static_cast<char>(byte)))) {
       EXPECT_TRUE(c >= ' ' && c <= '~') << byte;
@@ -46,7 +46,7 @@ TEST(Painter, ColoursOnlyWhereEnabled) {
   EXPECT_EQ(Painter(false)(Color::kRed, "text"), "text");
 }
 
-/// The user's side of a terminal of its own.
+/// A test with a new pseudo-terminal, of which it uses the program's side.
 class UseColor : public testing::Test {
  protected:
   UseColor()
@@ -71,7 +71,7 @@ class UseColor : public testing::Test {
   utility::Descriptor terminal_;
 };
 
-TEST_F(UseColor, AutomaticallyOnATerminalOnly) {
+TEST_F(UseColor, ByDefaultOnATerminalOnly) {
   const utility::Descriptor file(::open("/dev/null", O_RDWR | O_CLOEXEC));
   EXPECT_TRUE(use_color(ColorMode::kAuto, terminal()));
   EXPECT_FALSE(use_color(ColorMode::kAuto, file.get()));

@@ -50,14 +50,14 @@ TEST(LogLine, OnlyTheUpdatersModulesAreRecognised) {
   EXPECT_FALSE(message("[KERNEL] download kernel tessel_linux success!"));
 }
 
-TEST(LogLine, TextsOfAnyLengthThatARunFillsInAreRecognised) {
+TEST(LogLine, InsertedTextsOfAnyLengthAreRecognised) {
   const std::string prefix = "[SOFT] call get_update_method function failed, config path: ";
   EXPECT_EQ(message(prefix + std::string(3000, 'x'))->format, log_messages::kSoftMethodUnreadable);
   EXPECT_EQ(message("[SOFT] download file failed [url: http://cut")->format,
             log_messages::kSoftVersionDownloadFailed);
 }
 
-TEST(LogLine, LinesOfAnotherFormAreNot) {
+TEST(LogLine, LinesOfAnotherFormAreNotRecognised) {
   const std::string text = "[RULES] update tarn rules failed";
   for (const std::string& line :
        {std::string(), text, "[2026-01-31 23:59:59] " + text, "[2026-01-31T23:59:59]\t\t" + text,
@@ -67,7 +67,7 @@ TEST(LogLine, LinesOfAnotherFormAreNot) {
   }
 }
 
-/// A time zone for this process, until the old one is restored.
+/// Sets the time zone of this process; the destructor restores the old one.
 class Zone {
  public:
   explicit Zone(const char* name) : variable_("TZ", name) { ::tzset(); }
@@ -98,7 +98,7 @@ TEST(LogLine, TimesAreLocal) {
 constexpr char kEurope[] = "CET-1CEST,M3.5.0,M10.5.0/3";
 constexpr std::time_t kEndOfSummer = 1792890000;
 
-TEST(LogLine, OfATimeThatOccurredTwiceTheLaterOneCountsThatIsNotInTheFuture) {
+TEST(LogLine, AnAmbiguousTimeIsTheLaterOneUnlessThatIsInTheFuture) {
   const Zone zone(kEurope);
   EXPECT_EQ(epoch("2026-10-25 02:30:00", kEndOfSummer + 1800), kEndOfSummer + 1800);
   EXPECT_EQ(epoch("2026-10-25 02:30:00", kNever), kEndOfSummer + 1800);

@@ -59,20 +59,20 @@ TEST_F(LogReaderTest, TheLastLineMayLackItsLineFeed) {
   EXPECT_EQ(read(reader()), (Lines{"two", "one"}));
 }
 
-TEST_F(LogReaderTest, EmptyLinesAtTheEdgesAreLines) {
+TEST_F(LogReaderTest, EmptyFirstAndLastLinesAreLines) {
   write("update.log", "\n\none\n\n");
   EXPECT_EQ(read(reader()), (Lines{"", "one", "", ""}));
   write("update.log", "\n");
   EXPECT_EQ(read(reader()), (Lines{""}));
 }
 
-TEST_F(LogReaderTest, WithoutATextThereIsNoLine) {
+TEST_F(LogReaderTest, AnEmptyOrMissingLogHasNoLines) {
   EXPECT_EQ(read(reader()), Lines{});
   write("update.log", "");
   EXPECT_EQ(read(reader()), Lines{});
 }
 
-TEST_F(LogReaderTest, NulsEndLinesAndAreNone) {
+TEST_F(LogReaderTest, NulsSeparateLinesAndBelongToNone) {
   write("update.log", std::string("one\n\0\0two\0\0\0\nthree\n\0\0", 20));
   EXPECT_EQ(read(reader()), (Lines{"three", "two", "one"}));
   write("update.log", std::string(200000, '\0'));
@@ -126,7 +126,7 @@ TEST_F(LogReaderTest, OfTwoKindsOfRotationTheNewerOneComesFirst) {
   EXPECT_EQ(read(reader()), (Lines{"counted", "dated"}));
 }
 
-TEST_F(LogReaderTest, ALogThatIsJustBeingCompressedIsReadOnce) {
+TEST_F(LogReaderTest, ALogThatIsBeingCompressedIsReadOnce) {
   write("update.log.1", "one\n");
   write_compressed("update.log.1.gz", "on");
   EXPECT_EQ(read(reader()), (Lines{"one"}));
@@ -138,7 +138,7 @@ TEST_F(LogReaderTest, ALogThatIsRotatedMeanwhileIsReadOnce) {
   EXPECT_EQ(read(reader()), (Lines{"one"}));
 }
 
-TEST_F(LogReaderTest, TheTimeOfWritingIsThatOfTheFileAtHand) {
+TEST_F(LogReaderTest, TheTimeOfWritingIsThatOfTheFileBeingRead) {
   write("update.log", "now\n");
   write_compressed("update.log.1.gz", "one\n");
   set_time("update.log", 2000);

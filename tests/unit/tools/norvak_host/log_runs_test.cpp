@@ -7,6 +7,8 @@
 #include <string>
 #include <vector>
 
+#include "test_support.h"
+
 namespace {
 
 using host::RunFinder;
@@ -107,8 +109,6 @@ constexpr UpdateType kKernel = UpdateType::kKernel;
 constexpr UpdateType kNginx = UpdateType::kNginx;
 constexpr UpdateType kRules = UpdateType::kRules;
 
-std::string case_name(const testing::TestParamInfo<Case>& tested) { return tested.param.name; }
-
 INSTANTIATE_TEST_SUITE_P(
     Sequential, LastRun,
     testing::Values(
@@ -169,7 +169,7 @@ INSTANTIATE_TEST_SUITE_P(
         Case{"RulesRefused", "R.refused R.failed |", kRules, Verdict::kFailed, 2},
         Case{"RulesUpdated", "R.verified R.ok |", kRules, Verdict::kUpdated, 2},
         Case{"RulesUnfinished", "R.none | R.verified", kRules, Verdict::kUnfinished, 1}),
-    case_name);
+    test_support::case_name);
 
 INSTANTIATE_TEST_SUITE_P(
     AfterOthers, LastRun,
@@ -179,7 +179,7 @@ INSTANTIATE_TEST_SUITE_P(
         Case{"TransferOfAnEarlierKernelRun",
              "T K1.list K1.check | R.none | K1.none K2.none K3.none |", kRules,
              Verdict::kNothingToDo, 1}),
-    case_name);
+    test_support::case_name);
 
 INSTANTIATE_TEST_SUITE_P(
     Interleaved, LastRun,
@@ -204,7 +204,7 @@ INSTANTIATE_TEST_SUITE_P(
              "K1.none K1.none K.abnormal K2.check | K2.verified K2.ok K3.none |", kKernel,
              Verdict::kUpdated, 4},
         Case{"ClockGoesBack", "S.version -3600 +3610 -3610 S.none |", kSoft, Verdict::kFailed, 2}),
-    case_name);
+    test_support::case_name);
 
 TEST(RunCollector, IsCompleteOnceNoEarlierLineMatters) {
   for (const UpdateType type : host::kUpdateTypes) {

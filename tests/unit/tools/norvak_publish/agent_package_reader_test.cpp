@@ -23,7 +23,7 @@ std::string padded(std::string data) {
   return data;
 }
 
-/// A member of a ustar archive, put together by hand so that its paths can be anything.
+/// A member of a ustar archive, built by hand so that it may have any path.
 std::string member(const std::string& path, const std::string& data, char type = '0',
                    const std::string& link = "") {
   std::string head(kBlock, '\0');
@@ -95,7 +95,7 @@ TEST_F(PackageReader, FindsTheScriptOnlyAtTheTop) {
   EXPECT_FALSE(read_bytes(member("Update", "") + kEnd).has_script);
 }
 
-TEST_F(PackageReader, SeesACarriageReturnAfterTheInterpreter) {
+TEST_F(PackageReader, ReportsACarriageReturnAfterTheInterpreter) {
   const auto has_carriage_return = [this](const std::string& script) {
     return read_bytes(member("update", script) + kEnd).script_has_carriage_return;
   };
@@ -114,13 +114,13 @@ TEST_F(PackageReader, ReadsTheVersionThatTheScriptRecords) {
   EXPECT_EQ(version(kGoodScript), std::nullopt);
 }
 
-TEST_F(PackageReader, SeesThatAFileIsNoArchive) {
+TEST_F(PackageReader, ReportsAFileThatIsNotAnArchive) {
   EXPECT_NE(read_bytes("").damage, "");
   EXPECT_NE(read_bytes("<html>404 Not Found</html>\n").damage, "");
   EXPECT_NE(publish::read_agent_package(scratch_ / "missing").damage, "");
 }
 
-TEST_F(PackageReader, SeesThatAnArchiveIsCut) {
+TEST_F(PackageReader, ReportsATruncatedArchive) {
   const std::string package =
       member("update", kGoodScript) + member("data", std::string(3000, 'x')) + kEnd;
   EXPECT_EQ(read_bytes(package).damage, "");
@@ -129,19 +129,19 @@ TEST_F(PackageReader, SeesThatAnArchiveIsCut) {
   EXPECT_FALSE(read_bytes(package.substr(0, package.size() - kEnd.size())).has_end);
 }
 
-TEST_F(PackageReader, SeesDamageInTheMiddle) {
+TEST_F(PackageReader, ReportsDamageInTheMiddle) {
   std::string package = member("update", kGoodScript) + member("data", "x") + kEnd;
   package[2 * kBlock + 5] ^= 1;  // in the second head, whose checksum then fails
   EXPECT_NE(read_bytes(package).damage, "");
 }
 
-TEST_F(PackageReader, SeesPathsThatLeaveThePackage) {
+TEST_F(PackageReader, ReportsPathsThatLeaveThePackage) {
   EXPECT_EQ(read(member("/etc/passwd", "x")).outside, std::vector<std::string>{"/etc/passwd"});
   EXPECT_EQ(read(member("a/../../b", "x")).outside, std::vector<std::string>{"a/../../b"});
   EXPECT_EQ(read(member("a..b/..c", "x")).outside, std::vector<std::string>());
 }
 
-TEST_F(PackageReader, SeesLinksThatLeaveThePackage) {
+TEST_F(PackageReader, ReportsLinksThatLeaveThePackage) {
   const auto outside = [this](const std::string& link) { return read(link).outside.size(); };
   EXPECT_EQ(outside(symbolic_link("a", "/etc")), 1U);
   EXPECT_EQ(outside(symbolic_link("a", "..")), 1U);
@@ -154,7 +154,7 @@ TEST_F(PackageReader, SeesLinksThatLeaveThePackage) {
   EXPECT_EQ(outside(hard_link("a/b", "/c")), 1U);
 }
 
-TEST_F(PackageReader, NamesAFewBadPathsOnly) {
+TEST_F(PackageReader, ReportsAtMostTwentyBadPaths) {
   std::string members;
   for (int i = 0; i < 100; ++i) members += member("/x", "");
   EXPECT_EQ(read(members).outside.size(), 20U);
@@ -180,7 +180,7 @@ TEST_F(PackageReader, ReadsThePackagedConfiguration) {
   EXPECT_EQ(package.configs[0].missing_settings, std::vector<std::string>());
 }
 
-TEST_F(PackageReader, NamesTheSettingsThatAPackagedConfigurationLacks) {
+TEST_F(PackageReader, ReportsTheSettingsThatAPackagedConfigurationLacks) {
   const AgentPackage package =
       read(member("config.xml", config_with("update_host update_type kernel_update_host")));
   ASSERT_EQ(package.configs.size(), 1U);
@@ -188,7 +188,7 @@ TEST_F(PackageReader, NamesTheSettingsThatAPackagedConfigurationLacks) {
             (std::vector<std::string>{"version", "nginx_update_host"}));
 }
 
-TEST_F(PackageReader, SeesAPackagedConfigurationThatIsNotWellFormed) {
+TEST_F(PackageReader, ReportsAPackagedConfigurationThatIsNotWellFormed) {
   const AgentPackage package = read(member("config.xml", "<norvak><Process>"));
   ASSERT_EQ(package.configs.size(), 1U);
   EXPECT_FALSE(package.configs[0].is_readable);

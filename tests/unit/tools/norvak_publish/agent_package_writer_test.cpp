@@ -51,13 +51,13 @@ TEST_F(PackageManifestTest, HasAnEntryInEachLine) {
   EXPECT_EQ(entries[0].path, "bin/a b");
 }
 
-TEST_F(PackageManifestTest, NamesTheLineThatMakesNoSense) {
+TEST_F(PackageManifestTest, NamesTheInvalidLine) {
   EXPECT_EQ(complaint("file\t644\troot\troot\ta\nfile\t644\troot\ta\n"),
             scratch / "manifest" +
                 ":2: not five fields separated by tabs: type, mode, owner, group, path");
 }
 
-TEST_F(PackageManifestTest, RefusesFieldsThatMakeNoSense) {
+TEST_F(PackageManifestTest, RefusesInvalidFields) {
   for (const char* line : {
            "files\t644\troot\troot\ta",
            "file\t-\troot\troot\ta",

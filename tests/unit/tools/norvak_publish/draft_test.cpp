@@ -42,7 +42,7 @@ TEST_F(DraftTest, PutsFilesWithTheirDirectories) {
   EXPECT_EQ(draft.changes(), (std::vector<std::string>{"a/b/file", "a/text"}));
 }
 
-TEST_F(DraftTest, WhatIsThereAlreadyIsNoChange) {
+TEST_F(DraftTest, AnUnchangedFileIsNoChange) {
   write_file(scratch / "source", "contents");
   publish("draft/file", "contents", 1000);
   const std::time_t before = time_of("draft/file");
@@ -52,7 +52,7 @@ TEST_F(DraftTest, WhatIsThereAlreadyIsNoChange) {
   EXPECT_EQ(time_of("draft/file"), before);
 }
 
-TEST_F(DraftTest, AChangedFileIsASecondNewerThanAllItsPredecessors) {
+TEST_F(DraftTest, AChangedFileIsOneSecondNewerThanAnyEarlierVersion) {
   publish("1/file", "one", -100);  // served before, and then rolled back
   publish("2/file", "two", 0);
   publish::link_tree(scratch / "2", scratch / "draft");
@@ -60,7 +60,7 @@ TEST_F(DraftTest, AChangedFileIsASecondNewerThanAllItsPredecessors) {
   EXPECT_EQ(time_of("draft/file"), time_of("1/file") + 1);
 }
 
-TEST_F(DraftTest, AChangedFileIsOfNowIfItsPredecessorsAreOld) {
+TEST_F(DraftTest, AChangedFileHasTheCurrentTimeIfEarlierVersionsAreOld) {
   publish("1/file", "one", 100);
   const std::time_t now = std::time(nullptr);
   draft.put_text("/file", "new");

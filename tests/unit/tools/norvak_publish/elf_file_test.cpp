@@ -42,7 +42,7 @@ class ElfReader : public testing::Test {
   ScratchDirectory scratch_;
 };
 
-TEST_F(ElfReader, TellsTheProcessorAndTheKernel) {
+TEST_F(ElfReader, ReadsTheProcessorAndTheKernel) {
   const auto elf = read_elf(kThisProgram);
   ASSERT_TRUE(elf);
   EXPECT_EQ(elf->processor, sizeof(void*) == 8 ? Processor::kX64 : Processor::kX86);
@@ -74,7 +74,7 @@ TEST_F(ElfReader, KnowsNoOtherProcessor) {
   EXPECT_EQ(elf->processor, Processor::kOther);
 }
 
-TEST_F(ElfReader, RefusesAFileThatWasCutAnywhere) {
+TEST_F(ElfReader, RefusesAFileThatIsTruncatedAnywhere) {
   const std::string program = read_file(kThisProgram);
   for (const std::size_t size :
        {std::size_t{0}, std::size_t{3}, std::size_t{4}, std::size_t{16}, sizeof(Elf64_Ehdr) - 1,
@@ -83,7 +83,7 @@ TEST_F(ElfReader, RefusesAFileThatWasCutAnywhere) {
   }
 }
 
-TEST_F(ElfReader, RefusesWhatIsNoElfFile) {
+TEST_F(ElfReader, RefusesAFileThatIsNotElf) {
   EXPECT_FALSE(read("<html>404</html>\n"));
   EXPECT_FALSE(read("!<arch>\n"));
   std::string program = read_file(kThisProgram);

@@ -38,7 +38,7 @@ TEST(PublishFiles, AnExistingDirectoryIsLeftAlone) {
   EXPECT_EQ(mode_of(scratch / "a"), 0700U);
 }
 
-TEST(PublishFiles, AFileInThePlaceOfADirectoryIsAFailure) {
+TEST(PublishFiles, AFileInsteadOfADirectoryIsAFailure) {
   const ScratchDirectory scratch;
   write_file(scratch / "a", "");
   EXPECT_THROW(publish::make_directory(scratch / "a"), publish::Failure);

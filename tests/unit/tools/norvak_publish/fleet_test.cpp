@@ -72,7 +72,7 @@ TEST(Fleet, NeedsItsHeader) {
             "fleet, line 1: the header is not distribution,machine,release,count");
 }
 
-TEST(Fleet, NamesTheFirstLineThatIsNotUnderstood) {
+TEST(Fleet, NamesTheFirstInvalidLine) {
   const std::string good = std::string(kHeader) + "centos,x86_64,a,1\n";
   EXPECT_EQ(failure(good + "centos,x86_64,a\n"),
             "fleet, line 3: the fields are not distribution,machine,release,count");
@@ -109,7 +109,7 @@ TEST(Fleet, RefusesCountsThatDoNotAddUp) {
       "fleet, line 3: the counts are too large");
 }
 
-TEST(Fleet, RefusesLinesThatAreNoHosts) {
+TEST(Fleet, RefusesLinesThatDescribeNoHost) {
   EXPECT_EQ(failure("{"), "fleet, line 1: this is not a JSON object");
   EXPECT_EQ(failure("{}\n[]\n"), "fleet, line 1: this is not a host: it has no \"family\"");
   EXPECT_EQ(failure(R"({"family":"centos","machine":7,"kernel_release":"a"})"),

@@ -35,7 +35,7 @@ TEST(Sha256, AFileOfSeveralBlocksIsReadWhole) {
             "cdc76e5c9914fb9281a1c7e284d73e67f1809a48a497200e046d39ccc7112cd0");
 }
 
-TEST(Sha256, NoFilesAreNoDigests) { EXPECT_TRUE(publish::sha256({}, {}).empty()); }
+TEST(Sha256, NoFilesHaveNoDigests) { EXPECT_TRUE(publish::sha256({}, {}).empty()); }
 
 TEST(Sha256, AFileThatCannotBeReadIsAFailure) {
   const ScratchDirectory scratch;
@@ -74,7 +74,7 @@ TEST(Manifest, ListsOnlyWhatIsPublished) {
   EXPECT_EQ(publish::list_files(scratch.path()), std::vector<std::string>{"kernels/releases/a"});
 }
 
-TEST(Manifest, ALinkOrAStrangeNameIsAFailure) {
+TEST(Manifest, ALinkOrAnInvalidNameIsAFailure) {
   const ScratchDirectory scratch;
   ASSERT_EQ(::symlink("a", (scratch / "link").c_str()), 0);
   EXPECT_THROW((void)publish::list_files(scratch.path()), publish::Failure);

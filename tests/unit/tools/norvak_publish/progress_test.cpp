@@ -13,12 +13,12 @@ TEST(Progress, TheLineKeepsItsLength) {
             "Reading [##############################] 100%");
 }
 
-TEST(Progress, NothingToDoIsDone) {
+TEST(Progress, NoWorkIsShownAsDone) {
   EXPECT_EQ(publish::progress_line("Reading", 0, 0),
             "Reading [##############################] 100%");
 }
 
-TEST(Progress, ShowsNothingWhereStderrIsNoTerminal) {
+TEST(Progress, ShowsNothingIfStderrIsNotATerminal) {
   const publish::ProgressBar bar("Reading", true);
   EXPECT_FALSE(bar.callback());
 }

@@ -59,7 +59,7 @@ TEST_F(ReleaseTreeTest, IsNoTreeWithoutADirectory) {
   EXPECT_THROW(ReleaseTree(scratch / "missing"), publish::Failure);
 }
 
-TEST_F(ReleaseTreeTest, PublishedFilesWithoutReleasesArePlain) {
+TEST_F(ReleaseTreeTest, PublishedFilesWithoutReleasesAreAPlainTree) {
   write_file(scratch / "norvak/file", "");
   EXPECT_EQ(tree.kind(), ReleaseTree::Kind::kPlain);
 }
@@ -95,7 +95,7 @@ TEST_F(ReleaseTreeTest, ALinkMayBeAbsolute) {
   EXPECT_EQ(tree.linked("staging"), 1);
 }
 
-TEST_F(ReleaseTreeTest, KeepsSoManyOldReleases) {
+TEST_F(ReleaseTreeTest, KeepsTheGivenNumberOfOldReleases) {
   for (int i = 0; i < 6; ++i) (void)publish_release(tree, std::to_string(i));
   EXPECT_EQ(tree.remove_old_releases(5), std::vector<int>{});
   EXPECT_EQ(tree.remove_old_releases(2), (std::vector<int>{1, 2, 3}));
@@ -104,7 +104,7 @@ TEST_F(ReleaseTreeTest, KeepsSoManyOldReleases) {
   EXPECT_EQ(tree.remove_old_releases(0), std::vector<int>{4});  // `previous` names 5
 }
 
-TEST_F(ReleaseTreeTest, ARemovedReleaseIsNoneThatALinkNames) {
+TEST_F(ReleaseTreeTest, AReleaseThatALinkNamesIsNotRemoved) {
   for (int i = 0; i < 5; ++i) (void)publish_release(tree, std::to_string(i));
   link("releases/1", "mirror");
   EXPECT_EQ(tree.remove_old_releases(2), (std::vector<int>{2, 3}));

@@ -10,7 +10,7 @@ MODULES = ("norvak_ipfilter", "tessel_linux", "quorin_linux")
 STATE = "/var/lib/norvak-update"
 RECOVERY = "norvak-update-recover.service"
 
-# It returns before the agent has been executed, as a real one may. The pid file is whole or not there.
+# Returns before the agent is executed, as a real one may. The pid file is complete or absent.
 STARTUP = """\
 #!/bin/sh
 cd "$(dirname "$0")" || exit 1

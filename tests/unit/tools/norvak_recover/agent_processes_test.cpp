@@ -40,6 +40,7 @@ class Child {
     (void)::setpgid(0, 0);
     if (::chdir(directory.c_str()) != 0) ::_exit(1);
     std::vector<char*> arguments;
+    arguments.reserve(command.size() + 1);
     for (std::string& argument : command) arguments.push_back(argument.data());
     arguments.push_back(nullptr);
     ::execv(arguments[0], arguments.data());

@@ -103,7 +103,7 @@ std::vector<Area> areas(const CheckOptions& options) {
                                {server_paths::kRulesDigestList, server_paths::kRules},
                                true}};
   if (options.fleet.empty()) return result;
-  for (const KernelCoverage& kernel : coverage("", read_fleet_file(options.fleet)).kernels) {
+  for (const KernelCoverage& kernel : group_by_directory(read_fleet_file(options.fleet))) {
     Area area{kernel.directory, {}, false};
     for (const char* name : agent_files::kModules) {
       const std::string directory = module_directory(kernel.kernels.front(), name);

@@ -28,11 +28,6 @@ void look_up(const std::string& root, KernelCoverage& coverage) {
   }
 }
 
-bool is_worse(const KernelCoverage& a, const KernelCoverage& b) {
-  if (a.is_complete() != b.is_complete()) return b.is_complete();
-  return std::tie(b.hosts, a.directory) < std::tie(a.hosts, b.directory);
-}
-
 bool has_more_hosts(const FleetKernel& a, const FleetKernel& b) {
   return std::tie(b.hosts, a.release, a.machine) < std::tie(a.hosts, b.release, b.machine);
 }
@@ -57,24 +52,36 @@ bool KernelCoverage::is_shared() const {
   });
 }
 
-Coverage coverage(const std::string& root, const std::vector<FleetKernel>& fleet) {
-  Coverage result;
+std::vector<KernelCoverage> group_by_directory(const std::vector<FleetKernel>& fleet) {
+  std::vector<KernelCoverage> groups;
   std::unordered_map<std::string, std::size_t> places;
   for (const FleetKernel& kernel : fleet) {
     const std::string directory = kernel_directory(kernel);
-    const auto [place, is_new] = places.try_emplace(directory, result.kernels.size());
-    if (is_new) result.kernels.emplace_back().directory = directory.substr(1);
-    KernelCoverage& found = result.kernels[place->second];
-    found.hosts += kernel.hosts;
-    found.kernels.push_back(kernel);
+    const auto [place, is_new] = places.try_emplace(directory, groups.size());
+    if (is_new) groups.emplace_back().directory = directory.substr(1);
+    KernelCoverage& group = groups[place->second];
+    group.hosts += kernel.hosts;
+    group.kernels.push_back(kernel);
   }
+  for (KernelCoverage& group : groups) {
+    std::sort(group.kernels.begin(), group.kernels.end(), has_more_hosts);
+  }
+  std::sort(groups.begin(), groups.end(), [](const KernelCoverage& a, const KernelCoverage& b) {
+    return std::tie(b.hosts, a.directory) < std::tie(a.hosts, b.directory);
+  });
+  return groups;
+}
+
+Coverage coverage(const std::string& root, const std::vector<FleetKernel>& fleet) {
+  Coverage result;
+  result.kernels = group_by_directory(fleet);
   for (KernelCoverage& kernel : result.kernels) {
-    std::sort(kernel.kernels.begin(), kernel.kernels.end(), has_more_hosts);
     look_up(root, kernel);
     result.hosts += kernel.hosts;
     if (!kernel.is_complete()) result.uncovered_hosts += kernel.hosts;
   }
-  std::sort(result.kernels.begin(), result.kernels.end(), is_worse);
+  std::stable_partition(result.kernels.begin(), result.kernels.end(),
+                        [](const KernelCoverage& kernel) { return !kernel.is_complete(); });
   return result;
 }
 

@@ -38,6 +38,10 @@ struct Coverage {
 /// Where hosts with @a kernel request the module @a module; begins with "/".
 [[nodiscard]] std::string module_directory(const FleetKernel& kernel, const char* module);
 
+/// The directories that the hosts of @a fleet request, the most hosts first. Which modules exist
+/// there is not looked up.
+[[nodiscard]] std::vector<KernelCoverage> group_by_directory(const std::vector<FleetKernel>& fleet);
+
 /// Determines for which kernels of @a fleet the tree has modules.
 /// @param root  a plain tree
 [[nodiscard]] Coverage coverage(const std::string& root, const std::vector<FleetKernel>& fleet);

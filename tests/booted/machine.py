@@ -14,6 +14,7 @@ _COMMAND_SECONDS = 120
 # Where systemd keeps its control groups: version 2, the hybrid layout, version 1.
 _HIERARCHIES = [pathlib.Path(path) for path in (
     "/sys/fs/cgroup", "/sys/fs/cgroup/unified", "/sys/fs/cgroup/systemd")]
+_MEMORY_GROUPS = pathlib.Path("/sys/fs/cgroup/memory")  # of version 1; not there with version 2
 _ENVIRONMENT = {"PATH": "/usr/sbin:/usr/bin:/sbin:/bin", "HOME": "/root", "LC_ALL": "C.UTF-8"}
 
 # Nothing that is tested here needs them, and each of them slows down the boot.
@@ -90,6 +91,23 @@ class Machine:
         joins = "".join(f"echo $$ >{shlex.quote(str(group / 'cgroup.procs'))} && "
                         for group in self._groups)
         return ["sh", "-c", f'{joins}exec "$@"', "sh"]
+
+    def limit_memory(self, unit, mebibytes):
+        """Limits what the processes of a running unit may use together."""
+        if not _MEMORY_GROUPS.exists():
+            self.run("systemctl", "set-property", "--runtime", unit, f"MemoryMax={mebibytes}M",
+                     "MemorySwapMax=0")
+            return
+        # systemd in a container cannot use the controllers of version 1.
+        limited = _MEMORY_GROUPS / self._scratch.name
+        if not limited.exists():
+            limited.mkdir()
+            self._groups.append(limited)
+        (limited / "memory.limit_in_bytes").write_text(str(mebibytes << 20))
+        [processes] = {path.read_text() for group in self._groups
+                       for path in group.rglob(f"{unit}/cgroup.procs")}
+        for pid in processes.split():
+            (limited / "cgroup.procs").write_text(pid)
 
     def _remove_control_groups(self):
         for group in self._groups:

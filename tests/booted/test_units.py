@@ -1,6 +1,7 @@
 """The units in booted systems: every update, every outcome."""
 
 import pathlib
+import subprocess
 
 import pytest
 from harness import Reply, config_xml, package, rules, software, unused_address, web_server
@@ -183,24 +184,49 @@ def test_an_agent_that_an_administrator_stopped_stays_stopped(host):
 
 def test_a_unit_that_is_stopped_during_a_run_is_recovered(host):
     host.write("tool/tar", "#!/bin/sh\nsleep 1000\n", 0o755)
-    host.machine.run("systemctl", "start", "--no-block", "norvak-update@soft.service")
-    host.machine.wait_for(
-        lambda: host.machine.attempt("pgrep", "-f", f"{ROOT}/tool/tar").returncode == 0)
-    assert host.agents() == []
+    start_and_wait_for(host, f"{ROOT}/tool/tar")
     host.machine.run("systemctl", "stop", "norvak-update@soft.service")
     assert_in_good_order(host)
 
 
+def start_and_wait_for(host, process):
+    """Starts an update of the agent, and waits until it has ended the agent and runs @a process."""
+    host.machine.run("systemctl", "start", "--no-block", "norvak-update@soft.service")
+    host.machine.wait_for(lambda: host.machine.attempt("pgrep", "-f", process).returncode == 0 and
+                          host.agents() == [])
+
+
 @pytest.mark.parametrize("victim", ["norvak_update", "run"])
 def test_a_killed_process_of_the_run_is_recovered(host, victim):
-    """What the kernel does to a process when memory runs out."""
     host.write("tool/tar", "#!/bin/sh\nsleep 1000\n", 0o755)
-    host.machine.run("systemctl", "start", "--no-block", "norvak-update@soft.service")
-    host.machine.wait_for(
-        lambda: host.machine.attempt("pgrep", "-f", f"{ROOT}/tool/tar").returncode == 0)
-    assert host.agents() == []
+    start_and_wait_for(host, f"{ROOT}/tool/tar")
     host.machine.run("pkill", "-KILL", "-x", victim)
     host.machine.wait_until_idle("norvak-update@soft.service")
+    assert_in_good_order(host)
+
+
+def memory_kills():
+    """What the kernel has reported about processes that it killed because memory ran out."""
+    log = subprocess.run(["dmesg"], capture_output=True, text=True, check=True).stdout
+    return {line for line in log.splitlines() if "out of memory: Killed process" in line}
+
+
+@pytest.mark.parametrize("victim", ["tail", "norvak_update", "run"])
+def test_a_process_of_the_run_that_is_killed_for_want_of_memory_is_recovered(host, victim):
+    # "tail" keeps all that it reads in memory: there is no line end. None of the two gets so large
+    # that the kernel prefers it to a process with the score 1000.
+    host.write("tool/tar", f"#!/bin/sh\nread -r _ <{ROOT}/go\n"
+               "tail /dev/zero &\nexec tail /dev/zero\n", 0o755)
+    host.machine.run("mkfifo", f"{ROOT}/go")
+    start_and_wait_for(host, f"^/bin/sh {ROOT}/tool/tar")
+    host.machine.limit_memory("norvak-update@soft.service", 40)
+    if victim != "tail":  # which the kernel would choose
+        host.machine.run("sh", "-c", f"echo 1000 >/proc/$(pgrep -x {victim})/oom_score_adj")
+    before = memory_kills()
+    host.machine.run("sh", "-c", f"echo >{ROOT}/go")
+    host.machine.wait_until_idle("norvak-update@soft.service")
+    assert host.machine.property("norvak-update@soft.service", "ActiveState") == "failed"
+    assert any(f"({victim})" in line for line in memory_kills() - before)
     assert_in_good_order(host)
 
 

@@ -77,3 +77,20 @@ def host(machine, server):
     installed.lay_out()
     yield installed
     installed.clear()
+
+
+@pytest.fixture
+def change_runner(machine):
+    """Replaces texts of the runner until the end of a test."""
+    path = "/usr/lib/norvak-update/run"
+    text = machine.file(path).read_text()
+
+    def change(replacements):
+        changed = text
+        for old, new in replacements.items():
+            assert old in changed
+            changed = changed.replace(old, new)
+        machine.write(path, changed, 0o755)
+
+    yield change
+    machine.write(path, text, 0o755)

@@ -31,6 +31,12 @@ def test_a_kill_leaves_nothing_to_do(lab, request):
     assert {name: what for name, what in left.items() if what} == {}
 
 
+def test_a_kill_after_the_carry_over_is_no_loss_of_settings(lab):
+    for point in lab.points[-2:]:
+        assert lab.kill_at(point) == []
+        assert not lab.host.machine.file(f"{STATE}/kept_settings").exists(), point.name
+
+
 def truncate_what_was_not_flushed(host, since):
     for path in host.file("").rglob("*"):
         flushed = path.parent == host.file("") and path.name in _FLUSHED

@@ -246,6 +246,15 @@ def test_a_setting_that_was_not_carried_over_is_reported(host, server):
     assert not host.machine.file(f"{STATE}/kept_settings").exists()
 
 
+def test_settings_that_nobody_recorded_are_not_reported(host):
+    """A run that was started by hand and interrupted."""
+    host.write("update", "")
+    host.write("update_norvak_soft/new_version", software.NEW_VERSION)
+    assert host.machine.start(RECOVERY)
+    assert_in_good_order(host)
+    assert not host.machine.file(f"{STATE}/kept_settings").exists()
+
+
 def package_that_kills_its_updater(server):
     config = config_xml({"update_host": server.url, "update_type": "0", "version": "abcdef0.0.0"})
     return package({"update": "#!/bin/sh\ncp config.xml ../../config.xml\nkill -KILL 0\n",

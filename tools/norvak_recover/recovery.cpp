@@ -89,10 +89,12 @@ void remove_settled_settings(const std::string& install_dir) {
 /// earlier update stay until they are restored: they are the original ones.
 void keep_settings(const RunRecord& record, const std::string& install_dir) {
   remove_settled_settings(install_dir);
-  if (record.type != UpdateType::kSoft || tools::read_kept_settings()) return;
-  const tools::KeptSettings kept = {
-      record.version, record.update_type,
-      version::read_version_file(install_dir + agent_files::kSoftVersionFile).value_or("")};
+  const bool known = !record.version.empty() || !record.update_type.empty();
+  const std::string offered = install_dir + agent_files::kSoftVersionFile;
+  // The updater has this file from before the installation until after the carry-over.
+  if (!known || !utility::exists(offered) || tools::read_kept_settings()) return;
+  const tools::KeptSettings kept = {record.version, record.update_type,
+                                    version::read_version_file(offered).value_or("")};
   const std::vector<tools::LostSetting> lost =
       tools::lost_settings(kept, install_dir + agent_files::kConfig);
   if (lost.empty()) return;

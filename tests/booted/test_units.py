@@ -5,7 +5,8 @@ import subprocess
 
 import pytest
 from harness import Reply, config_xml, package, rules, software, unused_address, web_server
-from installation import MODULES, RECOVERY, ROOT, STATE, publish, publish_modules
+from installation import (MODULES, RECOVERY, ROOT, STATE, Installation, publish,
+                          publish_modules)
 
 
 def start(host, kind):
@@ -167,6 +168,60 @@ def test_an_agent_that_is_its_own_startup_script_is_recovered(host):
                "exec ./norvak_agent 100000\n", 0o755)
     assert not start(host, "soft")
     assert_in_good_order(host)
+
+
+# A new agent that ends at once. Each start of it is noted.
+DYING = """\
+#!/bin/sh
+cd "$(dirname "$0")" || exit 1
+echo started >>starts
+setsid ./norvak_agent 0 </dev/null >/dev/null 2>&1 &
+echo $! >norvak.pid
+"""
+
+
+def test_an_agent_that_dies_at_its_start_fails_the_unit_once(root_name, make_machine, server):
+    """After a start by the updater the recovery tries once more; then nobody tries again."""
+    starts = {"soft": 2, "rules": 1}
+    hosts = {}
+    for kind in starts:  # at the same time, because they wait for half a minute, twice
+        machine = make_machine(root_name)
+        machine.boot()
+        host = hosts[kind] = Installation(machine, server.url)
+        publish(server, host)
+        host.lay_out(startup=DYING)
+        machine.run("systemctl", "start", "--no-block", f"norvak-update@{kind}.service")
+    for kind, host in hosts.items():
+        host.machine.wait_until_idle(f"norvak-update@{kind}.service")
+        assert host.machine.property(f"norvak-update@{kind}.service", "ActiveState") == "failed"
+        host.machine.wait_until_idle(RECOVERY)
+        assert "startup.sh did not start it" in journal(host, kind)
+        assert not host.machine.file(f"{STATE}/kept_settings").exists()
+        status = host.machine.attempt("norvak_host", "status", kind)
+        assert (status.returncode, "the agent is not running" in status.stdout) == (2, True)
+        # That the agent does not run is no reason for later runs to fail, or to start it.
+        host.write(rules.CURRENT, f"{rules.digest(rules.NEW_RULES)}\n")
+        assert start(host, kind), journal(host, kind)
+        assert host.file("starts").read_text() == "started\n" * starts[kind]
+
+
+# An agent of more than one process that starts other programs all the time, for a moment each.
+BUSY = """\
+#!/bin/sh
+cd "$(dirname "$0")" || exit 1
+setsid ./busy_agent </dev/null >/dev/null 2>&1 &
+echo $! >norvak.pid
+"""
+
+
+def test_the_programs_that_an_agent_starts_do_not_keep_it_in_the_unit(host):
+    host.write("busy_agent", "#!/bin/sh\n"
+               "for i in 1 2 3; do while :; do sleep 0.003; done & done\nwait\n", 0o755)
+    host.write("startup.sh", BUSY, 0o755)
+    assert start(host, "soft"), journal(host, "soft")
+    pid = host.file("norvak.pid").read_text().strip()
+    assert host.control_group(pid).startswith("norvak-agent-")
+    host.machine.run("kill", "-KILL", "--", f"-{pid}")
 
 
 def test_an_agent_that_an_administrator_stopped_stays_stopped(host):

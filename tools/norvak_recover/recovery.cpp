@@ -233,7 +233,7 @@ Result end_run(UpdateType type) {
   const std::string install_dir = CUnixHelper::get_norvak_path();
   const std::optional<RunRecord> record = read_run_record();
   if (!record) return Result::kDone;
-  if (type == UpdateType::kSoft && is_in_own_unit() && !move_to_scope(find_unit_companions())) {
+  if (type == UpdateType::kSoft && is_in_own_unit() && !move_companions_to_scope()) {
     report("the agent gets no scope of its own and will be started again; is D-Bus running?");
     return Result::kFailed;
   }

@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <ctime>
+#include <iterator>
 #include <string>
 #include <string_view>
 
@@ -22,6 +23,8 @@ constexpr char kSystemdDir[] = "/run/systemd/system";
 constexpr std::string_view kUnitPrefix = "norvak-update@";
 constexpr int kMaxLineBytes = 8192;
 constexpr int kMoveSeconds = 10;
+constexpr int kMaxMoves = 5;
+constexpr useconds_t kBetweenLooksMicroseconds = 200'000;
 constexpr int kCannotRun = 127;  // exit status, as of a shell
 
 /// The control group that systemd has put the process in; empty if the process has ended.
@@ -50,6 +53,31 @@ std::vector<pid_t> ancestors_of(pid_t pid) {
     ancestors.push_back(parent);
   }
   return ancestors;
+}
+
+/// The processes in the control group of this process, without itself and its ancestors.
+std::vector<pid_t> find_companions() {
+  const std::string own = control_group(::getpid());
+  const std::vector<pid_t> ancestors = ancestors_of(::getpid());
+  std::vector<pid_t> companions;
+  for (const pid_t pid : tools::all_processes()) {
+    const bool in_family =
+        pid == ::getpid() || std::find(ancestors.begin(), ancestors.end(), pid) != ancestors.end();
+    if (!in_family && control_group(pid) == own) companions.push_back(pid);
+  }
+  return companions;
+}
+
+/// Those that are there at two moments.
+std::vector<pid_t> find_lasting_companions() {
+  const std::vector<pid_t> before = find_companions();
+  (void)::usleep(kBetweenLooksMicroseconds);
+  const std::vector<pid_t> after = find_companions();
+  std::vector<pid_t> lasting;
+  std::copy_if(before.begin(), before.end(), std::back_inserter(lasting), [&](pid_t pid) {
+    return std::find(after.begin(), after.end(), pid) != after.end();
+  });
+  return lasting;
 }
 
 /// Runs a program of PATH without output and waits for it. Errors that it prints remain visible.
@@ -85,18 +113,6 @@ bool is_in_own_unit() {
   return group.compare(group.rfind('/') + 1, kUnitPrefix.size(), kUnitPrefix) == 0;
 }
 
-std::vector<pid_t> find_unit_companions() {
-  const std::string own = control_group(::getpid());
-  const std::vector<pid_t> ancestors = ancestors_of(::getpid());
-  std::vector<pid_t> companions;
-  for (const pid_t pid : tools::all_processes()) {
-    const bool in_family =
-        pid == ::getpid() || std::find(ancestors.begin(), ancestors.end(), pid) != ancestors.end();
-    if (!in_family && control_group(pid) == own) companions.push_back(pid);
-  }
-  return companions;
-}
-
 bool move_to_scope(const std::vector<pid_t>& pids) {
   if (pids.empty()) return true;
   // The time, because an older scope of a process with the same id may still exist.
@@ -125,6 +141,17 @@ bool move_to_scope(const std::vector<pid_t>& pids) {
            return std::all_of(pids.begin(), pids.end(),
                               [&](pid_t pid) { return is_in_group_named(pid, name); });
          });
+}
+
+bool move_companions_to_scope() {
+  std::vector<pid_t> companions = find_companions();
+  for (int moves = 0; moves < kMaxMoves; ++moves) {
+    // It fails if one of them has ended, and misses what they have started meanwhile.
+    (void)move_to_scope(companions);
+    if (find_companions().empty()) return true;
+    companions = find_lasting_companions();
+  }
+  return false;
 }
 
 }  // namespace recover

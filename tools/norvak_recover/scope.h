@@ -14,12 +14,14 @@ namespace recover {
 /// processes in it.
 [[nodiscard]] bool is_in_own_unit();
 
-/// The processes in the control group of this process, without itself and its ancestors.
-[[nodiscard]] std::vector<pid_t> find_unit_companions();
-
 /// Moves processes into a new scope of systemd and waits until they are there, at most 10 seconds.
 /// They then survive the end of the unit that started them.
 /// @return false if a live process is still elsewhere, for example because D-Bus is not running
 [[nodiscard]] bool move_to_scope(const std::vector<pid_t>& pids);
+
+/// Moves the other processes in the control group of this process into a scope, except its ancestors,
+/// and waits for the end of those that live only for a moment. Tries five times at most.
+/// @return false if a process is still there
+[[nodiscard]] bool move_companions_to_scope();
 
 }  // namespace recover

@@ -53,6 +53,9 @@ programs from the agent's update server, verifies what has a published
 digest, installs it, and restarts or stops the agent where needed.
 Nothing runs until an administrator enables it.")
 
+# The agent's scope is asked for on the system bus. rpm learned such weak dependencies too late.
+set(CPACK_DEBIAN_PACKAGE_RECOMMENDS dbus)
+
 set(CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA)
 foreach(script IN ITEMS postinst prerm postrm)
   list(APPEND CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA ${CMAKE_CURRENT_SOURCE_DIR}/maintainer/${script})

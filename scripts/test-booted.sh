@@ -5,8 +5,8 @@
 # Usage: test-booted.sh [--full]
 #
 # --full kills a run at each of its system calls instead of a sample, and stops the system suddenly
-# at more of them. Needs root. Makes the host package if build/packages does not have it. The exit
-# status is 77 where roots (roots.sh) are not possible.
+# at more of them. Needs root. Makes the host package, unless build/packages has one that is newer
+# than everything it is made from. The exit status is 77 where roots (roots.sh) are not possible.
 set -euo pipefail
 . "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
 . "$project/scripts/roots.sh"
@@ -21,16 +21,19 @@ install_packages "${booted_test_packages[@]}"
 make_booted_root 12
 make_booted_root 13
 
-package() {
-  find build/packages -maxdepth 1 -name 'norvak-update_*_amd64.deb' 2>/dev/null | head -n 1
-}
-if [[ -z $(package) ]]; then
+made_from=(CHANGELOG.md CMakeLists.txt cmake deploy packaging src tools
+  scripts/{lib,package,roots}.sh)
+mkdir -p build/packages
+package=$(find build/packages -maxdepth 1 -name 'norvak-update_*_amd64.deb')
+if [[ ! -f $package || -n $(find "${made_from[@]}" -newer "$package" -print -quit) ]]; then
+  rm -f build/packages/norvak-update_*_amd64.deb  # or there may be several, of different versions
   ./scripts/package.sh amd64
+  package=$(echo build/packages/norvak-update_*_amd64.deb)
 fi
 
 tree=$(mktemp -d)
 trap 'rm -rf "$tree"' EXIT
-dpkg-deb --extract "$(package)" "$tree"
+dpkg-deb --extract "$package" "$tree"
 
 # Both at once: most of the time the tests wait.
 run() {

@@ -49,7 +49,7 @@ def test_a_rotation_during_a_thousand_runs_loses_no_line(host, change_runner, sl
     assert lines.count("\n") == 2 * _RUNS
     assert len(logs(host)) > 3
     # Under another name, nobody looks for the lines.
-    assert [name for name in logs(host) if not re.fullmatch(r"update\.log(\.\d+(\.gz)?)?", name)] == []
+    assert all(re.fullmatch(r"update\.log(\.\d+(\.gz)?)?", name) for name in logs(host))
     status = host.file("runlog/update.log").stat()
     assert (status.st_uid, status.st_gid, status.st_mode & 0o7777) == (1, 1, 0o640)
 
@@ -60,7 +60,8 @@ def test_ten_old_logs_are_kept_the_newest_as_it_was(host, change_runner):
     for number in range(12):
         host.write("runlog/update.log", f"{number}\n")
         assert host.machine.start(_ROTATE), host.machine.journal(_ROTATE)
-    assert logs(host) == {"update.log", "update.log.1", *(f"update.log.{n}.gz" for n in range(2, 11))}
+    compressed = {f"update.log.{number}.gz" for number in range(2, 11)}
+    assert logs(host) == {"update.log", "update.log.1"} | compressed
     assert host.file("runlog/update.log").read_bytes() == b""
     assert host.file("runlog/update.log.1").read_text() == "11\n"
     assert gzip.decompress(host.file("runlog/update.log.10.gz").read_bytes()) == b"2\n"

@@ -1,6 +1,5 @@
 """The units in booted systems: every update, every outcome."""
 
-import pathlib
 import subprocess
 
 import pytest
@@ -396,15 +395,3 @@ def test_an_enabled_timer_waits_for_its_time(machine):
         assert machine.property(timer, "Persistent") == "yes"
         assert machine.property(timer, "NextElapseUSecRealtime")
         machine.run("systemctl", "disable", "--now", timer)
-
-
-def test_the_commands_of_the_page_about_installing_work(machine):
-    page = (pathlib.Path(__file__).parents[2] / "docs/installing.md").read_text()
-    section = page.split("## Schedule")[1].split("\n## ")[0]
-    commands = [line.split("#")[0].strip() for line in section.splitlines()
-                if line.startswith("    ")]
-    assert any(command.startswith("systemctl enable") for command in commands)
-    for command in commands:
-        machine.run("sh", "-c", command)
-    machine.run("systemctl", "disable", "--now", *(
-        f"norvak-update@{kind}.timer" for kind in ("soft", "kernel", "rules")))

@@ -96,11 +96,14 @@ def test_the_dependencies_accept_the_package_names_of_every_release(architecture
     c_library, libcurl = depends.split(", ")
     assert re.fullmatch(r"libc6 \(>= 2\.\d+\)", c_library)
     assert libcurl == "libcurl4t64 | libcurl4 | libcurl3"
+    # Without the system bus the agent gets no scope, and is started a second time after an update.
+    assert output("dpkg-deb", "--field", packages.host_deb(architecture), "Recommends").strip() == "dbus"
 
 
 def test_debuggers_find_the_symbols(unpack, packages, tmp_path):
     [symbols] = [file for file in packages.debug() if file.name.startswith("norvak-update-dbgsym")
                  and file.name.endswith("_amd64.deb")]
+    assert output("dpkg-deb", "--field", symbols, "Recommends").strip() == ""
     output("dpkg-deb", "--extract", symbols, tmp_path)
     for program in (unpack("amd64") / "usr/sbin").iterdir():
         build_id = re.search("Build ID: (..)(.+)", output("readelf", "--notes", program))

@@ -19,8 +19,8 @@ namespace recover {
 /// @return false if a live process is still elsewhere, for example because D-Bus is not running
 [[nodiscard]] bool move_to_scope(const std::vector<pid_t>& pids);
 
-/// Moves the other processes in the control group of this process into a scope, except its ancestors,
-/// and waits for the end of those that live only for a moment. Tries five times at most.
+/// Moves the other processes in the control group of this process, except its ancestors, into a
+/// scope, and waits for the end of those that live only for a moment. Makes up to five attempts.
 /// @return false if a process is still there
 [[nodiscard]] bool move_companions_to_scope();
 

@@ -11,8 +11,8 @@ project=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
   demo_packages=(nginx tar mount util-linux bsdutils)
   test_packages=(acl libgtest-dev python3 python3-jsonschema python3-pytest nginx strace tar mount
     util-linux man-db mandoc busybox zsh)
-  booted_test_packages=(debootstrap systemd-container dpkg-dev python3-pytest nginx logrotate mount
-    util-linux)
+  booted_test_packages=(debootstrap systemd-container dpkg-dev python3-pytest python3-pytest-xdist
+    nginx logrotate mount util-linux)
   package_test_packages=(debootstrap g++ lintian rpm rpmlint dpkg-dev python3-pytest nginx mount
     util-linux)
   # Ubuntu has them as snaps only; tests that need a browser are skipped there.

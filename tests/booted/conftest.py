@@ -17,12 +17,13 @@ from harness import ScriptedServer, running_nginx  # noqa: E402
 def pytest_addoption(parser):
     parser.addoption("--tree", type=pathlib.Path, required=True,
                      help="directory with the files of the host package")
-    parser.addoption("--full", action="store_true", help="every kill point, in every system")
+    parser.addoption("--full", action="store_true", help="every kill point, in all systems")
 
 
 def pytest_generate_tests(metafunc):
     if "root_name" in metafunc.fixturenames:
-        metafunc.parametrize("root_name", ["booted-12", "booted-13"], scope="session")
+        roots = ["booted-12", "booted-13"] if metafunc.config.getoption("--full") else ["booted-12"]
+        metafunc.parametrize("root_name", roots, scope="session")
 
 
 @pytest.fixture(scope="session")

@@ -8,7 +8,8 @@
 
 namespace published_digest {
 
-/// At most this much of a line is compared, unless a function says otherwise.
+/// How much of a first line verify_module(), verify_rules(), nginx_identification() and
+/// same_nginx_build() read.
 inline constexpr std::size_t kMaxLineBytes = 127;
 
 /// What the digest list of a kernel module says about the installed module.
@@ -19,7 +20,8 @@ enum class ModuleState {
   kCurrent,     ///< the list's only line is exactly the digest, without white space around it
 };
 
-/// Compares a digest list, of which two lines are read, with the installed module.
+/// Compares a digest list with the installed module. As for is_list() and announces_new_rules(), a
+/// line of more than 1023 bytes, its line feed included, counts as several.
 [[nodiscard]] ModuleState compare_module(const std::string& list_path,
                                          const std::string& module_path);
 
@@ -27,7 +29,8 @@ enum class ModuleState {
 /// around it is ignored.
 [[nodiscard]] bool verify_module(const std::string& list_path, const std::string& module_path);
 
-/// The digest of the rules that the agent runs: the first line of @a record_path.
+/// The digest of the rules that the agent runs: the first line of @a record_path, at most 1023
+/// bytes of it, without its line feed.
 /// @return empty if there is no such file; nothing if it cannot be read
 [[nodiscard]] std::optional<std::string> current_rules(const std::string& record_path);
 

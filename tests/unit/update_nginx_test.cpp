@@ -55,7 +55,6 @@ class UpdateNginx : public UpdaterTest {
 
   [[nodiscard]] std::string program() const { return agent("nginx/bin/nginx"); }
   [[nodiscard]] std::string line() const { return agent("nginx/md5"); }
-  [[nodiscard]] std::string downloaded_line() const { return agent("update_norvak_nginx/md5"); }
 
   [[nodiscard]] int download() { return updater_.download_nginx("1.22", "64-bit"); }
 

@@ -213,6 +213,7 @@ TEST_F(UpdateRule, ADigestInCapitalsPassesTheCheckButNotTheVerification) {
   EXPECT_EQ(updater_.download_tarn_rules_file(), -1);
   EXPECT_EQ(log_messages(), Lines({kRefused}));
   EXPECT_EQ(read_file(rules()), kOldRules);
+  EXPECT_EQ(read_file(downloaded_rules()), kRules);
 }
 
 TEST_F(UpdateRule, RulesThatCannotBeDownloadedAreNotInstalled) {

@@ -17,7 +17,7 @@ namespace {
 
 constexpr int kAttempts = 20000;
 
-/// Waits for @a condition, a millisecond between two attempts.
+/// Waits for @a condition, and checks it every millisecond.
 /// @return false if it did not become true
 template <typename Condition>
 bool comes_true(Condition condition) {
@@ -28,7 +28,7 @@ bool comes_true(Condition condition) {
   return false;
 }
 
-/// A process that runs its program from the construction on; killed at the end.
+/// A process that already runs its program when the constructor returns. The destructor kills it.
 class Child {
  public:
   Child(std::vector<std::string> command, const std::string& directory) {

@@ -24,7 +24,7 @@ constexpr std::string_view kUnitPrefix = "norvak-update@";
 constexpr int kMaxLineBytes = 8192;
 constexpr int kMoveSeconds = 10;
 constexpr int kMaxMoves = 5;
-constexpr useconds_t kBetweenLooksMicroseconds = 200'000;
+constexpr useconds_t kRecheckMicroseconds = 200'000;
 constexpr int kCannotRun = 127;  // exit status, as of a shell
 
 /// The control group that systemd has put the process in; empty if the process has ended.
@@ -68,10 +68,10 @@ std::vector<pid_t> find_companions() {
   return companions;
 }
 
-/// Those that are there at two moments.
+/// The companions that still exist 0.2 seconds later, which leaves out programs that end at once.
 std::vector<pid_t> find_lasting_companions() {
   const std::vector<pid_t> before = find_companions();
-  (void)::usleep(kBetweenLooksMicroseconds);
+  (void)::usleep(kRecheckMicroseconds);
   const std::vector<pid_t> after = find_companions();
   std::vector<pid_t> lasting;
   std::copy_if(before.begin(), before.end(), std::back_inserter(lasting), [&](pid_t pid) {

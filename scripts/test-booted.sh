@@ -5,9 +5,9 @@
 # Usage: test-booted.sh [--full]
 #
 # Tests in Debian 12; with --full, in Debian 13 too. --full also kills a run at each of its system
-# calls instead of a sample, and stops the system suddenly at more of them. Needs root. Makes the host
-# package, unless build/packages has one that is newer than everything it is made from. The exit
-# status is 77 where roots (roots.sh) are not possible.
+# calls instead of a sample, and stops the system suddenly at more of them. Needs root. Makes the
+# host package, unless build/packages has one that is newer than everything it is made from. The
+# exit status is 77 where roots (roots.sh) are not possible.
 set -euo pipefail
 . "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
 . "$project/scripts/roots.sh"

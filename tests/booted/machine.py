@@ -14,7 +14,7 @@ _COMMAND_SECONDS = 120
 # Where systemd keeps its control groups: version 2, the hybrid layout, version 1.
 _HIERARCHIES = [pathlib.Path(path) for path in (
     "/sys/fs/cgroup", "/sys/fs/cgroup/unified", "/sys/fs/cgroup/systemd")]
-_MEMORY_GROUPS = pathlib.Path("/sys/fs/cgroup/memory")  # of version 1; not there with version 2
+_MEMORY_GROUPS = pathlib.Path("/sys/fs/cgroup/memory")  # exists with version 1 only
 _ENVIRONMENT = {"PATH": "/usr/sbin:/usr/bin:/sbin:/bin", "HOME": "/root", "LC_ALL": "C.UTF-8"}
 
 # Nothing that is tested here needs them, and each of them slows down the boot.

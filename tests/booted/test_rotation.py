@@ -14,7 +14,7 @@ _RUNS = 1000
 _ROTATE = "norvak-update-rotate.service"
 _LOG = f"{ROOT}/runlog/update.log"
 
-# Between the renaming of the log and all that follows there is time for many runs.
+# Waits after the renaming of the log, so that many runs write before logrotate continues.
 _SLOW_LOGROTATE = f"""\
 #!/bin/sh
 exec strace -f -o /dev/null -P {_LOG} -e trace=rename -e inject=rename:delay_exit=100000 \
@@ -32,7 +32,7 @@ def slow_logrotate(machine):
 
 
 def logs(host):
-    """The names of the update log and of what became of its predecessors."""
+    """The names of the update log and of its rotated predecessors."""
     return {path.name for path in host.file("runlog").iterdir()}
 
 
@@ -65,7 +65,7 @@ def test_ten_old_logs_are_kept_the_newest_as_it_was(host, change_runner):
     assert host.file("runlog/update.log").read_bytes() == b""
     assert host.file("runlog/update.log.1").read_text() == "11\n"
     assert gzip.decompress(host.file("runlog/update.log.10.gz").read_bytes()) == b"2\n"
-    # It names commands that root runs.
+    # It contains commands that root runs, so nobody else may write to it.
     assert host.machine.file(f"{STATE}/logrotate.conf").stat().st_mode & 0o7777 == 0o600
 
 

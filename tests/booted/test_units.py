@@ -169,7 +169,7 @@ def test_an_agent_that_is_its_own_startup_script_is_recovered(host):
     assert_in_good_order(host)
 
 
-# A new agent that ends at once. Each start of it is noted.
+# A new agent that ends at once. The file starts has a line for each start.
 DYING = """\
 #!/bin/sh
 cd "$(dirname "$0")" || exit 1
@@ -183,7 +183,7 @@ def test_an_agent_that_dies_at_its_start_fails_the_unit_once(root_name, make_mac
     """After a start by the updater the recovery tries once more; then nobody tries again."""
     starts = {"soft": 2, "rules": 1}
     hosts = {}
-    for kind in starts:  # at the same time, because they wait for half a minute, twice
+    for kind in starts:  # at the same time, because each of them waits for half a minute or more
         machine = make_machine(root_name)
         machine.boot()
         host = hosts[kind] = Installation(machine, server.url)
@@ -204,7 +204,7 @@ def test_an_agent_that_dies_at_its_start_fails_the_unit_once(root_name, make_mac
         assert host.file("starts").read_text() == "started\n" * starts[kind]
 
 
-# An agent of more than one process that starts other programs all the time, for a moment each.
+# An agent with several processes, each of which constantly starts short-lived programs.
 BUSY = """\
 #!/bin/sh
 cd "$(dirname "$0")" || exit 1
@@ -263,8 +263,8 @@ def memory_kills():
 
 @pytest.mark.parametrize("victim", ["tail", "norvak_update", "run"])
 def test_a_process_of_the_run_that_is_killed_for_want_of_memory_is_recovered(host, victim):
-    # "tail" keeps all that it reads in memory: there is no line end. None of the two gets so large
-    # that the kernel prefers it to a process with the score 1000.
+    # Each "tail" keeps in memory all that it reads, as there is no line end. Neither gets so large
+    # that the kernel chooses it instead of a process with the score 1000.
     host.write("tool/tar", f"#!/bin/sh\nread -r _ <{ROOT}/go\n"
                "tail /dev/zero &\nexec tail /dev/zero\n", 0o755)
     host.machine.run("mkfifo", f"{ROOT}/go")

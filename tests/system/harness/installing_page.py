@@ -1,5 +1,5 @@
-"""The commands of docs/installing.md. tests/packages and tests/booted run them, tests/docs checks that
-they run all of them."""
+"""The commands of docs/installing.md. tests/packages and tests/booted run them; tests/docs checks
+that no command is left out."""
 
 import pathlib
 import re

@@ -13,7 +13,6 @@
 #include <map>
 #include <sstream>
 #include <string>
-#include <vector>
 
 #include "test_support.h"
 #include "utility/file.h"

@@ -5,8 +5,6 @@
 #include <unistd.h>
 #include <utime.h>
 
-#include <algorithm>
-
 #include "agent_package_reader.h"
 #include "failure.h"
 #include "test_support.h"

@@ -1,9 +1,7 @@
 #include "files.h"
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include "failure.h"
 #include "test_support.h"

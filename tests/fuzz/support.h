@@ -44,15 +44,13 @@ class Fields {
 /// @a bytes up to the first NUL.
 std::string before_nul(const std::string& bytes);
 
-/// A directory that only this process sees: a file system in memory, mounted over /var/log.
-inline constexpr char kDirectory[] = "/var/log";
-
-/// In it: the file that names the agent's install directory, and that directory.
+/// The file that names the agent's install directory, and that directory. Both are in a file system
+/// in memory that is mounted over /var/log and that only this process sees.
 inline constexpr char kInstallPathFile[] = "/var/log/version_control";
 inline constexpr char kInstallPath[] = "/var/log/agent";
 
-/// Mounts the directory and creates both. If the host does not allow private mount namespaces, ends
-/// the process with kCannotRun, which counts as skipped. To be called by LLVMFuzzerInitialize.
+/// Mounts that file system and creates both. If the host does not allow private mount namespaces,
+/// ends the process with kCannotRun, which counts as skipped. To be called by LLVMFuzzerInitialize.
 void enter_private_directory();
 
 inline constexpr int kCannotRun = 4;

@@ -13,7 +13,6 @@ namespace {
 
 using publish::PackageContents;
 using publish::PackageEntry;
-using test_support::exists;
 using test_support::read_file;
 using test_support::ScratchDirectory;
 using test_support::write_file;

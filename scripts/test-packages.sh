@@ -5,9 +5,9 @@
 #
 # Usage: test-packages.sh [--full]
 #
-# Tests the package norvak-update for x86-64 in Debian 12; with --full, all packages in Debian 11, 12
-# and 13, and the system tests in a 32-bit system too. The exit status is 77 where roots (roots.sh)
-# are not possible.
+# Tests the package norvak-update for x86-64 in Debian 12; with --full, all packages in Debian 11,
+# 12 and 13, and the system tests in a 32-bit system too. The exit status is 77 where roots
+# (roots.sh) are not possible.
 set -euo pipefail
 . "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
 . "$project/scripts/roots.sh"

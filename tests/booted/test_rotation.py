@@ -10,7 +10,7 @@ from harness import rules, web_server
 from installation import ROOT, STATE
 
 _RUNNER = "/usr/lib/norvak-update/run"
-_RUNS = 1000
+_LEAST_RUNS = 1000
 _ROTATE = "norvak-update-rotate.service"
 _LOG = f"{ROOT}/runlog/update.log"
 
@@ -40,13 +40,25 @@ def test_a_rotation_during_a_thousand_runs_loses_no_line(host, change_runner, sl
     change_runner({"size 1M": "size 1", "rotate 10": "rotate 10000"})
     host.machine.run("chown", "1:1", _LOG)
     host.file("runlog/update.log").chmod(0o640)
-    # Each of these runs writes one line, and an empty one.
-    host.machine.run("sh", "-c", f"""
-        seq {_RUNS} | xargs -P 50 -I{{}} sh -c 'norvak_update 7 || true' &
-        while kill -0 $! 2>/dev/null; do {_RUNNER} rotate || exit 1; done""", seconds=200)
+    # Each of these runs writes one line, and an empty one. They go on until the log was rotated
+    # several times.
+    runs = int(host.machine.run("sh", "-c", f"""
+        {{
+          runs=0
+          until [ $runs -ge {_LEAST_RUNS} ] && [ -e /tmp/rotated ]; do
+            seq 100 | xargs -P 50 -I{{}} sh -c 'norvak_update 7 || true'
+            runs=$((runs + 100))
+          done
+          echo $runs
+        }} &
+        until [ $(ls {ROOT}/runlog | wc -l) -gt 3 ]; do
+          {_RUNNER} rotate >&2 || break
+        done
+        touch /tmp/rotated
+        wait""", seconds=200))
     lines = host.machine.run("sh", "-c", f"cd {ROOT}/runlog && zcat -f update.log*")
-    assert lines.count("Unknow update type.") == _RUNS
-    assert lines.count("\n") == 2 * _RUNS
+    assert lines.count("Unknow update type.") == runs
+    assert lines.count("\n") == 2 * runs
     assert len(logs(host)) > 3
     # Under another name, nobody looks for the lines.
     assert all(re.fullmatch(r"update\.log(\.\d+(\.gz)?)?", name) for name in logs(host))

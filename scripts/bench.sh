@@ -5,7 +5,7 @@
 #
 # Installs the packages it needs, builds the presets release and bench, and runs
 # bench/side_by_side.py in a sandbox. If measurements are named (see that script), it runs only
-# these and does not write the page; "micro" runs the micro-benchmarks. Needs five minutes on a
+# these and does not write the page; "micro" runs the micro-benchmarks. Needs ten minutes on a
 # quiet machine and 4 GB of memory. Reports results that are uncertain because the machine was too
 # busy.
 set -euo pipefail
